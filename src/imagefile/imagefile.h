@@ -1,0 +1,65 @@
+// Everything that touches image files: the accepted types, loading, the type a
+// trimmed image is written as, writing, and the file-name rules shared by the
+// window and the command-line tool.
+#pragma once
+
+#include <optional>
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+#include <vips/vips8>
+
+#include "imagefile/imagetype.h"
+
+namespace orvane::ImageFile {
+
+/// PNG, JPEG, TIFF, BMP, GIF, HEIC, HEIF, WebP, in that order.
+const QList<ImageType>& acceptedTypes();
+
+/// Prepares libvips for Orvane: only our own loaders may run, the operation
+/// cache is off (a reload after a save must see the new file). Call once,
+/// after VIPS_INIT, before any other function here. Idempotent.
+void initialise();
+
+struct LoadResult {
+    vips::VImage image; ///< the first frame, fully decoded into memory, unrotated
+    ImageType type;     ///< from the content, else the lower-cased extension, else PNG
+};
+
+/// Decodes the file at path. Absent for a missing or unreadable file, one
+/// that is not an image Orvane accepts, one that is truncated or corrupt, or
+/// one whose decoded size would not fit into the memory really available.
+/// Thread-safe; produces no messages.
+std::optional<LoadResult> load(const QString& path);
+
+/// The type a trimmed image of this type is written as: the type itself when
+/// this libvips can encode it, else JPEG for JPEG-like types, else PNG.
+/// Asks libvips afresh on every call.
+ImageType writableType(const ImageType& type);
+
+/// Writes image to path in writableType(type): JPEG at quality 92; no metadata
+/// of the source but the ICC profile. An existing file is replaced atomically:
+/// on failure the old file stays byte for byte and no partial file is left.
+/// True when the file was written completely. Produces no messages.
+bool save(const vips::VImage& image, const QString& path, const ImageType& type);
+
+/// Whether the name's lower-cased extension names a type that conforms to
+/// one of the accepted types. Looks at the name only.
+bool isAccepted(const QString& path);
+
+/// File-name order: case ignored, runs of digits by value (2.png before 10.png),
+/// the same in every locale, the C locale included. True when a sorts before b.
+bool fileNameLessThan(const QString& a, const QString& b);
+
+/// Each folder replaced by the accepted image files directly inside it
+/// (hidden entries skipped, subfolders never entered), sorted by file name;
+/// every other path kept as it is, unchecked. Input order is kept.
+QStringList expandingFolders(const QStringList& paths);
+
+/// The name "Save as New…" proposes: photo.JPG → photo-cropped.JPG,
+/// archive.tar.png → archive.tar-cropped.png, scan of type TIFF → scan-cropped.tiff.
+QString proposedName(const QString& fileName, const ImageType& type);
+
+} // namespace orvane::ImageFile
