@@ -1,0 +1,31 @@
+// Runs the images of a batch on several threads and hands the results back in
+// input order, with a bounded number of images in flight.
+#pragma once
+
+#include <functional>
+
+#include "cli/trimjob.h"
+
+namespace orvane {
+
+class BatchRunner {
+public:
+    using Work = std::function<TrimResult(qsizetype index)>;
+    using Deliver = std::function<void(qsizetype index, TrimResult&& result)>;
+
+    /// workers: threads that call work (at least 1). window: how far past the
+    /// oldest undelivered index a worker may start (at least workers), which
+    /// bounds both the images in flight and the results waiting for delivery.
+    BatchRunner(int workers, int window);
+
+    /// Calls work(i) for every i in 0 … count − 1 on the worker threads and
+    /// deliver(i, result) on the calling thread in increasing i. Returns when
+    /// everything was delivered; the threads are gone by then.
+    void run(qsizetype count, const Work& work, const Deliver& deliver) const;
+
+private:
+    int m_workers;
+    int m_window;
+};
+
+} // namespace orvane

@@ -1,0 +1,144 @@
+#include "cli/trimjob.h"
+
+#include <algorithm>
+
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+
+#include "imagefile/imagefile.h"
+
+namespace orvane {
+
+namespace {
+
+QString writeFailure(const QString& path)
+{
+    return QStringLiteral("Couldn’t write to “%1”.").arg(QFileInfo(path).fileName());
+}
+
+// An image with nothing to trim is passed on as the very same bytes, never
+// re-encoded; QSaveFile makes the copy appear whole or not at all.
+bool copyAtomically(const QString& from, const QString& to)
+{
+    QFile source(from);
+    if (!source.open(QIODevice::ReadOnly))
+        return false;
+    QSaveFile target(to);
+    if (!target.open(QIODevice::WriteOnly))
+        return false;
+    QByteArray chunk;
+    for (;;) {
+        chunk = source.read(1 << 20);
+        if (chunk.isEmpty())
+            break;
+        if (target.write(chunk) != chunk.size()) {
+            target.cancelWriting();
+            break;
+        }
+    }
+    if (source.error() != QFileDevice::NoError)
+        target.cancelWriting();
+    return target.commit();
+}
+
+// Whether two paths name one file, so that a copy onto itself is skipped.
+bool sameFile(const QString& a, const QString& b)
+{
+    const QString ca = QFileInfo(a).canonicalFilePath();
+    return !ca.isEmpty() && ca == QFileInfo(b).canonicalFilePath();
+}
+
+} // namespace
+
+PixelRect TrimJob::withMargin(const PixelRect& rect, std::int64_t margin, std::int64_t width,
+                              std::int64_t height)
+{
+    const std::int64_t left = std::max<std::int64_t>(0, rect.x - margin);
+    const std::int64_t top = std::max<std::int64_t>(0, rect.y - margin);
+    const std::int64_t right = std::min(width, rect.x + rect.width + margin);
+    const std::int64_t bottom = std::min(height, rect.y + rect.height + margin);
+    return {left, top, right - left, bottom - top};
+}
+
+TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
+{
+    TrimResult result;
+    result.path = task.path;
+    if (!task.error.isEmpty()) {
+        result.error = task.error;
+        return result;
+    }
+
+    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(task.path);
+    if (!loaded) {
+        // The file may have gone between listing and decoding.
+        result.error = QFileInfo::exists(task.path) ? QStringLiteral("Couldn’t be opened.")
+                                                    : QStringLiteral("No such file or folder.");
+        return result;
+    }
+    const std::optional<CropEngine::Buffer> buffer = CropEngine::Buffer::make(loaded->image);
+    if (!buffer) {
+        result.error = QStringLiteral("Couldn’t be opened.");
+        return result;
+    }
+
+    result.decoded = true;
+    result.type = loaded->type.mimeName();
+    result.width = buffer->width();
+    result.height = buffer->height();
+    for (const double tolerance : options.tolerances) {
+        std::optional<PixelRect> rect = CropEngine::contentRect(*buffer, tolerance);
+        if (rect && options.margin > 0)
+            rect = withMargin(*rect, options.margin, result.width, result.height);
+        result.rects.append({tolerance, rect});
+    }
+
+    if (options.dryRun) {
+        result.status = TrimResult::Status::Measured;
+        return result;
+    }
+
+    const std::optional<PixelRect>& rect = result.rects.first().second;
+    if (!rect) {
+        result.status = TrimResult::Status::Nothing;
+        return result;
+    }
+
+    const bool whole = rect->width == result.width && rect->height == result.height;
+    const bool overSource = options.destination == TrimOptions::Destination::InPlace;
+    if (whole && options.destination != TrimOptions::Destination::Folder) {
+        result.status = TrimResult::Status::Unchanged;
+        return result;
+    }
+    if (!overSource && !options.overwrite && QFileInfo::exists(task.output)) {
+        result.status = TrimResult::Status::Exists;
+        result.existing = task.output;
+        return result;
+    }
+
+    if (whole) {
+        if (!sameFile(task.path, task.output) && !copyAtomically(task.path, task.output)) {
+            result.error = writeFailure(task.output);
+            return result;
+        }
+        result.status = TrimResult::Status::Unchanged;
+        result.output = task.output;
+        return result;
+    }
+
+    const std::optional<vips::VImage> cropped = CropEngine::crop(*buffer, *rect);
+    if (!cropped) {
+        result.error = QStringLiteral("Couldn’t be trimmed.");
+        return result;
+    }
+    if (!ImageFile::save(*cropped, task.output, loaded->type)) {
+        result.error = writeFailure(task.output);
+        return result;
+    }
+    result.status = TrimResult::Status::Trimmed;
+    result.output = task.output;
+    return result;
+}
+
+} // namespace orvane
