@@ -30,12 +30,16 @@ public:
                                                       const ImageType& type) = 0;
 };
 
-/// Told how far an open() has come; called on the model's thread.
+/// Told how far an open() has come; called on the model's thread (the thread
+/// that called open()), while the files are decoded on other threads.
 class OpenProgress {
 public:
     virtual ~OpenProgress() = default;
-    /// done of total files decoded so far. Return false to cancel the open,
-    /// which then changes nothing.
+    /// done of total files decoded so far. Called once with done 0 before any
+    /// decoding, then as files finish and at least every 50 ms while one takes
+    /// longer, and last with done == total. Return false to cancel
+    /// the open, which then changes nothing: files being decoded are finished
+    /// and discarded, the others are not started.
     virtual bool report(int done, int total) = 0;
 };
 
@@ -66,6 +70,12 @@ public:
 
     void setPanels(Panels* panels);
 
+    /// How many threads decode the files of one open(); 0, the default, means
+    /// one per core. 1 decodes one file after the other (still off the
+    /// caller's thread), which the benchmarks compare against.
+    void setDecodeThreads(int count);
+    int decodeThreads() const { return m_decodeThreads; }
+
     // Published properties.
     const std::vector<Item>& items() const { return m_items; }
     std::optional<QUuid> activeID() const { return m_activeID; }
@@ -81,25 +91,39 @@ public:
     void setThreshold(double threshold);
 
     // Derived values, computed on every read.
+    /// The first item whose id is activeID(); null when none. Points into
+    /// items(): valid until items next change.
     const Item* active() const;
-    /// 1-based position of the active item in items.
+    /// 1-based position of the active item in items; absent when none.
     std::optional<int> activePosition() const;
+    /// True when the active item's content rectangle differs in width or
+    /// height from its buffer (there is a border to cut away).
     bool willTrim() const;
+    /// False for an empty queue; else whether every item is saved.
     bool allSaved() const;
     /// Changes when another item becomes active or its buffer changes size:
     /// "<UPPER-CASE UUID>#<width>x<height>", "#0x0" with no active item.
     QString revealKey() const;
 
     // Operations.
-    /// Opens files and folders (one level deep). Decodes on all cores; the
-    /// model changes once, at the end. With progress, reports and may be
-    /// cancelled, in which case nothing changes.
+    /// Opens files and folders (one level deep). Decodes on all cores while
+    /// the calling thread waits; the model changes once, at the end. With
+    /// progress (not owned; may be null), reports and may be cancelled, in
+    /// which case nothing changes. An empty list changes nothing.
     void open(const QList<QUrl>& urls, OpenProgress* progress = nullptr);
-    /// Asks the panels for image files and opens them.
-    void openPanel();
+    /// Asks the panels for image files and opens them; nothing when the user
+    /// cancels or no panels are set. progress as for open().
+    void openPanel(OpenProgress* progress = nullptr);
+    /// Makes the item with this id active (an unknown id leaves none active).
     void select(const QUuid& id);
+    /// Takes the item with this id out of the queue, freeing its buffer
+    /// unless a copy is held elsewhere; its neighbour becomes active when it was.
     void remove(const QUuid& id);
+    /// Writes the trimmed active image to a file the user names, marks the
+    /// item saved and moves on to the next unsaved item.
     void saveAsNewFile();
+    /// Writes the trimmed active image over its own file, reloads it, marks
+    /// the item saved and moves on to the next unsaved item.
     void saveOverOriginal();
 
 Q_SIGNALS:
@@ -110,8 +134,14 @@ private:
     void recomputeActive();
     void advanceToNextUnsaved(const QUuid& after);
     std::optional<vips::VImage> croppedActiveImage() const;
+    int indexOf(const QUuid& id) const;
+    void setErrorMessage(std::optional<QString> message);
+    void setSaveConfirmation(std::optional<QString> message);
+    void setActiveID(std::optional<QUuid> id);
+    void finishSave(const QUuid& id, const QString& writtenName);
 
     Panels* m_panels = nullptr;
+    int m_decodeThreads = 0;
     std::vector<Item> m_items;
     std::optional<QUuid> m_activeID;
     std::optional<PixelRect> m_activeContentRect;

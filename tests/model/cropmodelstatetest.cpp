@@ -1,0 +1,213 @@
+// The model's state: initial values, the tolerance, the derived values and the
+// notification sent before every assignment.
+#include <QCoreApplication>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include "imagefile/imagefile.h"
+#include "model/cropmodel.h"
+#include "modeltest.h"
+
+using namespace orvane;
+using namespace orvane::test;
+
+class CropModelStateTest : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    QString path(const QString& name) const { return m_dir.filePath(name); }
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_dir.isValid()); }
+
+    void newModelIsEmpty()
+    {
+        CropModel model;
+        QVERIFY(model.items().empty());
+        QVERIFY(!model.activeID());
+        QVERIFY(!model.activeContentRect());
+        QVERIFY(!model.errorMessage());
+        QVERIFY(!model.saveConfirmation());
+        QCOMPARE(model.threshold(), 25.0);
+        QVERIFY(!model.active());
+        QVERIFY(!model.activePosition());
+        QVERIFY(!model.willTrim());
+        QVERIFY(!model.allSaved());
+        QCOMPARE(model.revealKey(), QStringLiteral("#0x0"));
+    }
+
+    void settingTheToleranceAlwaysRecomputes()
+    {
+        writeLetterImage(path("a.png"), 0);
+        CropModel model;
+        model.open(urls({path("a.png")}));
+        Notes notes(model);
+
+        // The same value again still stores and recomputes: two notifications.
+        model.setThreshold(25.0);
+        QCOMPARE(notes.names(), (QStringList{"Threshold", "ActiveContentRect"}));
+        QCOMPARE(toQRect(model.activeContentRect()), blockFor(0));
+
+        notes.clear();
+        model.setThreshold(0.0);
+        QCOMPARE(notes.names(), (QStringList{"Threshold", "ActiveContentRect"}));
+        QCOMPARE(toQRect(model.activeContentRect()), QRect(0, 0, 40, 30));
+        QVERIFY(!model.willTrim());
+    }
+
+    void settingTheToleranceWithoutActiveItem()
+    {
+        CropModel model;
+        Notes notes(model);
+        model.setThreshold(60.0);
+        QCOMPARE(notes.names(), (QStringList{"Threshold", "ActiveContentRect"}));
+        QVERIFY(!model.activeContentRect());
+        QCOMPARE(model.threshold(), 60.0);
+    }
+
+    void toleranceIsStoredAsGiven_data()
+    {
+        QTest::addColumn<double>("threshold");
+        QTest::newRow("below zero") << -5.0;
+        QTest::newRow("above 100") << 250.0;
+        QTest::newRow("fraction") << 33.3;
+    }
+    void toleranceIsStoredAsGiven()
+    {
+        QFETCH(double, threshold);
+        writeLetterImage(path("a.png"), 0);
+        CropModel model;
+        model.open(urls({path("a.png")}));
+        model.setThreshold(threshold);
+        QCOMPARE(model.threshold(), threshold);
+        QCOMPARE(model.activeContentRect(), CropEngine::contentRect(model.active()->buffer, threshold));
+    }
+
+    void willTrim_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<QRect>("content");
+        QTest::addColumn<bool>("hasRect");
+        QTest::addColumn<bool>("willTrim");
+        QTest::newRow("content fills the image") << "block" << QRect(0, 0, 100, 80) << true << false;
+        QTest::newRow("one white row below") << "block" << QRect(0, 0, 100, 79) << true << true;
+        QTest::newRow("one white column") << "block" << QRect(1, 0, 99, 80) << true << true;
+        QTest::newRow("fully transparent") << "transparent" << QRect() << false << false;
+        QTest::newRow("all white") << "block" << QRect() << false << false;
+    }
+    void willTrim()
+    {
+        QFETCH(QString, kind);
+        QFETCH(QRect, content);
+        QFETCH(bool, hasRect);
+        QFETCH(bool, willTrim);
+        const QString file = path("trim.png");
+        writeImage(file, kind == "transparent" ? transparentImage(100, 80) : whiteImageWithBlock(100, 80, content));
+        CropModel model;
+        model.open(urls({file}));
+        QVERIFY(model.active());
+        QCOMPARE(bool(model.activeContentRect()), hasRect);
+        if (hasRect)
+            QCOMPARE(toQRect(model.activeContentRect()), content);
+        QCOMPARE(model.willTrim(), willTrim);
+    }
+
+    void positionAndRevealKeyFollowTheActiveItem()
+    {
+        for (int i = 0; i < 3; ++i)
+            writeLetterImage(path(QStringLiteral("p%1.png").arg(i)), i);
+        CropModel model;
+        model.open(urls({path("p0.png"), path("p1.png"), path("p2.png")}));
+        QCOMPARE(model.activePosition(), 1);
+
+        const QUuid third = model.items()[2].id;
+        model.select(third);
+        QCOMPARE(model.activePosition(), 3);
+        QCOMPARE(model.active()->id, third);
+        QCOMPARE(model.revealKey(), third.toString(QUuid::WithoutBraces).toUpper() + "#40x30");
+        QVERIFY(QRegularExpression("^[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}#40x30$")
+                    .match(model.revealKey())
+                    .hasMatch());
+
+        // An id that names no queued item: no active item, no position, but
+        // the key still carries the id.
+        const QUuid stranger = QUuid::createUuid();
+        model.select(stranger);
+        QVERIFY(!model.active());
+        QVERIFY(!model.activePosition());
+        QVERIFY(!model.activeContentRect());
+        QVERIFY(!model.willTrim());
+        QCOMPARE(model.revealKey(), stranger.toString(QUuid::WithoutBraces).toUpper() + "#0x0");
+    }
+
+    void revealKeyIgnoresTheTolerance()
+    {
+        writeLetterImage(path("k.png"), 0);
+        CropModel model;
+        model.open(urls({path("k.png")}));
+        const QString key = model.revealKey();
+        model.setThreshold(80.0);
+        QCOMPARE(model.revealKey(), key);
+    }
+
+    void allSavedFollowsTheQueue()
+    {
+        writeLetterImage(path("s1.png"), 0);
+        writeLetterImage(path("s2.png"), 1);
+        CropModel model;
+        QVERIFY(!model.allSaved());
+
+        model.open(urls({path("s1.png")}));
+        QVERIFY(!model.allSaved());
+        model.saveOverOriginal();
+        QVERIFY(model.items().front().saved);
+        QVERIFY(model.allSaved());
+
+        // A lone saved item makes way for new ones; with two items one saved
+        // and one not, the queue is no longer all saved.
+        model.open(urls({path("s2.png"), path("s1.png")}));
+        QCOMPARE(itemNames(model), (QStringList{"s2.png", "s1.png"}));
+        QVERIFY(!model.allSaved());
+        model.saveOverOriginal();
+        model.saveOverOriginal();
+        QVERIFY(model.allSaved());
+
+        model.remove(model.items().front().id);
+        QVERIFY(model.allSaved());
+        model.remove(model.items().front().id);
+        QVERIFY(model.items().empty());
+        QVERIFY(!model.allSaved());
+    }
+
+    void theSameFileTwiceMakesTwoItems()
+    {
+        writeLetterImage(path("twice.png"), 0);
+        CropModel model;
+        model.open(urls({path("twice.png"), path("twice.png")}));
+        model.open(urls({path("twice.png")}));
+        QCOMPARE(model.items().size(), std::size_t(3));
+        QCOMPARE(model.items()[0].url, model.items()[1].url);
+        QVERIFY(model.items()[0].id != model.items()[1].id);
+        QVERIFY(model.items()[1].id != model.items()[2].id);
+        QVERIFY(model.items()[0].id != model.items()[2].id);
+    }
+
+    void itemsStartUnsavedWithTheLoadedType()
+    {
+        // A PNG under a JPEG name is queued as PNG: the type comes from the content.
+        writeBytes(path("picture.jpg"), encode(whiteImageWithBlock(20, 20, QRect(2, 2, 5, 5)), ".png"));
+        CropModel model;
+        model.open(urls({path("picture.jpg")}));
+        QCOMPARE(model.items().size(), std::size_t(1));
+        const CropModel::Item& item = model.items().front();
+        QCOMPARE(item.type, ImageType::png());
+        QCOMPARE(item.url, QUrl::fromLocalFile(path("picture.jpg")));
+        QVERIFY(!item.saved);
+        QVERIFY(!item.id.isNull());
+    }
+};
+
+ORVANE_MODEL_TEST_MAIN(CropModelStateTest)
+#include "cropmodelstatetest.moc"
