@@ -3,6 +3,8 @@
 // window and the command-line tool.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 
 #include <QList>
@@ -28,11 +30,27 @@ struct LoadResult {
     ImageType type;     ///< from the content, else the lower-cased extension, else PNG
 };
 
-/// Decodes the file at path. Absent for a missing or unreadable file, one
-/// that is not an image Orvane accepts, one that is truncated or corrupt, or
-/// one whose decoded size would not fit into the memory really available.
+/// Decodes the file at path. The decoder is chosen by the file's first bytes,
+/// never by its name. Absent for a missing or unreadable file, one that is not
+/// an image Orvane accepts, one that is truncated or corrupt, one of more than
+/// maxPixels pixels, or one whose decoded size plus its raster would take more
+/// than half of availableMemory(); the size test reads only the header, so
+/// such files are refused before any memory is spent on them.
 /// Thread-safe; produces no messages.
 std::optional<LoadResult> load(const QString& path);
+
+/// The most pixels (width × height) an image may have to be loaded: 2^27,
+/// about 134 megapixels (11 585 × 11 585). Bigger images would need well over
+/// a gigabyte for the decoded image and its raster; the same limit already
+/// applies to BMP through ImageMagick's policy here, and it stops
+/// decompression bombs on machines with plenty of free memory.
+inline constexpr std::int64_t maxPixels = std::int64_t(1) << 27;
+
+/// Bytes of memory that this process can still use without being killed:
+/// the smaller of the kernel's MemAvailable and what the memory cgroup
+/// (v1 or v2, every level up to the root) still allows. Read afresh on
+/// every call. Thread-safe.
+std::uint64_t availableMemory();
 
 /// The type a trimmed image of this type is written as: the type itself when
 /// this libvips can encode it, else JPEG for JPEG-like types, else PNG.
@@ -45,12 +63,23 @@ ImageType writableType(const ImageType& type);
 /// True when the file was written completely. Produces no messages.
 bool save(const vips::VImage& image, const QString& path, const ImageType& type);
 
+/// Test seam: when bytes is set, availableMemory() answers it instead of
+/// asking the system; nullopt restores the real answer. Thread-safe.
+void setAvailableMemoryForTesting(std::optional<std::uint64_t> bytes);
+
+/// Test seam: when probe is set, writableType() asks it whether libvips can
+/// encode a type instead of asking libvips; an empty function restores the
+/// real answer. Thread-safe.
+void setSaverProbeForTesting(std::function<bool(const ImageType&)> probe);
+
 /// Whether the name's lower-cased extension names a type that conforms to
 /// one of the accepted types. Looks at the name only.
 bool isAccepted(const QString& path);
 
 /// File-name order: case ignored, runs of digits by value (2.png before 10.png),
-/// the same in every locale, the C locale included. True when a sorts before b.
+/// otherwise the system locale's collation; English collation when the system
+/// locale is C, so the digit rule holds there too. True when a sorts before b.
+/// Thread-safe (one collator per thread).
 bool fileNameLessThan(const QString& a, const QString& b);
 
 /// Each folder replaced by the accepted image files directly inside it

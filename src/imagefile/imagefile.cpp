@@ -1,0 +1,591 @@
+#include "imagefile/imagefile.h"
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <mutex>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QCollator>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QLocale>
+#include <QSaveFile>
+
+namespace orvane::ImageFile {
+
+namespace {
+
+// Enough for every signature and for QMimeDatabase's usual magic offsets.
+constexpr qint64 kHeadBytes = 4096;
+
+std::mutex& seamMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::optional<std::uint64_t>& memorySeam()
+{
+    static std::optional<std::uint64_t> bytes;
+    return bytes;
+}
+
+std::function<bool(const ImageType&)>& saverSeam()
+{
+    static std::function<bool(const ImageType&)> probe;
+    return probe;
+}
+
+// ---------------------------------------------------------------- memory
+
+std::optional<std::uint64_t> readNumber(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QByteArray text = file.readAll().trimmed();
+    bool ok = false;
+    const qulonglong value = text.toULongLong(&ok);
+    if (!ok)
+        return std::nullopt; // "max" in cgroup v2 means no limit
+    return value;
+}
+
+std::optional<std::uint64_t> memAvailable()
+{
+    QFile file(QStringLiteral("/proc/meminfo"));
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QList<QByteArray> lines = file.readAll().split('\n');
+    for (const QByteArray& line : lines) {
+        if (!line.startsWith("MemAvailable:"))
+            continue;
+        const QList<QByteArray> parts = line.simplified().split(' ');
+        bool ok = false;
+        const qulonglong kib = parts.value(1).toULongLong(&ok);
+        if (ok)
+            return std::uint64_t(kib) * 1024;
+    }
+    return std::nullopt;
+}
+
+// What the memory cgroup of this process still allows: the smallest
+// (limit − usage) of its folder and every folder above it, since a limit on a
+// parent binds as well. Absent when no limit is set or nothing can be read.
+std::optional<std::uint64_t> cgroupHeadroom()
+{
+    QFile cgroupFile(QStringLiteral("/proc/self/cgroup"));
+    QFile mountFile(QStringLiteral("/proc/self/mountinfo"));
+    if (!cgroupFile.open(QIODevice::ReadOnly) || !mountFile.open(QIODevice::ReadOnly))
+        return std::nullopt;
+
+    // A v1 memory controller, when mounted, is the one that limits; the
+    // unified line "0::" only counts on a pure v2 system.
+    QByteArray v1Path;
+    QByteArray v2Path;
+    bool hasV2 = false;
+    for (const QByteArray& line : cgroupFile.readAll().split('\n')) {
+        const qsizetype first = line.indexOf(':');
+        const qsizetype second = line.indexOf(':', first + 1);
+        if (first < 0 || second < 0)
+            continue;
+        const QByteArray controllers = line.mid(first + 1, second - first - 1);
+        const QByteArray path = line.mid(second + 1);
+        if (line.startsWith("0::")) {
+            v2Path = path;
+            hasV2 = true;
+        } else if (controllers.split(',').contains("memory")) {
+            v1Path = path;
+        }
+    }
+    const bool useV1 = !v1Path.isEmpty();
+    if (!useV1 && !hasV2)
+        return std::nullopt;
+
+    QString mountPoint;
+    QByteArray mountRoot;
+    for (const QByteArray& line : mountFile.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        const qsizetype dash = fields.indexOf("-");
+        if (dash < 5 || fields.size() < dash + 4)
+            continue;
+        const QByteArray& fsType = fields[dash + 1];
+        const QByteArray& superOptions = fields[dash + 3];
+        const bool matches = useV1 ? (fsType == "cgroup" && superOptions.split(',').contains("memory"))
+                                   : fsType == "cgroup2";
+        if (matches) {
+            mountRoot = fields[3];
+            mountPoint = QFile::decodeName(fields[4]);
+            break;
+        }
+    }
+    if (mountPoint.isEmpty())
+        return std::nullopt;
+
+    QByteArray relative = useV1 ? v1Path : v2Path;
+    if (mountRoot != "/" && relative.startsWith(mountRoot))
+        relative = relative.mid(mountRoot.size());
+    QString folder = QDir::cleanPath(mountPoint + QLatin1Char('/') + QFile::decodeName(relative));
+    if (!QFileInfo(folder).isDir())
+        folder = mountPoint; // a cgroup namespace shows our own group at the mount point
+
+    const QString limitName = useV1 ? QStringLiteral("memory.limit_in_bytes") : QStringLiteral("memory.max");
+    const QString usageName = useV1 ? QStringLiteral("memory.usage_in_bytes") : QStringLiteral("memory.current");
+    std::optional<std::uint64_t> headroom;
+    const QString top = QDir::cleanPath(mountPoint);
+    for (int depth = 0; depth < 64; ++depth) {
+        const std::optional<std::uint64_t> limit = readNumber(folder + QLatin1Char('/') + limitName);
+        // v1 writes "no limit" as a number near 2^63.
+        if (limit && *limit < (std::uint64_t(1) << 62)) {
+            const std::uint64_t usage = readNumber(folder + QLatin1Char('/') + usageName).value_or(0);
+            const std::uint64_t room = usage < *limit ? *limit - usage : 0;
+            headroom = std::min(headroom.value_or(room), room);
+        }
+        if (folder == top || folder.size() <= top.size())
+            break;
+        folder = QFileInfo(folder).path();
+    }
+    return headroom;
+}
+
+// ---------------------------------------------------------------- loading
+
+// The magick loader is blocked like every loader that is not ours; it is let
+// through only while a file that starts with "BM" is being decoded. The count
+// keeps overlapping BMP loads on several threads from blocking each other.
+class MagickGate {
+public:
+    MagickGate()
+    {
+        std::lock_guard lock(mutex());
+        if (count()++ == 0)
+            vips_operation_block_set("VipsForeignLoadMagick", FALSE);
+    }
+    ~MagickGate()
+    {
+        std::lock_guard lock(mutex());
+        if (--count() == 0)
+            vips_operation_block_set("VipsForeignLoadMagick", TRUE);
+    }
+    MagickGate(const MagickGate&) = delete;
+    MagickGate& operator=(const MagickGate&) = delete;
+
+private:
+    static std::mutex& mutex()
+    {
+        static std::mutex m;
+        return m;
+    }
+    static int& count()
+    {
+        static int c = 0;
+        return c;
+    }
+};
+
+// Whether an image of this size may be decoded. bytesPerPixel is what the
+// decoded image takes per pixel; extraPerPixel is what the decoder holds
+// besides it while decoding. Every image later gets a 4-byte raster as well.
+bool fitsInMemory(std::int64_t width, std::int64_t height, std::int64_t bytesPerPixel, std::int64_t extraPerPixel)
+{
+    if (width <= 0 || height <= 0)
+        return false;
+    if (width > maxPixels || height > maxPixels || width * height > maxPixels)
+        return false;
+    const std::uint64_t need = std::uint64_t(width * height) * std::uint64_t(bytesPerPixel + extraPerPixel + 4);
+    return need <= availableMemory() / 2;
+}
+
+std::uint32_t littleEndian32(const QByteArray& bytes, qsizetype offset)
+{
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes.constData() + offset);
+    return std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 | std::uint32_t(p[3]) << 24;
+}
+
+// Width and height from a BMP header, read by us so that the size test is
+// made before ImageMagick sees the file at all.
+std::optional<std::pair<std::int64_t, std::int64_t>> bmpSize(const QByteArray& head)
+{
+    if (head.size() < 26)
+        return std::nullopt;
+    const std::uint32_t headerSize = littleEndian32(head, 14);
+    if (headerSize == 12) { // OS/2 1.x: 16-bit unsigned sizes
+        const auto* p = reinterpret_cast<const unsigned char*>(head.constData());
+        return std::pair<std::int64_t, std::int64_t>(p[18] | p[19] << 8, p[20] | p[21] << 8);
+    }
+    if (headerSize < 40)
+        return std::nullopt;
+    const auto width = std::int64_t(std::int32_t(littleEndian32(head, 18)));
+    const auto height = std::int64_t(std::int32_t(littleEndian32(head, 22)));
+    return std::pair<std::int64_t, std::int64_t>(width, height < 0 ? -height : height);
+}
+
+vips::VOption* loadOptions()
+{
+    return vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
+}
+
+std::optional<LoadResult> loadBmp(QFile& file, const QByteArray& head)
+{
+    const auto size = bmpSize(head);
+    // ImageMagick keeps its own copy of the pixels: four 16-bit channels.
+    if (!size || !fitsInMemory(size->first, size->second, 4, 8))
+        return std::nullopt;
+    if (file.size() > std::int64_t(availableMemory() / 4) || !file.seek(0))
+        return std::nullopt;
+    const QByteArray bytes = file.readAll();
+    if (bytes.size() != file.size())
+        return std::nullopt;
+
+    MagickGate gate;
+    VipsBlob* blob = vips_blob_copy(bytes.constData(), size_t(bytes.size()));
+    vips::VImage image;
+    try {
+        image = vips::VImage::magickload_buffer(blob, loadOptions());
+    } catch (...) {
+        vips_area_unref(VIPS_AREA(blob));
+        throw;
+    }
+    vips_area_unref(VIPS_AREA(blob));
+    if (image.width() != size->first || image.height() != size->second)
+        return std::nullopt;
+    return LoadResult{image.copy_memory(), ImageType::bmp()};
+}
+
+std::optional<LoadResult> loadUnchecked(const QString& path)
+{
+    const QFileInfo info(path);
+    if (!info.isFile()) // missing, a folder, a device or a pipe
+        return std::nullopt;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QByteArray head = file.read(kHeadBytes);
+    if (head.isEmpty())
+        return std::nullopt;
+
+    // The decoder follows the content: an SVG or a PDF named x.png never
+    // reaches a decoder, a JPEG named x.png is decoded as JPEG.
+    const std::optional<ImageType> type = ImageType::fromContent(head);
+    if (!type)
+        return std::nullopt;
+    if (*type == ImageType::bmp())
+        return loadBmp(file, head);
+    file.close();
+
+    const QByteArray name = QFile::encodeName(path);
+    vips::VImage header;
+    std::int64_t extraPerPixel = 0;
+    if (*type == ImageType::png()) {
+        header = vips::VImage::pngload(name.constData(), loadOptions());
+    } else if (*type == ImageType::jpeg()) {
+        header = vips::VImage::jpegload(name.constData(), loadOptions());
+    } else if (*type == ImageType::tiff()) {
+        header = vips::VImage::tiffload(name.constData(), loadOptions());
+    } else if (*type == ImageType::gif()) {
+        header = vips::VImage::gifload(name.constData(), loadOptions());
+        extraPerPixel = 4; // the decoder's own frame
+    } else if (*type == ImageType::heic() || *type == ImageType::heif()) {
+        header = vips::VImage::heifload(name.constData(), loadOptions());
+        extraPerPixel = header.bands() * std::int64_t(vips_format_sizeof(header.format())); // libheif's planes
+    } else if (*type == ImageType::webP()) {
+        header = vips::VImage::webpload(name.constData(), loadOptions());
+        extraPerPixel = 4; // libwebp decodes the frame whole
+    } else {
+        return std::nullopt;
+    }
+
+    // Only the header has been read so far.
+    const std::int64_t bytesPerPixel = header.bands() * std::int64_t(vips_format_sizeof(header.format()));
+    if (!fitsInMemory(header.width(), header.height(), bytesPerPixel, extraPerPixel))
+        return std::nullopt;
+    return LoadResult{header.copy_memory(), *type};
+}
+
+// ---------------------------------------------------------------- saving
+
+bool encoderExists(const ImageType& type)
+{
+    if (type == ImageType::bmp()) {
+        // No libvips saver claims .bmp; BMP is written through ImageMagick,
+        // so ask it to write one pixel.
+        if (!vips_type_find("VipsOperation", "magicksave_buffer"))
+            return false;
+        try {
+            VipsBlob* blob = vips::VImage::black(1, 1).magicksave_buffer(vips::VImage::option()->set("format", "bmp"));
+            vips_area_unref(VIPS_AREA(blob));
+            return true;
+        } catch (const vips::VError&) {
+            vips_error_clear();
+            return false;
+        }
+    }
+    const QString extension = type.preferredExtension();
+    if (extension.isEmpty())
+        return false;
+    const QByteArray suffix = "." + extension.toUtf8();
+    const bool found = vips_foreign_find_save_buffer(suffix.constData()) != nullptr;
+    vips_error_clear();
+    return found;
+}
+
+bool canEncode(const ImageType& type)
+{
+    std::function<bool(const ImageType&)> probe;
+    {
+        std::lock_guard lock(seamMutex());
+        probe = saverSeam();
+    }
+    return probe ? probe(type) : encoderExists(type);
+}
+
+// A copy of the image that carries no metadata of the source but its ICC
+// profile: libvips' strip option would drop the profile too.
+vips::VImage withoutMetadata(const vips::VImage& image)
+{
+    vips::VImage copy = image.copy();
+    VipsImage* raw = copy.get_image();
+    gchar** fields = vips_image_get_fields(raw);
+    for (gchar** field = fields; field && *field; ++field) {
+        if (qstrcmp(*field, VIPS_META_ICC_NAME) != 0)
+            vips_image_remove(raw, *field); // built-in fields (width, format …) are not removable
+    }
+    g_strfreev(fields);
+    return copy;
+}
+
+QByteArray fromBlob(VipsBlob* blob)
+{
+    size_t length = 0;
+    const void* data = vips_blob_get(blob, &length);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
+    vips_area_unref(VIPS_AREA(blob));
+    return bytes;
+}
+
+QByteArray encode(const vips::VImage& image, const ImageType& written)
+{
+    if (written == ImageType::jpeg()) {
+        // Optimised Huffman tables cost nothing in quality and shrink the file.
+        return fromBlob(image.jpegsave_buffer(
+            vips::VImage::option()->set("Q", 92)->set("optimize_coding", true)->set("strip", false)));
+    }
+    if (written == ImageType::png()) {
+        // Adaptive row filters at zlib level 9: the smallest files libpng
+        // makes without quantising.
+        return fromBlob(image.pngsave_buffer(vips::VImage::option()
+                                                 ->set("compression", 9)
+                                                 ->set("filter", VIPS_FOREIGN_PNG_FILTER_ALL)
+                                                 ->set("strip", false)));
+    }
+    if (written == ImageType::bmp())
+        return fromBlob(image.magicksave_buffer(vips::VImage::option()->set("format", "bmp")->set("strip", false)));
+
+    const QByteArray suffix = "." + written.preferredExtension().toUtf8();
+    void* data = nullptr;
+    size_t length = 0;
+    image.write_to_buffer(suffix.constData(), &data, &length, vips::VImage::option()->set("strip", false));
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
+    g_free(data);
+    return bytes;
+}
+
+// QSaveFile writes a temporary file beside the target and renames it over the
+// target only once everything is written and synced: a failure leaves the old
+// file as it was. It copies the read/write bits of a file it replaces; the
+// owner and the remaining mode bits are copied here.
+bool writeAtomically(const QString& path, const QByteArray& bytes)
+{
+    struct stat old {};
+    const bool replacing = ::stat(QFile::encodeName(path).constData(), &old) == 0 && S_ISREG(old.st_mode);
+
+    QSaveFile file(path);
+    file.setDirectWriteFallback(false);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    if (replacing) {
+        const int fd = file.handle();
+        if (fd >= 0) {
+            // Best effort: only root may give a file away.
+            if (old.st_uid != ::geteuid() || old.st_gid != ::getegid())
+                (void)!::fchown(fd, old.st_uid, old.st_gid);
+            (void)!::fchmod(fd, old.st_mode & 07777);
+        }
+    }
+    if (file.write(bytes) != bytes.size()) {
+        file.cancelWriting(); // the temporary file goes with the QSaveFile
+        return false;
+    }
+    return file.commit();
+}
+
+const QLocale& collationLocale()
+{
+    static const QLocale locale = QLocale::system().language() == QLocale::C ? QLocale(QLocale::English)
+                                                                             : QLocale::system();
+    return locale;
+}
+
+// The last path component's extension: the text after its last full stop,
+// empty when there is none or the only full stop starts the name (".png").
+QString extensionOf(const QString& path)
+{
+    const QString name = QFileInfo(path).fileName();
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    return dot > 0 ? name.mid(dot + 1) : QString();
+}
+
+} // namespace
+
+const QList<ImageType>& acceptedTypes()
+{
+    static const QList<ImageType> types{ImageType::png(), ImageType::jpeg(), ImageType::tiff(), ImageType::bmp(),
+                                        ImageType::gif(), ImageType::heic(), ImageType::heif(), ImageType::webP()};
+    return types;
+}
+
+void initialise()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        // A cached load would hand back the old pixels after a save over the file.
+        vips_cache_set_max(0);
+        // Only Orvane's decoders may run. The names are the base classes; the
+        // file, buffer and source variants below them follow.
+        vips_operation_block_set("VipsForeignLoad", TRUE);
+        for (const char* loader : {"VipsForeignLoadPng", "VipsForeignLoadJpeg", "VipsForeignLoadTiff",
+                                   "VipsForeignLoadNsgif", "VipsForeignLoadGif", "VipsForeignLoadHeif",
+                                   "VipsForeignLoadWebp"})
+            vips_operation_block_set(loader, FALSE);
+    });
+}
+
+std::optional<LoadResult> load(const QString& path)
+{
+    try {
+        std::optional<LoadResult> result = loadUnchecked(path);
+        vips_error_clear();
+        return result;
+    } catch (const vips::VError&) {
+    } catch (const std::bad_alloc&) {
+    }
+    vips_error_clear();
+    return std::nullopt;
+}
+
+std::uint64_t availableMemory()
+{
+    {
+        std::lock_guard lock(seamMutex());
+        if (memorySeam())
+            return *memorySeam();
+    }
+    std::optional<std::uint64_t> available = memAvailable();
+    if (!available) {
+        const long pages = ::sysconf(_SC_AVPHYS_PAGES);
+        const long pageSize = ::sysconf(_SC_PAGESIZE);
+        if (pages > 0 && pageSize > 0)
+            available = std::uint64_t(pages) * std::uint64_t(pageSize);
+    }
+    const std::optional<std::uint64_t> headroom = cgroupHeadroom();
+    if (headroom)
+        available = std::min(available.value_or(*headroom), *headroom);
+    return available.value_or(0);
+}
+
+void setAvailableMemoryForTesting(std::optional<std::uint64_t> bytes)
+{
+    std::lock_guard lock(seamMutex());
+    memorySeam() = bytes;
+}
+
+void setSaverProbeForTesting(std::function<bool(const ImageType&)> probe)
+{
+    std::lock_guard lock(seamMutex());
+    saverSeam() = std::move(probe);
+}
+
+ImageType writableType(const ImageType& type)
+{
+    if (canEncode(type))
+        return type;
+    if (type.conforms(ImageType::jpeg()) && canEncode(ImageType::jpeg()))
+        return ImageType::jpeg();
+    return ImageType::png();
+}
+
+bool save(const vips::VImage& image, const QString& path, const ImageType& type)
+{
+    try {
+        const QByteArray bytes = encode(withoutMetadata(image), writableType(type));
+        vips_error_clear();
+        return !bytes.isEmpty() && writeAtomically(path, bytes);
+    } catch (const vips::VError&) {
+    } catch (const std::bad_alloc&) {
+    }
+    vips_error_clear();
+    return false;
+}
+
+bool isAccepted(const QString& path)
+{
+    const std::optional<ImageType> type = ImageType::fromExtension(extensionOf(path).toLower());
+    if (!type)
+        return false;
+    const QList<ImageType>& accepted = acceptedTypes();
+    return std::any_of(accepted.begin(), accepted.end(), [&](const ImageType& a) { return type->conforms(a); });
+}
+
+bool fileNameLessThan(const QString& a, const QString& b)
+{
+    thread_local const QCollator collator = [] {
+        QCollator c(collationLocale());
+        c.setNumericMode(true);
+        c.setCaseSensitivity(Qt::CaseInsensitive);
+        return c;
+    }();
+    return collator.compare(a, b) < 0;
+}
+
+QStringList expandingFolders(const QStringList& paths)
+{
+    QStringList result;
+    for (const QString& path : paths) {
+        const QFileInfo info(path); // links followed
+        if (!info.isDir()) {
+            result.append(path);
+            continue;
+        }
+        // Without QDir::Hidden, names starting with a full stop are skipped;
+        // an unreadable folder lists as empty.
+        const QFileInfoList entries = QDir(path).entryInfoList(QDir::Files | QDir::NoDotAndDotDot, QDir::NoSort);
+        QStringList images;
+        for (const QFileInfo& entry : entries) {
+            if (isAccepted(entry.fileName()))
+                images.append(entry.filePath());
+        }
+        std::stable_sort(images.begin(), images.end(), [](const QString& x, const QString& y) {
+            return fileNameLessThan(QFileInfo(x).fileName(), QFileInfo(y).fileName());
+        });
+        result.append(images);
+    }
+    return result;
+}
+
+QString proposedName(const QString& fileName, const ImageType& type)
+{
+    const QString name = QFileInfo(fileName).fileName();
+    QString extension = extensionOf(name);
+    const QString base = extension.isEmpty() ? name : name.left(name.size() - extension.size() - 1);
+    if (extension.isEmpty())
+        extension = type.preferredExtension();
+    if (extension.isEmpty())
+        extension = QStringLiteral("png");
+    return base + QStringLiteral("-cropped.") + extension;
+}
+
+} // namespace orvane::ImageFile
