@@ -276,7 +276,9 @@ void CropModel::open(const QList<QUrl>& urls, OpenProgress* progress)
         Q_EMIT willChange(Property::Items);
         m_items.insert(m_items.end(), std::make_move_iterator(newItems.begin()),
                        std::make_move_iterator(newItems.end()));
-        if (!m_activeID || activeIsSavedLast)
+        // "No active item" includes an activeID that names no queued item,
+        // the one way a non-empty queue can be without one.
+        if (activeIndex < 0 || activeIsSavedLast)
             setActiveID(first);
     }
     setSaveConfirmation(std::nullopt);
