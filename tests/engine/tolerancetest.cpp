@@ -1,0 +1,297 @@
+// Which pixels count as content at a tolerance, and the rectangle around them:
+// the cut-off table, the geometry of the rectangle, and the index agreeing
+// with the plain scan on many random images and tolerances.
+#include <cmath>
+#include <limits>
+#include <random>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "engine/cropengine.h"
+#include "engine/toleranceindex.h"
+#include "enginetest.h"
+
+using namespace orvane;
+using namespace orvane::enginetest;
+
+namespace {
+
+// Tolerances just below, at and just above every place where a cut-off steps.
+std::vector<double> toleranceBoundaries()
+{
+    std::vector<double> edges;
+    for (int k = 1; k <= 254; ++k)
+        edges.push_back(100.0 * k / 254.0);
+    for (int m = 1; m <= 115; ++m)
+        edges.push_back(100.0 * m / 115.0);
+    std::vector<double> all;
+    for (double e : edges) {
+        double below = e;
+        double above = e;
+        all.push_back(e);
+        for (int i = 0; i < 3; ++i) {
+            below = std::nextafter(below, 0.0);
+            above = std::nextafter(above, 200.0);
+            all.push_back(below);
+            all.push_back(above);
+        }
+    }
+    return all;
+}
+
+std::optional<PixelRect> bothWays(const vips::VImage& image, double threshold)
+{
+    const auto buffer = CropEngine::Buffer::make(image);
+    EXPECT_TRUE(buffer.has_value());
+    if (!buffer)
+        return std::nullopt;
+    const auto byIndex = CropEngine::contentRect(*buffer, threshold);
+    const auto byScan = CropEngine::contentRectByScan(*buffer, threshold);
+    EXPECT_EQ(byIndex, byScan) << "tolerance " << threshold;
+    return byIndex;
+}
+
+bool isContent(std::uint8_t r, std::uint8_t g, std::uint8_t b, std::uint8_t a, double threshold)
+{
+    return bothWays(solidRgba(1, 1, r, g, b, a), threshold).has_value();
+}
+
+} // namespace
+
+TEST(CutOffs, MatchTheTableForTellingTolerances)
+{
+    struct Row {
+        double tolerance;
+        int alpha;
+        int whiteness;
+    };
+    const Row table[] = {
+        {0.1, 0, 254},   {0.4, 1, 254},   {1, 2, 253},     {10, 25, 243},   {25, 63, 226},
+        {50, 127, 197},  {75, 190, 168},  {99, 251, 141},  {100, 254, 140}, {150, 254, 140},
+        {std::numeric_limits<double>::quiet_NaN(), 254, 140},
+        {std::numeric_limits<double>::infinity(), 254, 140},
+    };
+    for (const Row& row : table) {
+        const CropEngine::CutOffs c = CropEngine::cutOffs(row.tolerance);
+        EXPECT_EQ(c.alpha, row.alpha) << "tolerance " << row.tolerance;
+        EXPECT_EQ(c.whiteness, row.whiteness) << "tolerance " << row.tolerance;
+    }
+}
+
+TEST(CutOffs, ZeroOrLessLetsEveryPixelThrough)
+{
+    for (double t : {0.0, -0.0, -5.0, -std::numeric_limits<double>::infinity()}) {
+        const CropEngine::CutOffs c = CropEngine::cutOffs(t);
+        EXPECT_LT(c.alpha, 0) << t;
+        EXPECT_GT(c.whiteness, 255) << t;
+    }
+}
+
+TEST(CutOffs, MoveOneWayAsTheToleranceGrows)
+{
+    std::vector<double> tolerances = toleranceBoundaries();
+    for (int i = 1; i <= 20000; ++i)
+        tolerances.push_back(i * 0.0055);
+    std::sort(tolerances.begin(), tolerances.end());
+    CropEngine::CutOffs previous = CropEngine::cutOffs(std::numeric_limits<double>::min());
+    for (double t : tolerances) {
+        const CropEngine::CutOffs c = CropEngine::cutOffs(t);
+        ASSERT_GE(c.alpha, previous.alpha) << t;
+        ASSERT_LE(c.whiteness, previous.whiteness) << t;
+        ASSERT_GE(c.alpha, 0);
+        ASSERT_LE(c.alpha, 254);
+        ASSERT_GE(c.whiteness, 140);
+        ASSERT_LE(c.whiteness, 254);
+        previous = c;
+    }
+}
+
+// The index compares one 16-bit key per pixel with one threshold per pair of
+// cut-offs; check that comparison against the rule itself for every alpha,
+// every smallest colour byte and every pair a tolerance can produce.
+TEST(CutOffs, PixelKeysDecideContentExactlyForEveryReachablePair)
+{
+    std::set<std::pair<int, int>> pairs;
+    for (double t : toleranceBoundaries()) {
+        const CropEngine::CutOffs c = CropEngine::cutOffs(t);
+        pairs.insert({c.alpha, c.whiteness});
+    }
+    for (int i = 1; i <= 100000; ++i) {
+        const CropEngine::CutOffs c = CropEngine::cutOffs(i * 0.001);
+        pairs.insert({c.alpha, c.whiteness});
+    }
+    EXPECT_GT(pairs.size(), 360u);
+    for (const auto& [alpha, whiteness] : pairs) {
+        const auto threshold = ToleranceIndex::threshold(alpha, whiteness);
+        ASSERT_TRUE(threshold.has_value()) << alpha << " " << whiteness;
+        for (int a = 0; a < 256; ++a) {
+            for (int m = 0; m < 256; ++m) {
+                const bool content = a > alpha && m < whiteness;
+                ASSERT_EQ(ToleranceIndex::pixelKey(a, m) >= *threshold, content)
+                    << "alpha " << a << " min " << m << " cut-offs " << alpha << "/" << whiteness;
+            }
+        }
+    }
+}
+
+TEST(RectangleGeometry, ZeroOrNegativeToleranceKeepsTheWholeImage)
+{
+    const auto transparent = solidRgba(7, 5, 0, 0, 0, 0);
+    for (double t : {0.0, -5.0})
+        EXPECT_EQ(bothWays(transparent, t), (PixelRect{0, 0, 7, 5}));
+    EXPECT_EQ(bothWays(solidRgba(3, 4, 255, 255, 255, 255), 0.0), (PixelRect{0, 0, 3, 4}));
+}
+
+TEST(RectangleGeometry, NothingToKeepIsAbsent)
+{
+    for (double t : {0.1, 1.0, 25.0, 100.0, 150.0, std::numeric_limits<double>::quiet_NaN()}) {
+        EXPECT_FALSE(bothWays(solidRgba(6, 4, 0, 0, 0, 0), t)) << "transparent at " << t;
+        EXPECT_FALSE(bothWays(solidRgba(6, 4, 255, 255, 255, 255), t)) << "white at " << t;
+    }
+}
+
+TEST(RectangleGeometry, PixelsAtTheCutOffs)
+{
+    // Tolerance 100 and above: only opaque pixels, background from 140 up.
+    for (double t : {100.0, 150.0}) {
+        EXPECT_TRUE(isContent(139, 255, 255, 255, t));
+        EXPECT_FALSE(isContent(140, 140, 140, 255, t));
+        EXPECT_FALSE(isContent(0, 0, 0, 254, t));
+    }
+    EXPECT_EQ(bothWays(solidRgba(1, 1, 0, 0, 0, 255), 25), (PixelRect{0, 0, 1, 1}));
+    EXPECT_FALSE(isContent(255, 255, 255, 255, 25));
+    EXPECT_FALSE(isContent(0, 0, 0, 0, 25));
+    EXPECT_TRUE(isContent(200, 200, 200, 255, 25));
+    EXPECT_FALSE(isContent(200, 200, 200, 255, 50));
+    // Black at alpha 63 and 64 (premultiplied black stays 0, 0, 0).
+    EXPECT_FALSE(isContent(0, 0, 0, 63, 25));
+    EXPECT_TRUE(isContent(0, 0, 0, 64, 25));
+    // Tolerance 0.1: any alpha counts, only 254 and up in all three is white.
+    EXPECT_TRUE(isContent(0, 0, 0, 1, 0.1));
+    EXPECT_FALSE(isContent(254, 254, 254, 255, 0.1));
+    EXPECT_TRUE(isContent(254, 253, 254, 255, 0.1));
+    // A white pixel at half opacity reads about 128 and so counts as content.
+    EXPECT_TRUE(isContent(255, 255, 255, 128, 25));
+}
+
+TEST(RectangleGeometry, HoldsTheOutermostContentPixels)
+{
+    auto image = solidRgba(10, 10, 0, 0, 0, 0);
+    image = withPixel(withPixel(image, 1, 1, 20, 30, 40, 255), 8, 6, 0, 0, 0, 200);
+    EXPECT_EQ(bothWays(image, 25), (PixelRect{1, 1, 8, 6}));
+    EXPECT_EQ(bothWays(withPixel(solidRgba(10, 10, 0, 0, 0, 0), 3, 5, 0, 0, 0, 255), 25), (PixelRect{3, 5, 1, 1}));
+    // Content on each edge of a white image.
+    auto edges = solidRgba(9, 7, 255, 255, 255, 255);
+    edges = withPixel(edges, 4, 0, 0, 0, 0, 255);
+    edges = withPixel(edges, 0, 3, 0, 0, 0, 255);
+    edges = withPixel(edges, 8, 2, 0, 0, 0, 255);
+    edges = withPixel(edges, 5, 6, 0, 0, 0, 255);
+    EXPECT_EQ(bothWays(edges, 25), (PixelRect{0, 0, 9, 7}));
+    // A pale pixel counts only at low tolerances; the rectangle shrinks past it.
+    auto pale = withPixel(withPixel(solidRgba(12, 3, 0, 0, 0, 0), 2, 1, 0, 0, 0, 255), 10, 1, 230, 230, 230, 255);
+    EXPECT_EQ(bothWays(pale, 10), (PixelRect{2, 1, 9, 1}));
+    EXPECT_EQ(bothWays(pale, 25), (PixelRect{2, 1, 1, 1}));
+}
+
+namespace {
+
+// Random pixels that sit near the cut-offs often enough to matter: mostly
+// background, some near-white, some faint, a few solid.
+std::vector<std::uint8_t> randomPixels(std::mt19937& rng, int width, int height, int bands)
+{
+    std::uniform_int_distribution<int> kind(0, 9);
+    std::uniform_int_distribution<int> any(0, 255);
+    std::uniform_int_distribution<int> light(130, 255);
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(width) * height * bands);
+    const int density = std::uniform_int_distribution<int>(1, 9)(rng);
+    for (std::size_t i = 0; i < bytes.size(); i += bands) {
+        const int k = kind(rng);
+        int r = 255, g = 255, b = 255, a = 0;
+        if (k < density) {
+            r = light(rng);
+            g = k % 2 ? r : light(rng);
+            b = k % 3 ? r : light(rng);
+            a = k % 4 == 0 ? any(rng) : 255;
+            if (k == 1) {
+                r = any(rng);
+                a = any(rng);
+            }
+        } else if (k == 9) {
+            a = 255; // opaque white: background
+        }
+        std::uint8_t px[4] = {std::uint8_t(r), std::uint8_t(g), std::uint8_t(b), std::uint8_t(a)};
+        if (bands == 1 || bands == 2)
+            px[0] = std::uint8_t(std::min({r, g, b})), px[1] = std::uint8_t(a);
+        if (bands == 3 && a == 0)
+            px[0] = px[1] = px[2] = 255;
+        for (int c = 0; c < bands; ++c)
+            bytes[i + c] = px[c];
+    }
+    return bytes;
+}
+
+} // namespace
+
+TEST(IndexMatchesScan, OnRandomImagesAndTolerances)
+{
+    std::mt19937 rng(20261123);
+    const std::vector<double> boundaries = toleranceBoundaries();
+    std::uniform_real_distribution<double> fractional(0.0, 110.0);
+    std::uniform_int_distribution<int> side(1, 24);
+    int absent = 0;
+    int whole = 0;
+    for (int n = 0; n < 160; ++n) {
+        const int width = side(rng);
+        const int height = side(rng);
+        const int bands = 1 + n % 4;
+        const auto interpretation = bands < 3 ? VIPS_INTERPRETATION_B_W : VIPS_INTERPRETATION_sRGB;
+        vips::VImage image = imageFromBytes(randomPixels(rng, width, height, bands), width, height, bands, interpretation);
+        // Every other image goes through libvips' pipeline instead of the
+        // in-memory pass.
+        if (n % 2)
+            image = image.copy();
+        const auto buffer = CropEngine::Buffer::make(image);
+        ASSERT_TRUE(buffer.has_value());
+        std::vector<double> tolerances = {0, -1, 100, 150, std::numeric_limits<double>::quiet_NaN(), 1e-300};
+        for (int i = 0; i < 40; ++i)
+            tolerances.push_back(fractional(rng));
+        if (n % 8 == 0)
+            tolerances.insert(tolerances.end(), boundaries.begin(), boundaries.end());
+        for (double t : tolerances) {
+            const auto byIndex = CropEngine::contentRect(*buffer, t);
+            const auto byScan = CropEngine::contentRectByScan(*buffer, t);
+            ASSERT_EQ(byIndex, byScan) << "image " << n << " (" << width << " x " << height << ", " << bands
+                                       << " bands) at tolerance " << t;
+            absent += !byIndex;
+            whole += byIndex == PixelRect{0, 0, width, height};
+        }
+    }
+    // The images must exercise both ends, not only one kind of answer.
+    EXPECT_GT(absent, 100);
+    EXPECT_GT(whole, 100);
+}
+
+TEST(IndexMatchesScan, WhenTransparencyFirstAppearsHalfwayDown)
+{
+    // Opaque rows first, then translucent ones: the raster starts out as the
+    // image's own memory and has to become a premultiplied copy midway.
+    const int width = 16, height = 12;
+    std::vector<std::uint8_t> bytes(width * height * 4, 255);
+    std::mt19937 rng(7);
+    for (int y = 6; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const std::size_t at = (y * width + x) * 4;
+            bytes[at + 3] = std::uint8_t(rng() % 256);
+            bytes[at] = std::uint8_t(200 + rng() % 56);
+        }
+    const auto image = imageFromBytes(bytes, width, height, 4, VIPS_INTERPRETATION_sRGB);
+    const auto buffer = CropEngine::Buffer::make(image);
+    ASSERT_TRUE(buffer);
+    for (int i = 1; i <= 1000; ++i) {
+        const double t = i * 0.11;
+        ASSERT_EQ(CropEngine::contentRect(*buffer, t), CropEngine::contentRectByScan(*buffer, t)) << t;
+    }
+}
