@@ -23,6 +23,10 @@ namespace {
 
 enum ExitCode { AllProcessed = 0, SomeFailed = 1, UsageError = 2 };
 
+void dropMessage(const gchar*, GLogLevelFlags, const gchar*, gpointer)
+{
+}
+
 void write(std::FILE* stream, const QByteArray& bytes)
 {
     std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stream);
@@ -63,6 +67,9 @@ int main(int argc, char* argv[])
         return SomeFailed;
     }
     ImageFile::initialise();
+    // libvips warns about every damaged file it meets; each image gets its own
+    // one-line result instead, so stderr keeps only what the tool says.
+    g_log_set_handler("VIPS", G_LOG_LEVEL_WARNING, dropMessage, nullptr);
     // Images run side by side; libvips' own threads would only compete with them.
     vips_concurrency_set(std::max(1, cores / options.jobs));
 

@@ -1,0 +1,814 @@
+// orvane-trim run end to end: the real binary on folders made by the test.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <vips/vips8>
+
+namespace {
+
+using vips::VImage;
+
+struct Box {
+    int x, y, w, h;
+};
+
+void startVips()
+{
+    static const bool started = [] {
+        if (VIPS_INIT("trimclitest") != 0)
+            return false;
+        vips_cache_set_max(0);
+        return true;
+    }();
+    ASSERT_TRUE(started);
+}
+
+VImage withSRGB(const VImage& image)
+{
+    return image.copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+}
+
+// An RGBA image: transparent (or opaque white) around an opaque block of colour.
+VImage framed(int width, int height, Box box, std::vector<double> colour = {30, 60, 90},
+              bool whiteBackground = false)
+{
+    colour.push_back(255);
+    const VImage block = (VImage::black(box.w, box.h, VImage::option()->set("bands", 4)) + colour)
+                             .cast(VIPS_FORMAT_UCHAR);
+    const std::vector<double> background = whiteBackground ? std::vector<double>{255, 255, 255, 255}
+                                                           : std::vector<double>{0, 0, 0, 0};
+    return withSRGB(block.embed(box.x, box.y, width, height,
+                                VImage::option()->set("extend", VIPS_EXTEND_BACKGROUND)->set("background", background)));
+}
+
+// A fully transparent RGBA image.
+VImage clear(int width, int height)
+{
+    return withSRGB(VImage::black(width, height, VImage::option()->set("bands", 4)).cast(VIPS_FORMAT_UCHAR));
+}
+
+// Random opaque pixels inside a transparent frame: a PNG that does not shrink
+// much when compressed.
+VImage noisy(int width, int height, int frame)
+{
+    const int w = width - 2 * frame, h = height - 2 * frame;
+    const VImage noise = VImage::gaussnoise(w, h, VImage::option()->set("mean", 128.0)->set("sigma", 60.0));
+    VImage rgb = noise.bandjoin(VImage::gaussnoise(w, h)).bandjoin(VImage::gaussnoise(w, h));
+    rgb = rgb.bandjoin_const({255}).cast(VIPS_FORMAT_UCHAR);
+    return withSRGB(rgb.embed(frame, frame, width, height,
+                              VImage::option()->set("extend", VIPS_EXTEND_BACKGROUND)->set("background", std::vector<double>{0, 0, 0, 0})));
+}
+
+void writeImage(const QString& path, const VImage& image, const char* options = "")
+{
+    const QByteArray name = QFile::encodeName(path) + options;
+    image.write_to_file(name.constData());
+}
+
+VImage readBack(const QString& path)
+{
+    return VImage::new_from_file(QFile::encodeName(path).constData()).copy_memory();
+}
+
+QByteArray bytesOf(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return file.readAll();
+}
+
+void writeBytes(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << path.toStdString();
+    ASSERT_EQ(file.write(bytes), bytes.size());
+}
+
+QStringList entries(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+}
+
+QJsonArray rectJson(int x, int y, int w, int h)
+{
+    return QJsonArray{x, y, w, h};
+}
+
+struct TrimRun {
+    int exitCode = -1;
+    bool crashed = false;
+    QByteArray out;
+    QByteArray err;
+
+    QList<QJsonObject> json() const
+    {
+        QList<QJsonObject> objects;
+        for (const QByteArray& line : out.split('\n')) {
+            if (line.isEmpty())
+                continue;
+            QJsonParseError error{};
+            const QJsonDocument document = QJsonDocument::fromJson(line, &error);
+            EXPECT_EQ(error.error, QJsonParseError::NoError) << "not JSON: " << line.toStdString();
+            EXPECT_TRUE(document.isObject()) << line.toStdString();
+            objects.append(document.object());
+        }
+        return objects;
+    }
+};
+
+QString fileNameOf(const QJsonObject& object)
+{
+    return QFileInfo(object.value(QLatin1String("path")).toString()).fileName();
+}
+
+QStringList fileNames(const QList<QJsonObject>& objects)
+{
+    QStringList names;
+    for (const QJsonObject& object : objects)
+        names << fileNameOf(object);
+    return names;
+}
+
+QStringList sortedKeys(const QJsonObject& object)
+{
+    QStringList keys = object.keys();
+    keys.sort();
+    return keys;
+}
+
+class TrimCli : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        startVips();
+        ASSERT_TRUE(m_dir.isValid());
+    }
+
+    QString path(const QString& name) const { return m_dir.filePath(name); }
+
+    QString makeFolder(const QString& name) const
+    {
+        QDir(m_dir.path()).mkpath(name);
+        return path(name);
+    }
+
+    // Runs orvane-trim with args in the test's folder, optionally under a
+    // wrapper command such as prlimit or setpriv.
+    TrimRun trim(const QStringList& args, const QStringList& wrapper = {}) const
+    {
+        const QString binary = QStringLiteral(ORVANE_TRIM_BINARY);
+        if (wrapper.isEmpty())
+            return runProgram(binary, args);
+        return runProgram(wrapper.first(), wrapper.mid(1) + QStringList{binary} + args);
+    }
+
+    TrimRun runProgram(const QString& program, const QStringList& args) const
+    {
+        QProcess process;
+        process.setWorkingDirectory(m_dir.path());
+        process.start(program, args);
+        TrimRun run;
+        if (!process.waitForFinished(180'000)) {
+            process.kill();
+            process.waitForFinished();
+            ADD_FAILURE() << "orvane-trim did not finish: " << args.join(QLatin1Char(' ')).toStdString();
+        }
+        run.crashed = process.exitStatus() != QProcess::NormalExit;
+        run.exitCode = process.exitCode();
+        run.out = process.readAllStandardOutput();
+        run.err = process.readAllStandardError();
+        EXPECT_FALSE(run.crashed) << run.err.toStdString();
+        return run;
+    }
+
+    // Whether the binary can run as nobody here (the build folder must be reachable).
+    bool canRunAsNobody() const
+    {
+        if (QStandardPaths::findExecutable(QStringLiteral("setpriv")).isEmpty() || ::geteuid() != 0)
+            return false;
+        QProcess probe;
+        probe.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
+                                                QStringLiteral("--clear-groups"), QStringLiteral(ORVANE_TRIM_BINARY),
+                                                QStringLiteral("--version")});
+        return probe.waitForFinished(30'000) && probe.exitStatus() == QProcess::NormalExit && probe.exitCode() == 0;
+    }
+
+    static QStringList asNobody()
+    {
+        return {QStringLiteral("setpriv"), QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
+                QStringLiteral("--clear-groups"), QStringLiteral("--")};
+    }
+
+    // The temporary folder is private to root; let nobody walk into it.
+    void openToEveryone() const
+    {
+        QFile::setPermissions(m_dir.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
+                                                | QFileDevice::ReadGroup | QFileDevice::ExeGroup
+                                                | QFileDevice::ReadOther | QFileDevice::ExeOther);
+    }
+
+    QTemporaryDir m_dir;
+};
+
+// ---------------------------------------------------------------------------
+// The command line
+
+TEST_F(TrimCli, UsageErrorsExitWithTwoAClearMessageAndWriteNothing)
+{
+    writeImage(path("a.png"), framed(40, 30, {5, 5, 10, 10}));
+    QDir(m_dir.path()).mkdir(QStringLiteral("out"));
+    const QStringList before = entries(m_dir.path());
+
+    struct Case {
+        QStringList args;
+        const char* message;
+    };
+    const QList<Case> cases = {
+        {{}, "no image file or folder given"},
+        {{QStringLiteral("--frobnicate"), QStringLiteral("a.png")}, "frobnicate"},
+        {{QStringLiteral("-t"), QStringLiteral("0,25"), QStringLiteral("a.png")}, "needs --dry-run"},
+        {{QStringLiteral("-t"), QStringLiteral("abc"), QStringLiteral("a.png")}, "tolerance must be a number from 0 to 100"},
+        {{QStringLiteral("--tolerance=101"), QStringLiteral("-n"), QStringLiteral("a.png")}, "tolerance must be"},
+        {{QStringLiteral("--tolerance=10,,20"), QStringLiteral("-n"), QStringLiteral("a.png")}, "tolerance must be"},
+        {{QStringLiteral("--margin"), QStringLiteral("-1"), QStringLiteral("a.png")}, "margin must be"},
+        {{QStringLiteral("--margin"), QStringLiteral("2.5"), QStringLiteral("a.png")}, "margin must be"},
+        {{QStringLiteral("-j"), QStringLiteral("0"), QStringLiteral("a.png")}, "jobs must be"},
+        {{QStringLiteral("-o"), QStringLiteral("out"), QStringLiteral("--in-place"), QStringLiteral("a.png")}, "cannot be used together"},
+        {{QStringLiteral("-o"), QStringLiteral("missing"), QStringLiteral("a.png")}, "does not exist"},
+        {{QStringLiteral("-o"), QStringLiteral("a.png"), QStringLiteral("a.png")}, "is not a folder"},
+        {{QStringLiteral("-t")}, "Missing value"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args.join(QLatin1Char(' ')).toStdString());
+        const TrimRun run = trim(c.args);
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_TRUE(run.out.isEmpty());
+        EXPECT_TRUE(run.err.startsWith("orvane-trim: ")) << run.err.toStdString();
+        EXPECT_TRUE(run.err.contains(c.message)) << run.err.toStdString();
+    }
+    EXPECT_EQ(entries(m_dir.path()), before);
+    EXPECT_TRUE(entries(path(QStringLiteral("out"))).isEmpty());
+}
+
+TEST_F(TrimCli, HelpAndVersionExitWithZero)
+{
+    const TrimRun help = trim({QStringLiteral("--help")});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_TRUE(help.out.startsWith("Usage: orvane-trim [options] PATH...")) << help.out.toStdString();
+    for (const char* option : {"--tolerance", "--dry-run", "--json", "--output", "--in-place", "--overwrite",
+                               "--margin", "--jobs", "trimmed, unchanged, nothing, exists, failed"})
+        EXPECT_TRUE(help.out.contains(option)) << option;
+
+    const TrimRun version = trim({QStringLiteral("--version")});
+    EXPECT_EQ(version.exitCode, 0);
+    EXPECT_TRUE(version.out.startsWith("orvane-trim ")) << version.out.toStdString();
+}
+
+// ---------------------------------------------------------------------------
+// Dry runs and the JSON report
+
+TEST_F(TrimCli, DryRunAnswersEveryToleranceAndWritesNothing)
+{
+    // A light grey block counts as content at 25 (200 < 226) but not at 50
+    // (200 >= 197); a black block always counts; a half-transparent one
+    // (alpha 100) counts at 25 (100 > 63) but not at 50 (100 <= 127).
+    VImage image = framed(100, 80, {10, 10, 20, 20}, {200, 200, 200});
+    image = image.insert(framed(5, 5, {0, 0, 5, 5}, {0, 0, 0}), 50, 40);
+    const VImage translucent = (VImage::black(4, 4, VImage::option()->set("bands", 4)) + std::vector<double>{0, 0, 0, 100})
+                                   .cast(VIPS_FORMAT_UCHAR);
+    image = withSRGB(image.insert(translucent, 90, 70));
+    writeImage(path("grey.png"), image);
+    const QStringList before = entries(m_dir.path());
+
+    const TrimRun run = trim({QStringLiteral("--dry-run"), QStringLiteral("--json"), QStringLiteral("--tolerance=0,25,50,100"),
+                          QStringLiteral("grey.png")});
+    EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QList<QJsonObject> objects = run.json();
+    ASSERT_EQ(objects.size(), 1);
+    const QJsonObject& o = objects.first();
+    EXPECT_EQ(sortedKeys(o), (QStringList{"height", "path", "rects", "type", "width"}));
+    EXPECT_EQ(o.value("path").toString(), QStringLiteral("grey.png"));
+    EXPECT_EQ(o.value("type").toString(), QStringLiteral("image/png"));
+    EXPECT_EQ(o.value("width").toInt(), 100);
+    EXPECT_EQ(o.value("height").toInt(), 80);
+    const QJsonArray rects = o.value("rects").toArray();
+    ASSERT_EQ(rects.size(), 4);
+    const QList<std::pair<double, QJsonArray>> expected = {
+        {0, rectJson(0, 0, 100, 80)},
+        {25, rectJson(10, 10, 84, 64)},
+        {50, rectJson(50, 40, 5, 5)},
+        {100, rectJson(50, 40, 5, 5)},
+    };
+    for (qsizetype i = 0; i < rects.size(); ++i) {
+        const QJsonObject entry = rects.at(i).toObject();
+        EXPECT_EQ(sortedKeys(entry), (QStringList{"rect", "tolerance"}));
+        EXPECT_EQ(entry.value("tolerance").toDouble(), expected.at(i).first);
+        EXPECT_EQ(entry.value("rect").toArray(), expected.at(i).second) << "tolerance " << expected.at(i).first;
+    }
+    // The keys come in the order people read them.
+    EXPECT_TRUE(run.out.startsWith("{\"path\":\"grey.png\",\"type\":\"image/png\",\"width\":100,\"height\":80,\"rects\":["))
+        << run.out.toStdString();
+    EXPECT_EQ(entries(m_dir.path()), before);
+    EXPECT_EQ(run.err, "1 measured, 0 failed\n");
+}
+
+TEST_F(TrimCli, DryRunReportsNullForNoContentAndErrorObjectsForFailures)
+{
+    writeImage(path("clear.png"), clear(20, 20));
+    writeBytes(path("broken.png"), QByteArray("\x89PNG\r\n\x1a\n this is not really a PNG"));
+    writeImage(path("fine.png"), framed(30, 20, {3, 4, 5, 6}));
+
+    const TrimRun run = trim({QStringLiteral("-n"), QStringLiteral("--json"), QStringLiteral("clear.png"),
+                          QStringLiteral("gone.png"), QStringLiteral("broken.png"), QStringLiteral("fine.png")});
+    EXPECT_EQ(run.exitCode, 1);
+    const QList<QJsonObject> objects = run.json();
+    ASSERT_EQ(objects.size(), 4);
+    EXPECT_EQ(objects[0].value("rects").toArray().first().toObject().value("rect"), QJsonValue(QJsonValue::Null));
+    for (int i : {1, 2}) {
+        EXPECT_EQ(sortedKeys(objects[i]), (QStringList{"error", "path"}));
+        EXPECT_FALSE(objects[i].value("error").toString().isEmpty());
+    }
+    EXPECT_EQ(objects[1].value("path").toString(), QStringLiteral("gone.png"));
+    EXPECT_EQ(objects[2].value("path").toString(), QStringLiteral("broken.png"));
+    EXPECT_EQ(objects[3].value("rects").toArray().first().toObject().value("rect").toArray(), rectJson(3, 4, 5, 6));
+    EXPECT_EQ(run.err, "2 measured, 2 failed\n");
+}
+
+TEST_F(TrimCli, PlainTextOutputAndSummaryWithoutATerminal)
+{
+    writeImage(path("a.png"), framed(40, 30, {5, 6, 7, 8}));
+    const TrimRun dry = trim({QStringLiteral("-n"), QStringLiteral("-t"), QStringLiteral("0,25"), QStringLiteral("a.png")});
+    EXPECT_EQ(dry.out, "a.png: 40x30, tolerance 0: 40x30+0+0, tolerance 25: 7x8+5+6\n");
+    // No progress line when stderr is not a terminal: only the summary.
+    EXPECT_EQ(dry.err, "1 measured, 0 failed\n");
+
+    const TrimRun run = trim({QStringLiteral("a.png"), QStringLiteral("missing.png")});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.out, "trimmed    a.png -> a-cropped.png (40x30 -> 7x8)\n");
+    EXPECT_EQ(run.err, "orvane-trim: missing.png: No such file or folder.\n"
+                       "1 trimmed, 0 unchanged, 0 without content, 0 already there, 1 failed\n");
+}
+
+TEST_F(TrimCli, ProgressLineOnlyOnATerminal)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("script")).isEmpty())
+        GTEST_SKIP() << "util-linux script is not installed; no terminal to run in";
+    writeImage(path("a.png"), framed(40, 30, {5, 6, 7, 8}));
+    writeImage(path("b.png"), framed(40, 30, {5, 6, 7, 8}));
+    const QString command = QStringLiteral("'%1' -n a.png b.png").arg(QStringLiteral(ORVANE_TRIM_BINARY));
+    const TrimRun run = runProgram(QStringLiteral("script"), {QStringLiteral("-qec"), command, QStringLiteral("/dev/null")});
+    EXPECT_EQ(run.exitCode, 0) << run.out.toStdString();
+    EXPECT_TRUE(run.out.contains("\r\033[K2/2 b.png")) << run.out.toStdString();
+    EXPECT_TRUE(run.out.contains("2 measured, 0 failed")) << run.out.toStdString();
+}
+
+// ---------------------------------------------------------------------------
+// Folders: order, skips, input order, parallel jobs
+
+TEST_F(TrimCli, FoldersExpandOneLevelInNameOrderWithSkips)
+{
+    const QString folder = makeFolder(QStringLiteral("scans"));
+    for (const char* name : {"b.png", "a.jpg", "10.png", "2.png", "photo-cropped.png", ".hidden.png", "sub/c.png"}) {
+        QDir(folder).mkpath(QFileInfo(QDir(folder).filePath(name)).path());
+        writeImage(QDir(folder).filePath(name), framed(30, 20, {2, 2, 5, 5}, {0, 0, 0}, true));
+    }
+    writeBytes(QDir(folder).filePath(QStringLiteral("notes.txt")), "not an image");
+    writeImage(path("first.png"), framed(30, 20, {2, 2, 5, 5}));
+    writeImage(path("last.png"), framed(30, 20, {2, 2, 5, 5}));
+
+    const TrimRun dry = trim({QStringLiteral("-n"), QStringLiteral("--json"), QStringLiteral("first.png"), QStringLiteral("scans"),
+                          QStringLiteral("last.png")});
+    EXPECT_EQ(dry.exitCode, 0) << dry.err.toStdString();
+    EXPECT_EQ(fileNames(dry.json()),
+              (QStringList{"first.png", "2.png", "10.png", "a.jpg", "b.png", "last.png"}))
+        << "earlier outputs (-cropped), hidden files, subfolders and other types are left out";
+
+    // Writing into another folder, a name ending in -cropped is just a name.
+    makeFolder(QStringLiteral("out"));
+    const TrimRun toFolder = trim({QStringLiteral("--json"), QStringLiteral("-o"), QStringLiteral("out"), QStringLiteral("scans")});
+    EXPECT_EQ(toFolder.exitCode, 0) << toFolder.err.toStdString();
+    EXPECT_EQ(fileNames(toFolder.json()), (QStringList{"2.png", "10.png", "a.jpg", "b.png", "photo-cropped.png"}));
+
+    // Beside the sources, a second run does not trim the first run's outputs.
+    const TrimRun first = trim({QStringLiteral("scans")});
+    EXPECT_EQ(first.exitCode, 0) << first.err.toStdString();
+    const TrimRun second = trim({QStringLiteral("--json"), QStringLiteral("scans")});
+    EXPECT_EQ(fileNames(second.json()), (QStringList{"2.png", "10.png", "a.jpg", "b.png"}));
+    for (const QJsonObject& o : second.json())
+        EXPECT_EQ(o.value("status").toString(), QStringLiteral("exists")) << fileNameOf(o).toStdString();
+    EXPECT_EQ(second.exitCode, 0);
+}
+
+TEST_F(TrimCli, ParallelJobsKeepInputOrderAndMatchEachImage)
+{
+    const QString folder = makeFolder(QStringLiteral("many"));
+    // Large and small images mixed, so that later ones finish first.
+    for (int i = 1; i <= 24; ++i) {
+        const int side = i % 5 == 1 ? 1200 : 20 + i;
+        writeImage(QDir(folder).filePath(QStringLiteral("img%1.png").arg(i)), framed(side, side, {1, 2, i, i}));
+    }
+    for (const char* jobs : {"1", "4", "16"}) {
+        SCOPED_TRACE(jobs);
+        const TrimRun run = trim({QStringLiteral("-n"), QStringLiteral("--json"), QStringLiteral("-j"), QString::fromLatin1(jobs),
+                              QStringLiteral("many")});
+        EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();
+        const QList<QJsonObject> objects = run.json();
+        ASSERT_EQ(objects.size(), 24);
+        for (int i = 1; i <= 24; ++i) {
+            const QJsonObject& o = objects.at(i - 1);
+            EXPECT_EQ(fileNameOf(o), QStringLiteral("img%1.png").arg(i));
+            EXPECT_EQ(o.value("width").toInt(), i % 5 == 1 ? 1200 : 20 + i);
+            EXPECT_EQ(o.value("rects").toArray().first().toObject().value("rect").toArray(), rectJson(1, 2, i, i));
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Writing: names, statuses, collisions, margin
+
+TEST_F(TrimCli, WritesBesideTheSourceUnderTheProposedName)
+{
+    writeImage(path("photo.JPG"), framed(60, 40, {10, 8, 30, 20}, {0, 0, 0}, true), "[Q=100]");
+    writeImage(path("archive.tar.png"), framed(60, 40, {1, 2, 3, 4}, {255, 0, 0}));
+    const QByteArray photoBytes = bytesOf(path("photo.JPG"));
+
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("photo.JPG"), QStringLiteral("archive.tar.png")});
+    EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QList<QJsonObject> objects = run.json();
+    ASSERT_EQ(objects.size(), 2);
+    EXPECT_EQ(sortedKeys(objects[0]), (QStringList{"height", "output", "path", "rects", "status", "type", "width"}));
+    EXPECT_EQ(objects[0].value("status").toString(), QStringLiteral("trimmed"));
+    EXPECT_EQ(objects[0].value("type").toString(), QStringLiteral("image/jpeg"));
+    EXPECT_EQ(objects[0].value("output").toString(), QStringLiteral("photo-cropped.JPG"));
+    EXPECT_EQ(objects[1].value("output").toString(), QStringLiteral("archive.tar-cropped.png"));
+    EXPECT_TRUE(run.out.contains(",\"output\":\"photo-cropped.JPG\",\"status\":\"trimmed\"}\n"));
+
+    const QJsonArray jpegRect = objects[0].value("rects").toArray().first().toObject().value("rect").toArray();
+    const VImage jpeg = readBack(path("photo-cropped.JPG"));
+    EXPECT_TRUE(bytesOf(path("photo-cropped.JPG")).startsWith("\xff\xd8")) << "a JPEG stays a JPEG";
+    EXPECT_EQ(jpeg.width(), jpegRect.at(2).toInt());
+    EXPECT_EQ(jpeg.height(), jpegRect.at(3).toInt());
+    EXPECT_NEAR(jpeg.width(), 30, 2) << "JPEG blur may move the edge a pixel";
+
+    const VImage png = readBack(path("archive.tar-cropped.png"));
+    EXPECT_EQ(png.width(), 3);
+    EXPECT_EQ(png.height(), 4);
+    EXPECT_EQ(png.getpoint(0, 0), (std::vector<double>{255, 0, 0, 255}));
+    EXPECT_EQ(bytesOf(path("photo.JPG")), photoBytes) << "the source is never touched";
+}
+
+TEST_F(TrimCli, StatusesForEveryOutcome)
+{
+    const QString out = makeFolder(QStringLiteral("out"));
+    writeImage(path("trim.png"), framed(50, 50, {10, 10, 10, 10}));
+    // Stored with weak compression, so a re-encode could not give the same bytes.
+    writeImage(path("full.png"), framed(50, 50, {0, 0, 50, 50}), "[compression=1]");
+    writeImage(path("clear.png"), clear(50, 50));
+    writeImage(path("taken.png"), framed(50, 50, {5, 5, 5, 5}));
+    writeBytes(QDir(out).filePath(QStringLiteral("taken.png")), "someone else's file");
+    const QByteArray fullBytes = bytesOf(path("full.png"));
+
+    const QStringList inputs = {"trim.png", "full.png", "clear.png", "taken.png", "gone.png"};
+    const TrimRun run = trim(QStringList{QStringLiteral("--json"), QStringLiteral("-o"), QStringLiteral("out")} + inputs);
+    EXPECT_EQ(run.exitCode, 1) << "gone.png could not be read";
+    const QList<QJsonObject> o = run.json();
+    ASSERT_EQ(o.size(), 5);
+    EXPECT_EQ(o[0].value("status").toString(), QStringLiteral("trimmed"));
+    EXPECT_EQ(o[0].value("output").toString(), QDir(QStringLiteral("out")).filePath(QStringLiteral("trim.png")));
+    EXPECT_EQ(o[1].value("status").toString(), QStringLiteral("unchanged"));
+    EXPECT_EQ(o[1].value("output").toString(), QStringLiteral("out/full.png"));
+    EXPECT_EQ(bytesOf(QDir(out).filePath(QStringLiteral("full.png"))), fullBytes) << "copied byte for byte";
+    EXPECT_EQ(o[2].value("status").toString(), QStringLiteral("nothing"));
+    EXPECT_EQ(o[2].value("output"), QJsonValue(QJsonValue::Null));
+    EXPECT_EQ(o[3].value("status").toString(), QStringLiteral("exists"));
+    EXPECT_EQ(o[3].value("output"), QJsonValue(QJsonValue::Null));
+    EXPECT_EQ(bytesOf(QDir(out).filePath(QStringLiteral("taken.png"))), "someone else's file");
+    EXPECT_EQ(sortedKeys(o[4]), (QStringList{"error", "output", "path", "status"}));
+    EXPECT_EQ(o[4].value("status").toString(), QStringLiteral("failed"));
+    EXPECT_EQ(entries(out), (QStringList{"full.png", "taken.png", "trim.png"}));
+    EXPECT_EQ(run.err, "1 trimmed, 1 unchanged, 1 without content, 1 already there, 1 failed\n");
+
+    // --overwrite replaces the existing output; the others come out the same.
+    const TrimRun again = trim(QStringList{QStringLiteral("--json"), QStringLiteral("--overwrite"), QStringLiteral("-o"),
+                                       QStringLiteral("out")} + inputs.mid(0, 4));
+    EXPECT_EQ(again.exitCode, 0) << again.err.toStdString();
+    const QList<QJsonObject> a = again.json();
+    ASSERT_EQ(a.size(), 4);
+    EXPECT_EQ(a[3].value("status").toString(), QStringLiteral("trimmed"));
+    EXPECT_EQ(readBack(QDir(out).filePath(QStringLiteral("taken.png"))).width(), 5);
+
+    // Beside the source, an image with nothing to trim is left alone: no copy.
+    const TrimRun beside = trim({QStringLiteral("--json"), QStringLiteral("full.png")});
+    EXPECT_EQ(beside.json().first().value("status").toString(), QStringLiteral("unchanged"));
+    EXPECT_EQ(beside.json().first().value("output"), QJsonValue(QJsonValue::Null));
+    EXPECT_FALSE(QFileInfo::exists(path("full-cropped.png")));
+    EXPECT_EQ(bytesOf(path("full.png")), fullBytes);
+}
+
+TEST_F(TrimCli, TwoInputsForOneOutputFailTheSecond)
+{
+    makeFolder(QStringLiteral("a"));
+    makeFolder(QStringLiteral("b"));
+    makeFolder(QStringLiteral("out"));
+    writeImage(path("a/x.png"), framed(40, 40, {1, 1, 11, 11}));
+    writeImage(path("b/x.png"), framed(40, 40, {1, 1, 22, 22}));
+
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--overwrite"), QStringLiteral("-o"), QStringLiteral("out"),
+                          QStringLiteral("a/x.png"), QStringLiteral("b/x.png")});
+    EXPECT_EQ(run.exitCode, 1);
+    const QList<QJsonObject> o = run.json();
+    ASSERT_EQ(o.size(), 2);
+    EXPECT_EQ(o[0].value("status").toString(), QStringLiteral("trimmed"));
+    EXPECT_EQ(o[1].value("status").toString(), QStringLiteral("failed"));
+    EXPECT_TRUE(o[1].value("error").toString().contains(QStringLiteral("a/x.png"))) << o[1].value("error").toString().toStdString();
+    EXPECT_EQ(readBack(path("out/x.png")).width(), 11) << "the first one's result is not overwritten";
+
+    // The same file twice (once through a link) when writing over the source.
+    ASSERT_TRUE(QFile::link(path("a/x.png"), path("alias.png")));
+    const QByteArray once = bytesOf(path("a/x.png"));
+    const TrimRun inPlace = trim({QStringLiteral("--json"), QStringLiteral("--in-place"), QStringLiteral("a/x.png"),
+                              QStringLiteral("alias.png")});
+    EXPECT_EQ(inPlace.exitCode, 1);
+    const QList<QJsonObject> p = inPlace.json();
+    ASSERT_EQ(p.size(), 2);
+    EXPECT_EQ(p[0].value("status").toString(), QStringLiteral("trimmed"));
+    EXPECT_EQ(p[1].value("status").toString(), QStringLiteral("failed"));
+    EXPECT_EQ(readBack(path("a/x.png")).width(), 11);
+
+    // An output that is another input of the same run is refused, not raced.
+    writeImage(path("c.png"), framed(40, 40, {1, 1, 5, 5}));
+    writeImage(path("c-cropped.png"), framed(40, 40, {1, 1, 6, 6}));
+    const QByteArray cropped = bytesOf(path("c-cropped.png"));
+    const TrimRun clash = trim({QStringLiteral("--json"), QStringLiteral("--overwrite"), QStringLiteral("c.png"),
+                            QStringLiteral("c-cropped.png")});
+    EXPECT_EQ(clash.exitCode, 1);
+    EXPECT_EQ(clash.json().first().value("status").toString(), QStringLiteral("failed"));
+    EXPECT_EQ(clash.json().last().value("status").toString(), QStringLiteral("trimmed"));
+    EXPECT_EQ(bytesOf(path("c-cropped.png")), cropped);
+    EXPECT_TRUE(QFileInfo::exists(path("c-cropped-cropped.png")));
+}
+
+TEST_F(TrimCli, MarginGrowsTheRectangleWithinTheImage)
+{
+    writeImage(path("m.png"), framed(100, 80, {30, 20, 10, 10}));
+    struct Case {
+        const char* margin;
+        QJsonArray rect;
+    };
+    const QList<Case> cases = {
+        {"0", rectJson(30, 20, 10, 10)},
+        {"5", rectJson(25, 15, 20, 20)},
+        {"25", rectJson(5, 0, 60, 55)},
+        {"1000", rectJson(0, 0, 100, 80)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.margin);
+        const TrimRun run = trim({QStringLiteral("-n"), QStringLiteral("--json"), QStringLiteral("--margin"),
+                              QString::fromLatin1(c.margin), QStringLiteral("m.png")});
+        EXPECT_EQ(run.json().first().value("rects").toArray().first().toObject().value("rect").toArray(), c.rect);
+    }
+
+    const TrimRun written = trim({QStringLiteral("--json"), QStringLiteral("--margin"), QStringLiteral("25"), QStringLiteral("m.png")});
+    EXPECT_EQ(written.json().first().value("status").toString(), QStringLiteral("trimmed"));
+    const VImage out = readBack(path("m-cropped.png"));
+    EXPECT_EQ(out.width(), 60);
+    EXPECT_EQ(out.height(), 55);
+    EXPECT_EQ(out.getpoint(25, 20), (std::vector<double>{30, 60, 90, 255})) << "content moved by the margin";
+    EXPECT_EQ(out.getpoint(0, 0), (std::vector<double>{0, 0, 0, 0}));
+
+    // A margin that reaches every edge leaves nothing to trim.
+    const TrimRun whole = trim({QStringLiteral("--json"), QStringLiteral("--overwrite"), QStringLiteral("--margin"),
+                            QStringLiteral("1000"), QStringLiteral("m.png")});
+    EXPECT_EQ(whole.json().first().value("status").toString(), QStringLiteral("unchanged"));
+    EXPECT_EQ(readBack(path("m-cropped.png")).width(), 60);
+}
+
+// ---------------------------------------------------------------------------
+// Writing over the source
+
+TEST_F(TrimCli, InPlaceReplacesTheSourceCompletely)
+{
+    makeFolder(QStringLiteral("work"));
+    writeImage(path("work/a.png"), framed(80, 60, {10, 20, 30, 15}, {1, 2, 3}));
+    writeImage(path("work/b.jpg"), framed(80, 60, {10, 20, 30, 16}, {0, 0, 0}, true), "[Q=100]");
+
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--in-place"), QStringLiteral("work")});
+    EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QList<QJsonObject> o = run.json();
+    ASSERT_EQ(o.size(), 2);
+    EXPECT_EQ(o[0].value("output").toString(), o[0].value("path").toString());
+    EXPECT_EQ(o[0].value("status").toString(), QStringLiteral("trimmed"));
+    const VImage a = readBack(path("work/a.png"));
+    EXPECT_EQ(a.width(), 30);
+    EXPECT_EQ(a.height(), 15);
+    EXPECT_EQ(a.getpoint(0, 0), (std::vector<double>{1, 2, 3, 255}));
+    EXPECT_TRUE(bytesOf(path("work/b.jpg")).startsWith("\xff\xd8"));
+    EXPECT_NEAR(readBack(path("work/b.jpg")).height(), 16, 2);
+    EXPECT_EQ(entries(path("work")), (QStringList{"a.png", "b.jpg"})) << "no temporary files left behind";
+
+    // TrimRun again: nothing left to trim, the files are not rewritten.
+    const QByteArray trimmed = bytesOf(path("work/a.png"));
+    const TrimRun again = trim({QStringLiteral("--json"), QStringLiteral("--in-place"), QStringLiteral("work/a.png")});
+    EXPECT_EQ(again.json().first().value("status").toString(), QStringLiteral("unchanged"));
+    EXPECT_EQ(bytesOf(path("work/a.png")), trimmed);
+}
+
+TEST_F(TrimCli, FailedWriteLeavesTheSourceByteForByte)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("prlimit")).isEmpty())
+        GTEST_SKIP() << "prlimit is not installed; cannot limit the file size";
+    makeFolder(QStringLiteral("work"));
+    writeImage(path("work/big.png"), noisy(300, 300, 10));
+    writeImage(path("work/small.png"), framed(30, 30, {2, 2, 3, 3}));
+    const QByteArray original = bytesOf(path("work/big.png"));
+    ASSERT_GT(original.size(), 100'000);
+
+    // Files above 20 000 bytes cannot be written: big.png's trimmed image is
+    // one of them, small.png's is not.
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--in-place"), QStringLiteral("work")},
+                         {QStringLiteral("prlimit"), QStringLiteral("--fsize=20000"), QStringLiteral("--")});
+    EXPECT_EQ(run.exitCode, 1);
+    const QList<QJsonObject> o = run.json();
+    ASSERT_EQ(o.size(), 2);
+    EXPECT_EQ(o[0].value("status").toString(), QStringLiteral("failed"));
+    EXPECT_EQ(o[0].value("error").toString(), QStringLiteral("Couldn’t write to “big.png”."));
+    EXPECT_EQ(o[0].value("output"), QJsonValue(QJsonValue::Null));
+    EXPECT_EQ(o[0].value("width").toInt(), 300) << "a write failure still reports what was measured";
+    EXPECT_EQ(o[1].value("status").toString(), QStringLiteral("trimmed"));
+    EXPECT_EQ(bytesOf(path("work/big.png")), original);
+    EXPECT_EQ(entries(path("work")), (QStringList{"big.png", "small.png"})) << "no partial file left behind";
+
+    // The same through a copy of a file with nothing to trim.
+    makeFolder(QStringLiteral("out"));
+    writeImage(path("full.png"), noisy(200, 200, 0));
+    const TrimRun copy = trim({QStringLiteral("--json"), QStringLiteral("-o"), QStringLiteral("out"), QStringLiteral("full.png")},
+                          {QStringLiteral("prlimit"), QStringLiteral("--fsize=20000"), QStringLiteral("--")});
+    EXPECT_EQ(copy.exitCode, 1);
+    EXPECT_EQ(copy.json().first().value("status").toString(), QStringLiteral("failed"));
+    EXPECT_TRUE(entries(path("out")).isEmpty());
+}
+
+TEST_F(TrimCli, WriteRefusedByPermissionLeavesTheSource)
+{
+    if (!canRunAsNobody())
+        GTEST_SKIP() << "cannot run orvane-trim as nobody here (setpriv missing, not root, or build folder unreachable)";
+    openToEveryone();
+    makeFolder(QStringLiteral("locked"));
+    writeImage(path("locked/a.png"), framed(40, 40, {4, 4, 8, 8}));
+    QFile::setPermissions(path("locked/a.png"), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther);
+    const QByteArray original = bytesOf(path("locked/a.png"));
+
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--in-place"), QStringLiteral("locked/a.png")}, asNobody());
+    EXPECT_EQ(run.exitCode, 1) << run.err.toStdString();
+    ASSERT_EQ(run.json().size(), 1);
+    EXPECT_EQ(run.json().first().value("error").toString(), QStringLiteral("Couldn’t write to “a.png”."));
+    EXPECT_EQ(bytesOf(path("locked/a.png")), original);
+    EXPECT_EQ(entries(path("locked")), QStringList{"a.png"});
+}
+
+// ---------------------------------------------------------------------------
+// A file system that is not tidy
+
+TEST_F(TrimCli, LinksDanglingLinksAndLoopsGiveResultsNotHangs)
+{
+    const QString folder = makeFolder(QStringLiteral("links"));
+    writeImage(path("real.png"), framed(30, 30, {3, 3, 9, 9}));
+    makeFolder(QStringLiteral("elsewhere"));
+    writeImage(path("elsewhere/inside.png"), framed(30, 30, {3, 3, 9, 9}));
+    ASSERT_TRUE(QFile::link(QStringLiteral("../real.png"), QDir(folder).filePath(QStringLiteral("b-link.png"))));
+    ASSERT_TRUE(QFile::link(QStringLiteral("nowhere.png"), QDir(folder).filePath(QStringLiteral("c-dangling.png"))));
+    ASSERT_TRUE(QFile::link(QStringLiteral("d-loop.png"), QDir(folder).filePath(QStringLiteral("d-loop.png"))));
+    ASSERT_TRUE(QFile::link(QStringLiteral("."), QDir(folder).filePath(QStringLiteral("e-self.png"))));
+    ASSERT_TRUE(QFile::link(QStringLiteral("elsewhere"), path("folderlink")));
+
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("-n"), QStringLiteral("links"), QStringLiteral("folderlink"),
+                          QStringLiteral("links/d-loop.png")});
+    EXPECT_EQ(run.exitCode, 1);
+    const QList<QJsonObject> o = run.json();
+    // Whether a listing shows links that lead nowhere, or a folder named like
+    // an image, is the listing's business; whatever is listed gets a result.
+    QStringList good;
+    for (const QJsonObject& object : o) {
+        const QString name = fileNameOf(object);
+        if (name == QStringLiteral("b-link.png") || name == QStringLiteral("inside.png")) {
+            good << name;
+            EXPECT_EQ(object.value("rects").toArray().first().toObject().value("rect").toArray(), rectJson(3, 3, 9, 9));
+        } else {
+            EXPECT_TRUE(object.contains("error")) << name.toStdString();
+        }
+    }
+    EXPECT_EQ(good, (QStringList{"b-link.png", "inside.png"}));
+    ASSERT_FALSE(o.isEmpty());
+    EXPECT_EQ(o.last().value("path").toString(), QStringLiteral("links/d-loop.png"));
+    EXPECT_TRUE(o.last().contains("error"));
+}
+
+TEST_F(TrimCli, OddNamesAreReportedAndWritten)
+{
+    const QString folder = makeFolder(QStringLiteral("odd"));
+    const QStringList names = {"with space.png", "new\nline.png", "-dash.png", "ünïcödé ✓.png", "quote\"back\\slash.png"};
+    for (const QString& name : names)
+        writeImage(QDir(folder).filePath(name), framed(20, 20, {4, 4, 4, 4}));
+    // A name that is not UTF-8 at all.
+    const QByteArray raw = QFile::encodeName(folder) + "/bad\xff\xfe.png";
+    // Qt cannot name this file to remove it with the temporary folder.
+    const std::unique_ptr<const char, int (*)(const char*)> removeRaw(raw.constData(), ::unlink);
+    const int fd = ::open(raw.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0);
+    const QByteArray png = bytesOf(QDir(folder).filePath(QStringLiteral("with space.png")));
+    ASSERT_EQ(::write(fd, png.constData(), png.size()), png.size());
+    ::close(fd);
+
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("odd")});
+    const QList<QJsonObject> o = run.json();
+    // The name that is not UTF-8 may be listed (and fail) or not be listed at all.
+    ASSERT_GE(o.size(), names.size()) << run.out.toStdString();
+    ASSERT_LE(o.size(), names.size() + 1) << run.out.toStdString();
+    int failed = 0;
+    for (const QJsonObject& object : o) {
+        const QString name = fileNameOf(object);
+        if (!names.contains(name)) {
+            // The name that is not UTF-8: whatever becomes of it, alone.
+            failed += object.value("status").toString() == QStringLiteral("failed");
+            continue;
+        }
+        EXPECT_EQ(object.value("status").toString(), QStringLiteral("trimmed")) << name.toStdString();
+        const QString output = object.value("output").toString();
+        EXPECT_EQ(QFileInfo(output).fileName(), QFileInfo(name).completeBaseName() + QStringLiteral("-cropped.png"));
+        EXPECT_EQ(readBack(path(output)).width(), 4) << output.toStdString();
+    }
+    EXPECT_EQ(run.exitCode, failed > 0 ? 1 : 0);
+
+    // A file name starting with a dash, after "--".
+    const TrimRun dash = trim({QStringLiteral("-n"), QStringLiteral("--json"), QStringLiteral("--"), QStringLiteral("-dash.png")});
+    EXPECT_EQ(dash.json().size(), 1);
+    EXPECT_EQ(dash.exitCode, 1) << "there is no -dash.png in the working folder";
+}
+
+TEST_F(TrimCli, UnreadableFolderIsAFailureNotSilence)
+{
+    if (!canRunAsNobody())
+        GTEST_SKIP() << "cannot run orvane-trim as nobody here (setpriv missing, not root, or build folder unreachable)";
+    openToEveryone();
+    makeFolder(QStringLiteral("private"));
+    writeImage(path("private/a.png"), framed(20, 20, {1, 1, 2, 2}));
+    QFile::setPermissions(path("private"), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    writeImage(path("open.png"), framed(20, 20, {1, 1, 2, 2}));
+    QFile::setPermissions(path("open.png"), QFileDevice::ReadOwner | QFileDevice::ReadOther);
+
+    const TrimRun run = trim({QStringLiteral("-n"), QStringLiteral("--json"), QStringLiteral("private"), QStringLiteral("open.png")},
+                         asNobody());
+    EXPECT_EQ(run.exitCode, 1);
+    const QList<QJsonObject> o = run.json();
+    ASSERT_EQ(o.size(), 2);
+    EXPECT_EQ(o[0].value("path").toString(), QStringLiteral("private"));
+    EXPECT_EQ(o[0].value("error").toString(), QStringLiteral("Couldn’t read the folder."));
+    EXPECT_EQ(o[1].value("width").toInt(), 20);
+}
+
+TEST_F(TrimCli, TenThousandFilesInOneFolder)
+{
+    const QString folder = makeFolder(QStringLiteral("huge"));
+    writeImage(path("one.png"), framed(3, 3, {1, 1, 1, 1}));
+    const QByteArray png = bytesOf(path("one.png"));
+    for (int i = 10'000; i >= 1; --i)
+        writeBytes(QDir(folder).filePath(QStringLiteral("f%1.png").arg(i)), png);
+
+    const TrimRun run = trim({QStringLiteral("-n"), QStringLiteral("--json"), QStringLiteral("huge")});
+    EXPECT_EQ(run.exitCode, 0) << run.err.right(500).toStdString();
+    const QList<QJsonObject> o = run.json();
+    ASSERT_EQ(o.size(), 10'000);
+    for (int i : {0, 1, 9, 99, 9'999})
+        EXPECT_EQ(fileNameOf(o.at(i)), QStringLiteral("f%1.png").arg(i + 1)) << "numbers sort by value";
+    EXPECT_EQ(run.err, "10000 measured, 0 failed\n");
+}
+
+TEST_F(TrimCli, NoImagesFoundIsSaidPlainly)
+{
+    makeFolder(QStringLiteral("empty/sub"));
+    writeImage(path("empty/sub/deep.png"), framed(10, 10, {1, 1, 1, 1}));
+    const TrimRun run = trim({QStringLiteral("empty")});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_TRUE(run.out.isEmpty());
+    EXPECT_EQ(run.err, "No supported images found.\n");
+}
+
+} // namespace
