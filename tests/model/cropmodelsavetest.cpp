@@ -1,0 +1,315 @@
+// Saving: as a new file through the save panel and over the original; the
+// proposed names, the messages, refused writes, the reload after a save over
+// the original, and a type that has no encoder.
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+
+#include "imagefile/imagefile.h"
+#include "model/cropmodel.h"
+#include "modeltest.h"
+
+using namespace orvane;
+using namespace orvane::test;
+
+namespace {
+
+QByteArray contentsOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// The largest difference between two images' pixels; 0 when identical.
+double maxDifference(const vips::VImage& a, const vips::VImage& b)
+{
+    return (a.cast(VIPS_FORMAT_INT) - b.cast(VIPS_FORMAT_INT)).abs().max();
+}
+
+} // namespace
+
+class CropModelSaveTest : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<QTemporaryDir> m_dir;
+    QString path(const QString& name) const { return m_dir->filePath(name); }
+
+private Q_SLOTS:
+    void init()
+    {
+        m_dir = std::make_unique<QTemporaryDir>();
+        QVERIFY(m_dir->isValid());
+    }
+    void cleanup()
+    {
+        ImageFile::setSaverProbeForTesting({});
+        ImageFile::setAvailableMemoryForTesting(std::nullopt);
+    }
+
+    void nothingToSaveWithAnEmptyQueue()
+    {
+        FakePanels panels;
+        CropModel model(&panels);
+        Notes notes(model);
+        model.saveAsNewFile();
+        QCOMPARE(model.errorMessage(), QStringLiteral("Nothing to save."));
+        model.saveOverOriginal();
+        QCOMPARE(model.errorMessage(), QStringLiteral("Nothing to save."));
+        QCOMPARE(notes.names(), (QStringList{"ErrorMessage", "ErrorMessage"}));
+        QCOMPARE(panels.saveCalls, 0);
+    }
+
+    void nothingToSaveWithoutContent()
+    {
+        // A fully transparent image has no content rectangle at tolerance 25.
+        writeImage(path("clear.png"), transparentImage(30, 20));
+        writeLetterImage(path("done.png"), 0);
+        const QByteArray before = contentsOf(path("clear.png"));
+        FakePanels panels;
+        panels.saveAnswer = QUrl::fromLocalFile(path("out.png"));
+        CropModel model(&panels);
+        model.open(urls({path("done.png"), path("clear.png")}));
+        model.saveOverOriginal(); // done.png saved: confirmation set, clear.png active
+        QCOMPARE(activeName(model), "clear.png");
+        QVERIFY(!model.activeContentRect());
+
+        model.saveAsNewFile();
+        QCOMPARE(model.errorMessage(), QStringLiteral("Nothing to save."));
+        model.saveOverOriginal();
+        QCOMPARE(model.errorMessage(), QStringLiteral("Nothing to save."));
+        QCOMPARE(panels.saveCalls, 0);
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("done.png"));
+        QVERIFY(!model.items()[1].saved);
+        QVERIFY(!QFile::exists(path("out.png")));
+        QCOMPARE(contentsOf(path("clear.png")), before);
+    }
+
+    void theProposedNameAndType_data()
+    {
+        QTest::addColumn<QString>("fileName");
+        QTest::addColumn<QString>("format");
+        QTest::addColumn<QString>("proposed");
+        QTest::addColumn<QString>("type");
+        QTest::newRow("photo.JPG") << "photo.JPG" << ".jpg" << "photo-cropped.JPG" << "image/jpeg";
+        QTest::newRow("photo.png") << "photo.png" << ".png" << "photo-cropped.png" << "image/png";
+        QTest::newRow("archive.tar.png") << "archive.tar.png" << ".png" << "archive.tar-cropped.png" << "image/png";
+        // The panel is limited to the item's own type, found from the content.
+        QTest::newRow("PNG named jpg") << "picture.jpg" << ".png" << "picture-cropped.jpg" << "image/png";
+        QTest::newRow("TIFF") << "scan.tif" << ".tif" << "scan-cropped.tif" << "image/tiff";
+    }
+    void theProposedNameAndType()
+    {
+        QFETCH(QString, fileName);
+        QFETCH(QString, format);
+        QFETCH(QString, proposed);
+        QFETCH(QString, type);
+        writeBytes(path(fileName), encode(whiteImageWithBlock(30, 20, QRect(3, 4, 10, 8)), qPrintable(format)));
+        FakePanels panels;
+        CropModel model(&panels);
+        model.open(urls({path(fileName)}));
+        QCOMPARE(itemNames(model), QStringList{fileName});
+        model.saveAsNewFile(); // cancelled
+        QCOMPARE(panels.saveCalls, 1);
+        QCOMPARE(panels.proposedName, proposed);
+        QCOMPARE(panels.restrictedType, ImageType(type));
+    }
+
+    void cancellingTheSavePanelChangesNothing()
+    {
+        writeLetterImage(path("a.png"), 0);
+        writeLetterImage(path("b.png"), 1);
+        FakePanels panels;
+        CropModel model(&panels);
+        model.open(urls({path("a.png"), path("b.png")}));
+        model.saveOverOriginal(); // a saved and confirmed, b active
+        model.open(urls({path("missing.png")}));
+        const QByteArray before = contentsOf(path("b.png"));
+        Notes notes(model);
+
+        model.saveAsNewFile();
+        QCOMPARE(panels.saveCalls, 1);
+        QVERIFY(notes.names().isEmpty());
+        QCOMPARE(model.errorMessage(), QStringLiteral("1 file couldn’t be opened."));
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("a.png"));
+        QCOMPARE(activeName(model), "b.png");
+        QVERIFY(!model.items()[1].saved);
+        QCOMPARE(contentsOf(path("b.png")), before);
+        QCOMPARE(QDir(m_dir->path()).entryList(QDir::Files).size(), 2);
+    }
+
+    void saveAsNewFileWritesTheTrimmedImage()
+    {
+        writeImage(path("a.png"), whiteImageWithBlock(50, 40, QRect(5, 6, 20, 10)));
+        writeLetterImage(path("b.png"), 1);
+        const QByteArray original = contentsOf(path("a.png"));
+        FakePanels panels;
+        panels.saveAnswer = QUrl::fromLocalFile(path("chosen name.png"));
+        CropModel model(&panels);
+        model.open(urls({path("a.png"), path("b.png"), path("missing.png")}));
+        QVERIFY(model.errorMessage());
+        const CropModel::Item before = model.items().front();
+        Notes notes(model);
+
+        model.saveAsNewFile();
+        QCOMPARE(notes.names(),
+                 (QStringList{"Items", "SaveConfirmation", "ErrorMessage", "ActiveID", "ActiveContentRect"}));
+        const vips::VImage written = readBack(path("chosen name.png"));
+        QCOMPARE(written.width(), 20);
+        QCOMPARE(written.height(), 10);
+        QCOMPARE(written.max(), 0.0); // only the black block is left
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("chosen name.png"));
+        QVERIFY(!model.errorMessage());
+
+        // The item still refers to its source, which is untouched.
+        const CropModel::Item& item = model.items().front();
+        QVERIFY(item.saved);
+        QCOMPARE(item.url, before.url);
+        QCOMPARE(item.type, before.type);
+        QCOMPARE(item.buffer.width(), 50);
+        QCOMPARE(contentsOf(path("a.png")), original);
+        QCOMPARE(activeName(model), "b.png");
+    }
+
+    void toleranceZeroWritesTheWholeImage()
+    {
+        const vips::VImage source = whiteImageWithBlock(40, 30, QRect(10, 10, 5, 5));
+        writeImage(path("whole.png"), source);
+        FakePanels panels;
+        panels.saveAnswer = QUrl::fromLocalFile(path("whole-cropped.png"));
+        CropModel model(&panels);
+        model.setThreshold(0.0);
+        model.open(urls({path("whole.png")}));
+        QCOMPARE(toQRect(model.activeContentRect()), QRect(0, 0, 40, 30));
+        model.saveAsNewFile();
+        const vips::VImage written = readBack(path("whole-cropped.png"));
+        QCOMPARE(written.width(), 40);
+        QCOMPARE(written.height(), 30);
+        QCOMPARE(maxDifference(written.extract_band(0, vips::VImage::option()->set("n", 3)), source), 0.0);
+    }
+
+    void aRefusedWriteNamesTheDestination()
+    {
+        writeLetterImage(path("a.png"), 0);
+        writeLetterImage(path("b.png"), 1);
+        FakePanels panels;
+        panels.saveAnswer = QUrl::fromLocalFile(path("no such folder/out.png"));
+        CropModel model(&panels);
+        model.open(urls({path("a.png"), path("b.png")}));
+        model.saveOverOriginal(); // a confirmed, b active
+        Notes notes(model);
+
+        model.saveAsNewFile();
+        QCOMPARE(notes.names(), QStringList{"ErrorMessage"});
+        QCOMPARE(model.errorMessage(), QStringLiteral("Couldn’t write to “out.png”."));
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("a.png"));
+        QCOMPARE(activeName(model), "b.png");
+        QVERIFY(!model.items()[1].saved);
+        QVERIFY(!QFileInfo::exists(path("no such folder")));
+    }
+
+    void saveOverOriginalReloadsTheTrimmedImage()
+    {
+        writeImage(path("photo.png"), whiteImageWithBlock(1000, 800, QRect(100, 200, 600, 400)));
+        CropModel model;
+        model.open(urls({path("photo.png")}));
+        const CropModel::Item before = model.items().front();
+        const QString id = before.id.toString(QUuid::WithoutBraces).toUpper();
+        QCOMPARE(model.revealKey(), id + "#1000x800");
+        QVERIFY(model.willTrim());
+        Notes notes(model);
+
+        model.saveOverOriginal();
+        // The buffer is replaced, then the item marked saved; no other item
+        // is unsaved, so it stays active and its rectangle is recomputed.
+        QCOMPARE(notes.names(),
+                 (QStringList{"Items", "Items", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"}));
+        const CropModel::Item& item = model.items().front();
+        QCOMPARE(item.buffer.width(), 600);
+        QCOMPARE(item.buffer.height(), 400);
+        QCOMPARE(item.type, before.type);
+        QCOMPARE(item.url, before.url);
+        QCOMPARE(item.id, before.id);
+        QVERIFY(item.saved);
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("photo.png"));
+        QVERIFY(!model.errorMessage());
+        QCOMPARE(model.revealKey(), id + "#600x400");
+        QCOMPARE(toQRect(model.activeContentRect()), QRect(0, 0, 600, 400));
+        QVERIFY(!model.willTrim());
+        const vips::VImage onDisk = readBack(path("photo.png"));
+        QCOMPARE(onDisk.width(), 600);
+        QCOMPARE(onDisk.height(), 400);
+
+        // A saved item can be saved again: written and confirmed the same way.
+        notes.clear();
+        model.saveOverOriginal();
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("photo.png"));
+        QVERIFY(notes.names().contains("SaveConfirmation"));
+    }
+
+    void aTypeWithoutEncoderIsWrittenAsPng()
+    {
+        writeImage(path("web.webp"), whiteImageWithBlock(40, 30, QRect(4, 5, 20, 10)));
+        CropModel model;
+        model.open(urls({path("web.webp")}));
+        QCOMPARE(model.items().front().type, ImageType::webP());
+        ImageFile::setSaverProbeForTesting([](const ImageType& type) { return type != ImageType::webP(); });
+
+        model.saveOverOriginal();
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("web.webp"));
+        QVERIFY(contentsOf(path("web.webp")).startsWith("\x89PNG\r\n\x1a\n"));
+        const CropModel::Item& item = model.items().front();
+        QVERIFY(item.saved);
+        QCOMPARE(item.type, ImageType::webP());
+        QCOMPARE(item.url, QUrl::fromLocalFile(path("web.webp")));
+        QCOMPARE(item.buffer.width(), 20);
+    }
+
+    void aFailedReloadKeepsTheOldBuffer()
+    {
+        // The loader refuses anything when no memory is left: the write
+        // succeeds, the reload does not.
+        writeImage(path("tight.png"), whiteImageWithBlock(50, 40, QRect(5, 5, 10, 10)));
+        CropModel model;
+        model.open(urls({path("tight.png")}));
+        const QString key = model.revealKey();
+        ImageFile::setAvailableMemoryForTesting(1);
+        model.saveOverOriginal();
+        ImageFile::setAvailableMemoryForTesting(std::nullopt);
+
+        QCOMPARE(readBack(path("tight.png")).width(), 10);
+        const CropModel::Item& item = model.items().front();
+        QVERIFY(item.saved);
+        QCOMPARE(item.buffer.width(), 50);
+        QCOMPARE(model.revealKey(), key);
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("tight.png"));
+        QVERIFY(!model.errorMessage());
+        QCOMPARE(toQRect(model.activeContentRect()), QRect(5, 5, 10, 10));
+    }
+
+    void aRefusedWriteOverTheOriginalLeavesItUntouched()
+    {
+        // As root every folder is writable; the save runs as nobody in a
+        // child process, in a folder nobody may read but not write.
+        QTemporaryDir shared(QDir::tempPath() + "/orvane-refused-XXXXXX");
+        QVERIFY(shared.isValid());
+        QVERIFY(::chmod(QFile::encodeName(shared.path()).constData(), 0755) == 0);
+        const QString file = shared.filePath("photo.png");
+        writeImage(file, whiteImageWithBlock(60, 40, QRect(10, 10, 20, 10)));
+        const QByteArray before = contentsOf(file);
+
+        const std::optional<QString> output = runAsNobody({"--child-save-over", file});
+        if (!output)
+            QSKIP("cannot run a step as the user nobody here (needs root and setpriv)");
+        QCOMPARE(*output, QStringLiteral("Couldn’t write to “photo.png”.\nunsaved\n"));
+        QCOMPARE(contentsOf(file), before);
+        QCOMPARE(QDir(shared.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"photo.png"});
+    }
+};
+
+ORVANE_MODEL_TEST_MAIN(CropModelSaveTest)
+#include "cropmodelsavetest.moc"
