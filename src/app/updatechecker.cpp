@@ -314,7 +314,8 @@ void UpdateChecker::onDownloadReplyFinished()
         return;
     m_downloadReply = nullptr;
     reply->deleteLater();
-    storeDownloadChunk(reply->readAll()); // whatever arrived with the end of the transfer
+    if (reply->isOpen())
+        storeDownloadChunk(reply->readAll()); // whatever arrived with the end of the transfer
 
     const AppcastItem item = *m_downloadItem;
     const QString folder = QDir::toNativeSeparators(m_downloadDirectory);
@@ -416,7 +417,10 @@ void UpdateChecker::finishDownload(const DownloadResult& result)
 {
     m_downloadFile.reset(); // removes the temporary file unless it was kept
     m_downloadItem.reset();
-    Q_EMIT downloadFinished(result);
+    // Queued: cancelDownload() aborts synchronously, and its caller must not
+    // hear the outcome from inside the call.
+    QMetaObject::invokeMethod(
+        this, [this, result] { Q_EMIT downloadFinished(result); }, Qt::QueuedConnection);
 }
 
 } // namespace orvane

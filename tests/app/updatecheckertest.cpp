@@ -1,0 +1,357 @@
+// The updater's network core against a real HTTP server on 127.0.0.1:
+// checking the feed, and downloads kept only when they verify.
+#include <QDir>
+#include <QFile>
+#include <QNetworkAccessManager>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include "app/updatechecker.h"
+#include "localhttpserver.h"
+#include "updatetestsupport.h"
+
+Q_DECLARE_METATYPE(orvane::test::LocalHttpServer::Response)
+
+using namespace orvane;
+using namespace std::chrono_literals;
+using orvane::test::FeedItem;
+using orvane::test::LocalHttpServer;
+using orvane::test::makeFeed;
+using orvane::test::SigningKey;
+using Response = LocalHttpServer::Response;
+
+namespace {
+
+// Generous bound for a signal that must come; the injected timeouts are far shorter.
+constexpr int kWait = 20'000;
+
+QStringList filesIn(const QString& directory)
+{
+    return QDir(directory).entryList(QDir::Files | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                                     QDir::Name);
+}
+
+} // namespace
+
+class UpdateCheckerTest : public QObject {
+    Q_OBJECT
+
+private:
+    SigningKey m_key;
+    std::unique_ptr<LocalHttpServer> m_server;
+    std::unique_ptr<QTemporaryDir> m_downloads;
+
+    UpdateChecker::Config config(const QString& feedPath = QStringLiteral("/feed.xml")) const
+    {
+        UpdateChecker::Config c;
+        c.feedUrl = m_server->url(feedPath);
+        c.publicKey = m_key.publicKeyBase64();
+        c.currentVersion = QStringLiteral("1.0");
+        c.transferTimeout = 300ms;
+        c.checkDeadline = 10s;
+        c.maxFeedBytes = 64 * 1024;
+        c.downloadDirectory = m_downloads->path();
+        return c;
+    }
+
+    FeedItem item(const QString& version, const QByteArray& payload, const QString& path) const
+    {
+        return {version, QString(), m_server->url(path).toString(), QString::number(payload.size()),
+                m_key.signBase64(payload), QString(), QString()};
+    }
+
+    static UpdateChecker::CheckResult runCheck(UpdateChecker& checker)
+    {
+        QSignalSpy spy(&checker, &UpdateChecker::checkFinished);
+        checker.check();
+        if (!spy.wait(kWait) || spy.size() != 1)
+            qFatal("the check did not finish once");
+        return spy.at(0).at(0).value<UpdateChecker::CheckResult>();
+    }
+
+    static UpdateChecker::DownloadResult runDownload(UpdateChecker& checker, const AppcastItem& update)
+    {
+        QSignalSpy spy(&checker, &UpdateChecker::downloadFinished);
+        checker.download(update);
+        if (!spy.wait(kWait) || spy.size() != 1)
+            qFatal("the download did not finish once");
+        return spy.at(0).at(0).value<UpdateChecker::DownloadResult>();
+    }
+
+    // Serves a feed offering payload as version 2.0 and returns the offered item.
+    AppcastItem offer(UpdateChecker& checker, const FeedItem& feedItem)
+    {
+        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", makeFeed({feedItem}), "application/rss+xml"});
+        const auto result = runCheck(checker);
+        if (result.status != UpdateChecker::CheckStatus::UpdateAvailable)
+            qFatal("the feed offered nothing: %s", qPrintable(result.error));
+        return *result.update;
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        m_server = std::make_unique<LocalHttpServer>();
+        if (!m_server->start())
+            QSKIP("cannot listen on 127.0.0.1");
+        m_downloads = std::make_unique<QTemporaryDir>();
+        QVERIFY(m_downloads->isValid());
+    }
+
+    void cleanup()
+    {
+        m_server.reset();
+        m_downloads.reset();
+    }
+
+    void checkOutcomes_data()
+    {
+        QTest::addColumn<Response>("response");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("offeredOrError");
+
+        const QByteArray payload = "new build";
+        auto feed = [&](const QStringList& versions) {
+            QList<FeedItem> items;
+            for (const QString& v : versions)
+                items.append({v, QString(), QStringLiteral("http://127.0.0.1:1/x.tar.gz"),
+                              QStringLiteral("9"), QByteArray(64, 'S').toBase64(), QString(), QString()});
+            return Response{200, "OK", makeFeed(items), "application/rss+xml"};
+        };
+        const int available = int(UpdateChecker::CheckStatus::UpdateAvailable);
+        const int upToDate = int(UpdateChecker::CheckStatus::UpToDate);
+        const int failed = int(UpdateChecker::CheckStatus::Failed);
+
+        QTest::newRow("newer version") << feed({"1.1", "2.0", "1.9"}) << available << "2.0";
+        QTest::newRow("same version") << feed({"1.0", "1.0.0"}) << upToDate << "";
+        QTest::newRow("older version") << feed({"0.9", "0.1"}) << upToDate << "";
+        QTest::newRow("empty feed") << feed({}) << upToDate << "";
+        QTest::newRow("404") << Response{404, "Not Found", "gone", "text/plain"} << failed << "404";
+        QTest::newRow("server error") << Response{500, "Internal Server Error", "", "text/plain"} << failed
+                                      << "500";
+        QTest::newRow("malformed XML") << Response{200, "OK", "<rss><channel><item>", "application/xml"}
+                                       << failed << "not valid XML";
+        QTest::newRow("HTML page") << Response{200, "OK", "<html><body>hi</body></html>", "text/html"}
+                                   << failed << "not an RSS document";
+        Response silent;
+        silent.neverAnswer = true;
+        QTest::newRow("server never answers") << silent << failed << "didn’t answer in time";
+        QTest::newRow("oversized feed, announced")
+            << Response{200, "OK", QByteArray(200 * 1024, ' '), "application/rss+xml"} << failed
+            << "larger than";
+        Response streamed{200, "OK", QByteArray(200 * 1024, ' '), "application/rss+xml"};
+        streamed.sendLength = false;
+        QTest::newRow("oversized feed, unannounced") << streamed << failed << "larger than";
+    }
+
+    void checkOutcomes()
+    {
+        QFETCH(Response, response);
+        QFETCH(int, status);
+        QFETCH(QString, offeredOrError);
+        m_server->setResponse(QStringLiteral("/feed.xml"), response);
+
+        UpdateChecker checker(config());
+        const auto result = runCheck(checker);
+        QCOMPARE(int(result.status), status);
+        if (result.status == UpdateChecker::CheckStatus::UpdateAvailable) {
+            QVERIFY(result.update);
+            QCOMPARE(result.update->version, offeredOrError);
+        } else {
+            QVERIFY(!result.update);
+        }
+        if (result.status == UpdateChecker::CheckStatus::Failed)
+            QVERIFY2(result.error.contains(offeredOrError), qPrintable(result.error));
+        else
+            QVERIFY(result.error.isEmpty());
+        QCOMPARE(m_server->requests(), QList<QString>{QStringLiteral("/feed.xml")});
+    }
+
+    void unreachableServerIsReported()
+    {
+        QTcpServer closed;
+        QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
+        UpdateChecker::Config c = config();
+        c.feedUrl = QUrl(QStringLiteral("http://127.0.0.1:%1/feed.xml").arg(closed.serverPort()));
+        closed.close();
+
+        UpdateChecker checker(c);
+        const auto result = runCheck(checker);
+        QCOMPARE(result.status, UpdateChecker::CheckStatus::Failed);
+        QVERIFY2(result.error.startsWith(QStringLiteral("Couldn’t reach")), qPrintable(result.error));
+    }
+
+    void withoutFeedNothingTouchesTheNetwork()
+    {
+        UpdateChecker::Config c = config();
+        c.feedUrl = QUrl();
+        UpdateChecker checker(c);
+        QVERIFY(!checker.hasFeed());
+        const auto result = runCheck(checker);
+        QCOMPARE(result.status, UpdateChecker::CheckStatus::NoFeed);
+        QVERIFY(result.error.isEmpty());
+        QCOMPARE(checker.findChild<QNetworkAccessManager*>(), nullptr);
+        QVERIFY(m_server->requests().isEmpty());
+    }
+
+    void invalidKeyRefusesBeforeAsking_data()
+    {
+        QTest::addColumn<QByteArray>("key");
+        QTest::newRow("empty") << QByteArray();
+        QTest::newRow("not base64") << QByteArray("%%%");
+        QTest::newRow("wrong size") << QByteArray(31, 'k').toBase64();
+    }
+
+    void invalidKeyRefusesBeforeAsking()
+    {
+        QFETCH(QByteArray, key);
+        UpdateChecker::Config c = config();
+        c.publicKey = key;
+        UpdateChecker checker(c);
+        const auto result = runCheck(checker);
+        QCOMPARE(result.status, UpdateChecker::CheckStatus::Failed);
+        QVERIFY(!result.error.isEmpty());
+        QVERIFY(m_server->requests().isEmpty());
+    }
+
+    void secondCheckJoinsTheRunningOne()
+    {
+        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", makeFeed({}), "application/rss+xml"});
+        UpdateChecker checker(config());
+        QSignalSpy spy(&checker, &UpdateChecker::checkFinished);
+        checker.check();
+        checker.check();
+        QVERIFY(spy.wait(kWait));
+        QTest::qWait(50); // a second answer would be queued by now
+        QCOMPARE(spy.size(), 1);
+        QCOMPARE(m_server->requests().size(), 1);
+    }
+
+    void verifiedDownloadIsKept()
+    {
+        const QByteArray payload = QByteArray("Orvane 2.0 build ").repeated(5000);
+        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), {200, "OK", payload});
+        UpdateChecker checker(config());
+        const AppcastItem update =
+            offer(checker, item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz")));
+
+        QSignalSpy progress(&checker, &UpdateChecker::downloadProgress);
+        const auto result = runDownload(checker, update);
+        QVERIFY2(result.ok, qPrintable(result.error));
+        QCOMPARE(result.filePath, QDir(m_downloads->path()).filePath(QStringLiteral("Orvane-2.0.tar.gz")));
+        QFile kept(result.filePath);
+        QVERIFY(kept.open(QIODevice::ReadOnly));
+        QCOMPARE(kept.readAll(), payload);
+        QCOMPARE(filesIn(m_downloads->path()), QStringList{QStringLiteral("Orvane-2.0.tar.gz")});
+        QVERIFY(!progress.isEmpty());
+        QCOMPARE(progress.last().at(0).toLongLong(), qint64(payload.size()));
+        QCOMPARE(progress.last().at(1).toLongLong(), qint64(payload.size()));
+    }
+
+    void downloadNeverOverwritesAnExistingFile()
+    {
+        const QByteArray payload = "fresh";
+        const QString existing = QDir(m_downloads->path()).filePath(QStringLiteral("Orvane-2.0.tar.gz"));
+        {
+            QFile file(existing);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write("the user's own file");
+        }
+        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), {200, "OK", payload});
+        UpdateChecker checker(config());
+        const auto result = runDownload(
+            checker, offer(checker, item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz"))));
+        QVERIFY2(result.ok, qPrintable(result.error));
+        QCOMPARE(QFileInfo(result.filePath).fileName(), QStringLiteral("Orvane-2.0 (2).tar.gz"));
+        QFile old(existing);
+        QVERIFY(old.open(QIODevice::ReadOnly));
+        QCOMPARE(old.readAll(), QByteArray("the user's own file"));
+    }
+
+    void badDownloadIsDeletedAndReported_data()
+    {
+        QTest::addColumn<Response>("served");
+        QTest::addColumn<QByteArray>("signedPayload");
+        QTest::addColumn<bool>("signWithOtherKey");
+        QTest::addColumn<QString>("error");
+
+        const QByteArray payload = QByteArray("Orvane 2.0 ").repeated(3000);
+        QByteArray tampered = payload;
+        tampered[100] = 'X';
+        QTest::newRow("wrong signature") << Response{200, "OK", tampered} << payload << false << "signature";
+        QTest::newRow("signed by another key") << Response{200, "OK", payload} << payload << true << "signature";
+        QTest::newRow("shorter than announced")
+            << Response{200, "OK", payload.left(payload.size() - 1)} << payload << false << "bytes instead of";
+        QTest::newRow("longer than announced")
+            << Response{200, "OK", payload + "more"} << payload << false << "larger than";
+        Response streamedLonger{200, "OK", payload + QByteArray(100'000, 'x')};
+        streamedLonger.sendLength = false;
+        QTest::newRow("longer than announced, unannounced length")
+            << streamedLonger << payload << false << "larger than";
+        QTest::newRow("404") << Response{404, "Not Found", "missing", "text/plain"} << payload << false << "404";
+        Response silent;
+        silent.neverAnswer = true;
+        QTest::newRow("server never answers") << silent << payload << false << "didn’t answer in time";
+    }
+
+    void badDownloadIsDeletedAndReported()
+    {
+        QFETCH(Response, served);
+        QFETCH(QByteArray, signedPayload);
+        QFETCH(bool, signWithOtherKey);
+        QFETCH(QString, error);
+
+        FeedItem feedItem = item(QStringLiteral("2.0"), signedPayload, QStringLiteral("/dl/Orvane-2.0.tar.gz"));
+        if (signWithOtherKey)
+            feedItem.signature = SigningKey().signBase64(signedPayload);
+        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), served);
+        UpdateChecker checker(config());
+        const auto result = runDownload(checker, offer(checker, feedItem));
+        QVERIFY(!result.ok);
+        QVERIFY(result.filePath.isEmpty());
+        QVERIFY2(result.error.contains(error), qPrintable(result.error));
+        QCOMPARE(filesIn(m_downloads->path()), QStringList());
+    }
+
+    void cancelledDownloadLeavesNothing()
+    {
+        Response silent;
+        silent.neverAnswer = true;
+        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), silent);
+        UpdateChecker::Config c = config();
+        c.transferTimeout = 60s; // only the cancel may end it
+        UpdateChecker checker(c);
+        const AppcastItem update =
+            offer(checker, item(QStringLiteral("2.0"), "abc", QStringLiteral("/dl/Orvane-2.0.tar.gz")));
+
+        QSignalSpy spy(&checker, &UpdateChecker::downloadFinished);
+        checker.download(update);
+        QVERIFY(checker.isDownloading());
+        QTRY_COMPARE(m_server->requests().size(), 2);
+        checker.cancelDownload();
+        QCOMPARE(spy.size(), 0); // reported later, not from inside the call
+        QVERIFY(spy.wait(kWait));
+        QCOMPARE(spy.size(), 1);
+        const auto result = spy.at(0).at(0).value<UpdateChecker::DownloadResult>();
+        QVERIFY(!result.ok);
+        QVERIFY(result.error.contains(QStringLiteral("cancelled")));
+        QVERIFY(!checker.isDownloading());
+        QCOMPARE(filesIn(m_downloads->path()), QStringList());
+    }
+
+    void signatureVerification()
+    {
+        const QByteArray message = "payload";
+        const QByteArray signature = QByteArray::fromBase64(m_key.signBase64(message));
+        QVERIFY(UpdateChecker::verifySignature(message, signature, m_key.publicKey));
+        QVERIFY(!UpdateChecker::verifySignature("payloaD", signature, m_key.publicKey));
+        QVERIFY(!UpdateChecker::verifySignature(message, signature.left(63), m_key.publicKey));
+        QVERIFY(!UpdateChecker::verifySignature(message, signature, m_key.publicKey.left(31)));
+        QVERIFY(!UpdateChecker::verifySignature(message, signature, SigningKey().publicKey));
+        QVERIFY(!UpdateChecker::verifySignature(message, QByteArray(64, '\0'), m_key.publicKey));
+    }
+};
+
+QTEST_GUILESS_MAIN(UpdateCheckerTest)
+#include "updatecheckertest.moc"

@@ -1,0 +1,82 @@
+// Feeds and signing keys made in the test, for the updater tests.
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+#include <sodium.h>
+
+namespace orvane::test {
+
+/// A fresh Ed25519 key pair.
+struct SigningKey {
+    QByteArray publicKey = QByteArray(crypto_sign_PUBLICKEYBYTES, '\0');
+    QByteArray secretKey = QByteArray(crypto_sign_SECRETKEYBYTES, '\0');
+
+    SigningKey()
+    {
+        if (sodium_init() < 0)
+            qFatal("libsodium could not be initialised");
+        crypto_sign_keypair(reinterpret_cast<unsigned char*>(publicKey.data()),
+                            reinterpret_cast<unsigned char*>(secretKey.data()));
+    }
+
+    QByteArray publicKeyBase64() const { return publicKey.toBase64(); }
+
+    /// The detached signature of message, base64-encoded as the feed carries it.
+    QByteArray signBase64(const QByteArray& message) const
+    {
+        QByteArray signature(crypto_sign_BYTES, '\0');
+        crypto_sign_detached(reinterpret_cast<unsigned char*>(signature.data()), nullptr,
+                             reinterpret_cast<const unsigned char*>(message.constData()),
+                             static_cast<unsigned long long>(message.size()),
+                             reinterpret_cast<const unsigned char*>(secretKey.constData()));
+        return signature.toBase64();
+    }
+};
+
+/// One <item> of a test feed; empty fields are left out of the XML.
+struct FeedItem {
+    QString version;
+    QString shortVersion;
+    QString url;
+    QString length;
+    QByteArray signature; // base64
+    QString releaseNotes;
+    QString title;
+};
+
+inline QByteArray makeFeed(const QList<FeedItem>& items)
+{
+    QByteArray xml = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+                     "<rss version=\"2.0\" xmlns:orvane=\"https://orvane.app/xml/appcast\">\n"
+                     "<channel><title>Orvane</title>\n";
+    for (const FeedItem& item : items) {
+        xml += "<item>";
+        if (!item.title.isEmpty())
+            xml += "<title>" + item.title.toHtmlEscaped().toUtf8() + "</title>";
+        xml += "<pubDate>Mon, 23 Nov 2026 09:00:00 +0000</pubDate>";
+        if (!item.version.isEmpty())
+            xml += "<orvane:version>" + item.version.toUtf8() + "</orvane:version>";
+        if (!item.shortVersion.isEmpty())
+            xml += "<orvane:shortVersionString>" + item.shortVersion.toUtf8()
+                + "</orvane:shortVersionString>";
+        if (!item.releaseNotes.isEmpty())
+            xml += "<orvane:releaseNotesLink>" + item.releaseNotes.toHtmlEscaped().toUtf8()
+                + "</orvane:releaseNotesLink>";
+        xml += "<enclosure";
+        if (!item.url.isEmpty())
+            xml += " url=\"" + item.url.toHtmlEscaped().toUtf8() + "\"";
+        if (!item.length.isEmpty())
+            xml += " length=\"" + item.length.toUtf8() + "\"";
+        xml += " type=\"application/octet-stream\"";
+        if (!item.signature.isEmpty())
+            xml += " orvane:edSignature=\"" + item.signature + "\"";
+        xml += "/></item>\n";
+    }
+    xml += "</channel></rss>\n";
+    return xml;
+}
+
+} // namespace orvane::test
