@@ -1,0 +1,30 @@
+#include "ui/coalescedrefresh.h"
+
+#include "model/cropmodel.h"
+
+namespace orvane {
+
+CoalescedRefresh::CoalescedRefresh(CropModel* model, QObject* parent, std::function<void()> refresh)
+    : QObject(parent)
+    , m_refresh(std::move(refresh))
+{
+    connect(model, &CropModel::willChange, this, &CoalescedRefresh::schedule);
+}
+
+void CoalescedRefresh::schedule()
+{
+    if (m_pending)
+        return;
+    m_pending = true;
+    // willChange() comes before the assignment: the refresh must run later,
+    // when the model holds its new values.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_pending = false;
+            m_refresh();
+        },
+        Qt::QueuedConnection);
+}
+
+} // namespace orvane

@@ -1,0 +1,31 @@
+// One refresh per turn of the event loop, however many changes the model
+// announces in between.
+#pragma once
+
+#include <functional>
+
+#include <QObject>
+
+namespace orvane {
+
+class CropModel;
+
+/// Connects model's willChange() to refresh, coalesced: any number of
+/// announcements before the event loop turns give one call of refresh, made
+/// after the model has stored its new values. Main thread only. The object is
+/// a child of parent; refresh must stay valid as long as parent lives.
+class CoalescedRefresh : public QObject {
+    Q_OBJECT
+
+public:
+    CoalescedRefresh(CropModel* model, QObject* parent, std::function<void()> refresh);
+
+    /// Asks for a refresh on the next turn of the event loop.
+    void schedule();
+
+private:
+    std::function<void()> m_refresh;
+    bool m_pending = false;
+};
+
+} // namespace orvane

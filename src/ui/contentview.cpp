@@ -1,0 +1,220 @@
+#include "ui/contentview.h"
+
+#include <QBoxLayout>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QFrame>
+#include <QGraphicsOpacityEffect>
+#include <QMimeData>
+#include <QPropertyAnimation>
+#include <QStackedLayout>
+
+#include "model/cropmodel.h"
+#include "ui/coalescedrefresh.h"
+#include "ui/controlsview.h"
+#include "ui/dropzone.h"
+#include "ui/headerview.h"
+#include "ui/openprogressdialog.h"
+#include "ui/slidereveal.h"
+
+namespace orvane {
+
+namespace {
+
+// The window's two animations of what it shows, in milliseconds.
+constexpr int activeItemChange = 180;
+constexpr int drawerChange = 180;
+constexpr int drawerWidth = 208;
+
+QFrame* rule(Qt::Orientation orientation, QWidget* parent)
+{
+    auto* line = new QFrame(parent);
+    line->setFrameShape(orientation == Qt::Horizontal ? QFrame::HLine : QFrame::VLine);
+    line->setFrameShadow(QFrame::Plain);
+    line->setForegroundRole(QPalette::Mid);
+    return line;
+}
+
+} // namespace
+
+ContentView::ContentView(QWidget* parent)
+    : QWidget(parent)
+    , m_panels(this)
+    , m_model(std::make_unique<CropModel>(&m_panels))
+{
+    setObjectName(QStringLiteral("contentView"));
+    setAcceptDrops(true);
+    setMinimumSize(480, 360);
+
+    // The drawer's place, left of the main column, with its vertical rule.
+    m_drawerPlace = new QWidget(this);
+    m_drawerPlace->setObjectName(QStringLiteral("drawerPlace"));
+    auto* drawerLayout = new QHBoxLayout(m_drawerPlace);
+    drawerLayout->setContentsMargins(0, 0, 0, 0);
+    drawerLayout->setSpacing(0);
+    m_drawer = new QWidget(m_drawerPlace); // replaced by QueueDrawer
+    m_drawer->setFixedWidth(drawerWidth);
+    drawerLayout->addWidget(m_drawer);
+    drawerLayout->addWidget(rule(Qt::Vertical, m_drawerPlace));
+
+    // The header and its rule.
+    m_headerPlace = new QWidget(this);
+    m_headerPlace->setObjectName(QStringLiteral("headerPlace"));
+    auto* headerLayout = new QVBoxLayout(m_headerPlace);
+    headerLayout->setContentsMargins(0, 0, 0, 0);
+    headerLayout->setSpacing(0);
+    m_header = new HeaderView(m_model.get(), m_headerPlace);
+    m_header->setObjectName(QStringLiteral("header"));
+    headerLayout->addWidget(m_header);
+    headerLayout->addWidget(rule(Qt::Horizontal, m_headerPlace));
+
+    // The preview area: the drop zone while no image is active, else the image.
+    auto* previewArea = new QWidget(this);
+    previewArea->setObjectName(QStringLiteral("previewArea"));
+    previewArea->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+    m_previewPages = new QStackedLayout(previewArea);
+    m_dropZone = new DropZone(m_model.get(), previewArea);
+    m_preview = new QWidget(previewArea); // replaced by ImagePreview
+    m_preview->setObjectName(QStringLiteral("preview"));
+    m_previewPages->addWidget(m_dropZone);
+    m_previewPages->addWidget(m_preview);
+
+    m_controls = new ControlsView(m_model.get(), this);
+    m_controls->setObjectName(QStringLiteral("controls"));
+
+    auto* column = new QVBoxLayout;
+    column->setContentsMargins(0, 0, 0, 0);
+    column->setSpacing(0);
+    column->addWidget(m_headerPlace);
+    column->addWidget(previewArea, 1);
+    column->addWidget(rule(Qt::Horizontal, this));
+    column->addWidget(m_controls);
+
+    auto* root = new QHBoxLayout(this);
+    root->setContentsMargins(0, 0, 0, 0);
+    root->setSpacing(0);
+    root->addWidget(m_drawerPlace);
+    root->addLayout(column, 1);
+
+    m_drawerPlace->hide();
+    m_headerPlace->hide();
+    m_drawerReveal = new SlideReveal(m_drawerPlace, Qt::Horizontal, drawerChange);
+    m_headerReveal = new SlideReveal(m_headerPlace, Qt::Vertical, activeItemChange);
+
+    new CoalescedRefresh(m_model.get(), this, [this] { refresh(true); });
+    refresh(false);
+}
+
+ContentView::~ContentView() = default;
+
+void ContentView::refresh(bool animated)
+{
+    const bool hasActive = m_model->active() != nullptr;
+    const bool several = m_model->items().size() >= 2;
+
+    m_drawerReveal->setShown(several, animated);
+    if (hasActive != m_headerReveal->isShown()) {
+        // The header reads the new item before it slides in.
+        if (hasActive)
+            m_header->refresh();
+        m_headerReveal->setShown(hasActive, animated);
+    }
+
+    QWidget* page = hasActive ? m_preview : m_dropZone;
+    if (m_previewPages->currentWidget() != page) {
+        m_previewPages->setCurrentWidget(page);
+        if (animated)
+            fadeIn(page);
+    }
+}
+
+void ContentView::fadeIn(QWidget* page)
+{
+    if (!isVisible())
+        return;
+    auto* effect = new QGraphicsOpacityEffect(page);
+    effect->setOpacity(0.0);
+    page->setGraphicsEffect(effect);
+    auto* fade = new QPropertyAnimation(effect, "opacity", effect);
+    fade->setDuration(activeItemChange);
+    fade->setEasingCurve(QEasingCurve::InOutQuad);
+    fade->setStartValue(0.0);
+    fade->setEndValue(1.0);
+    // The effect renders the page off screen: drop it once the fade is done.
+    connect(fade, &QPropertyAnimation::finished, page, [page] { page->setGraphicsEffect(nullptr); });
+    fade->start();
+}
+
+void ContentView::setTargeted(bool targeted)
+{
+    if (targeted == m_targeted)
+        return;
+    m_targeted = targeted;
+    m_dropZone->setTargeted(targeted);
+    // The image preview's drop highlight follows the same flag.
+}
+
+QList<QUrl> ContentView::fileUrls(const QMimeData* data)
+{
+    QList<QUrl> urls;
+    if (!data || !data->hasUrls())
+        return urls;
+    for (const QUrl& url : data->urls()) {
+        if (url.isLocalFile())
+            urls << url;
+    }
+    return urls;
+}
+
+void ContentView::dragEnterEvent(QDragEnterEvent* event)
+{
+    if (m_opening || fileUrls(event->mimeData()).isEmpty()) {
+        event->ignore();
+        return;
+    }
+    event->acceptProposedAction();
+    setTargeted(true);
+}
+
+void ContentView::dragMoveEvent(QDragMoveEvent* event)
+{
+    if (m_opening || fileUrls(event->mimeData()).isEmpty()) {
+        event->ignore();
+        return;
+    }
+    event->acceptProposedAction();
+}
+
+void ContentView::dragLeaveEvent(QDragLeaveEvent* event)
+{
+    setTargeted(false);
+    event->accept();
+}
+
+void ContentView::dropEvent(QDropEvent* event)
+{
+    setTargeted(false);
+    const QList<QUrl> urls = fileUrls(event->mimeData());
+    if (m_opening || urls.isEmpty()) {
+        event->ignore();
+        return;
+    }
+    event->acceptProposedAction();
+    // Answer the drop at once and open on the next turn of the event loop, so
+    // that the application the files came from is not kept waiting.
+    QMetaObject::invokeMethod(this, [this, urls] { openUrls(urls); }, Qt::QueuedConnection);
+}
+
+void ContentView::openUrls(const QList<QUrl>& urls)
+{
+    if (m_opening || urls.isEmpty())
+        return;
+    m_opening = true;
+    {
+        OpenProgressDialog progress(this);
+        m_model->open(urls, &progress);
+    }
+    m_opening = false;
+}
+
+} // namespace orvane

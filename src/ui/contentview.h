@@ -1,0 +1,80 @@
+// The root of the main window: owns the window's model, arranges the drawer,
+// header, preview and controls, and takes drops of files and folders.
+#pragma once
+
+#include <memory>
+
+#include <QList>
+#include <QUrl>
+#include <QWidget>
+
+#include "ui/filedialogpanels.h"
+
+class QMimeData;
+class QStackedLayout;
+
+namespace orvane {
+
+class ControlsView;
+class CropModel;
+class DropZone;
+class HeaderView;
+class SlideReveal;
+
+/// One per window. Creates the window's CropModel and owns it for the
+/// window's lifetime; every view inside works on that one model. Which
+/// sections show follows from the model alone. Main thread only.
+class ContentView : public QWidget {
+    Q_OBJECT
+
+public:
+    explicit ContentView(QWidget* parent = nullptr);
+    ~ContentView() override;
+
+    /// The window's model, owned by this view.
+    CropModel* model() const { return m_model.get(); }
+
+    /// True while a drag carrying file URLs hovers over the window.
+    bool isTargeted() const { return m_targeted; }
+
+    /// True while an open started here runs; drops are refused meanwhile.
+    bool isOpening() const { return m_opening; }
+
+    /// The local file URLs of dropped data, in drop order; every other URL
+    /// (web addresses, remote files) left out.
+    static QList<QUrl> fileUrls(const QMimeData* data);
+
+    /// Opens urls through the model in one call, with the progress dialog for
+    /// a long open. Ignored while another open runs.
+    void openUrls(const QList<QUrl>& urls);
+
+protected:
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dragMoveEvent(QDragMoveEvent* event) override;
+    void dragLeaveEvent(QDragLeaveEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
+
+private:
+    void setTargeted(bool targeted);
+    void refresh(bool animated);
+    void fadeIn(QWidget* page);
+
+    FileDialogPanels m_panels;
+    std::unique_ptr<CropModel> m_model;
+
+    QWidget* m_drawerPlace;
+    QWidget* m_drawer;
+    QWidget* m_headerPlace;
+    HeaderView* m_header;
+    QStackedLayout* m_previewPages;
+    DropZone* m_dropZone;
+    QWidget* m_preview;
+    ControlsView* m_controls;
+    SlideReveal* m_drawerReveal;
+    SlideReveal* m_headerReveal;
+
+    bool m_targeted = false;
+    bool m_opening = false;
+};
+
+} // namespace orvane

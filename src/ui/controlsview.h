@@ -1,0 +1,65 @@
+// The block under the preview: the status message, the "Trim tolerance"
+// slider and the open and save buttons.
+#pragma once
+
+#include <optional>
+
+#include <QWidget>
+
+class QLabel;
+class QPushButton;
+class QSlider;
+
+namespace orvane {
+
+class CropModel;
+
+/// Shows the model's messages and tolerance and calls its commands. Holds no
+/// state of its own; reads the model afresh on every change it announces. Does
+/// not own the model, which must outlive it.
+class ControlsView : public QWidget {
+    Q_OBJECT
+
+public:
+    ControlsView(CropModel* model, QWidget* parent = nullptr);
+
+    /// The one message of the status row.
+    struct Status {
+        enum class Kind { None, Error, Success };
+        Kind kind = Kind::None;
+        QString text; ///< empty for None
+    };
+
+    /// Which message the status row shows: the error first, then "all saved",
+    /// then the save confirmation (with " — next image ready." while the queue
+    /// holds two or more items), else none.
+    static Status status(const std::optional<QString>& errorMessage, bool allSaved,
+                         const std::optional<QString>& saveConfirmation, int itemCount);
+
+    /// The slider's integer positions per tolerance unit: 0 to 100 maps to 0 to 10 000.
+    static constexpr int sliderScale = 100;
+
+    /// Reads the model now (the window does this after every change).
+    void refresh();
+
+protected:
+    void changeEvent(QEvent* event) override;
+
+private:
+    void updateColours();
+
+    CropModel* m_model;
+    QWidget* m_statusRow;
+    QLabel* m_statusIcon;
+    QLabel* m_statusText;
+    QWidget* m_toleranceRow;
+    QLabel* m_toleranceLabel;
+    QLabel* m_lowIcon;
+    QLabel* m_highIcon;
+    QSlider* m_slider;
+    QPushButton* m_open;
+    QPushButton* m_saveAsNew;
+    QPushButton* m_saveOverOriginal;
+};
+
+} // namespace orvane

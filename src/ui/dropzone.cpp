@@ -1,0 +1,195 @@
+#include "ui/dropzone.h"
+
+#include <QEvent>
+#include <QLabel>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPainterPath>
+#include <QPushButton>
+#include <QVBoxLayout>
+#include <QVariantAnimation>
+
+#include "model/cropmodel.h"
+#include "ui/symbols.h"
+#include "ui/theme.h"
+
+namespace orvane {
+
+namespace {
+
+constexpr int iconExtent = 64;
+constexpr qreal cornerRadius = 16;
+constexpr qreal strokeWidth = 2;
+
+QColor mix(const QColor& from, const QColor& to, qreal t)
+{
+    const auto lerp = [t](float a, float b) { return a + (b - a) * float(t); };
+    QColor c;
+    c.setRgbF(lerp(from.redF(), to.redF()), lerp(from.greenF(), to.greenF()), lerp(from.blueF(), to.blueF()),
+              lerp(from.alphaF(), to.alphaF()));
+    return c;
+}
+
+QColor withAlpha(QColor colour, qreal alpha)
+{
+    colour.setAlphaF(float(colour.alphaF() * alpha));
+    return colour;
+}
+
+} // namespace
+
+DropZone::DropZone(CropModel* model, QWidget* parent)
+    : QWidget(parent)
+    , m_model(model)
+{
+    setObjectName(QStringLiteral("dropZone"));
+    setCursor(Qt::PointingHandCursor);
+
+    m_icon = new QLabel(this);
+    m_icon->setObjectName(QStringLiteral("dropZoneIcon"));
+    m_icon->setAlignment(Qt::AlignCenter);
+
+    m_title = new QLabel(tr("Drop images here"), this);
+    QFont title = Theme::font(Theme::TextStyle::Title3, font());
+    title.setWeight(QFont::DemiBold);
+    m_title->setFont(title);
+    m_title->setAlignment(Qt::AlignCenter);
+
+    m_callout = new QLabel(
+        tr("Transparent and white edges get trimmed to the artwork. Drop several images — or a folder — to queue them up."),
+        this);
+    m_callout->setFont(Theme::font(Theme::TextStyle::Callout, font()));
+    m_callout->setWordWrap(true);
+    m_callout->setAlignment(Qt::AlignCenter);
+    m_callout->setMaximumWidth(380);
+    QPalette calloutPalette = m_callout->palette();
+    calloutPalette.setColor(QPalette::WindowText, Theme::secondary(palette()));
+    m_callout->setPalette(calloutPalette);
+
+    m_choose = new QPushButton(tr("Choose Images…"), this);
+    m_choose->setObjectName(QStringLiteral("chooseImages"));
+    m_choose->setCursor(Qt::ArrowCursor);
+    // The large control size.
+    m_choose->setMinimumHeight(m_choose->sizeHint().height() + 8);
+    QFont buttonFont = font();
+    buttonFont.setPointSizeF(buttonFont.pointSizeF() * 1.08);
+    m_choose->setFont(buttonFont);
+    m_choose->setMinimumWidth(m_choose->sizeHint().width() + 24);
+    connect(m_choose, &QPushButton::clicked, this, [this] { m_model->openPanel(); });
+
+    auto* stack = new QVBoxLayout;
+    stack->setSpacing(14);
+    stack->addWidget(m_icon, 0, Qt::AlignHCenter);
+    stack->addWidget(m_title, 0, Qt::AlignHCenter);
+    stack->addWidget(m_callout, 0, Qt::AlignHCenter);
+    stack->addSpacing(6);
+    stack->addWidget(m_choose, 0, Qt::AlignHCenter);
+
+    auto* outer = new QVBoxLayout(this);
+    outer->setContentsMargins(margin + 44, margin, margin + 44, margin);
+    outer->addStretch(1);
+    outer->addLayout(stack);
+    outer->addStretch(1);
+
+    m_hoverAnimation = new QVariantAnimation(this);
+    m_hoverAnimation->setDuration(120);
+    m_hoverAnimation->setEasingCurve(QEasingCurve::InOutQuad);
+    connect(m_hoverAnimation, &QVariantAnimation::valueChanged, this, [this](const QVariant& value) {
+        m_hover = value.toReal();
+        updateIcon();
+        update();
+    });
+
+    updateIcon();
+}
+
+void DropZone::setTargeted(bool targeted)
+{
+    if (targeted == m_targeted)
+        return;
+    m_targeted = targeted;
+    // Starts from where the styling is now, so a quick leave after an enter
+    // turns back smoothly.
+    m_hoverAnimation->stop();
+    m_hoverAnimation->setStartValue(m_hover);
+    m_hoverAnimation->setEndValue(targeted ? 1.0 : 0.0);
+    m_hoverAnimation->start();
+}
+
+QRectF DropZone::panelRect() const
+{
+    const QRectF panel = QRectF(rect()).adjusted(margin, margin, -margin, -margin);
+    const qreal scale = 1.0 + 0.01 * m_hover;
+    QRectF scaled(0, 0, panel.width() * scale, panel.height() * scale);
+    scaled.moveCenter(panel.center());
+    return scaled;
+}
+
+void DropZone::updateIcon()
+{
+    const QPalette& p = palette();
+    m_icon->setPixmap(
+        Symbols::tinted(Symbol::Photo, iconExtent, mix(Theme::secondary(p), Theme::accent(p), m_hover), devicePixelRatioF()));
+}
+
+void DropZone::paintEvent(QPaintEvent*)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QPalette& p = palette();
+
+    // The same faint diagonal stripes as behind an image.
+    painter.fillRect(rect(), p.color(QPalette::Window));
+    QColor stripe = p.color(QPalette::WindowText);
+    stripe.setAlphaF(0.05f);
+    painter.setPen(QPen(stripe, 1.5));
+    const int w = width();
+    const int h = height();
+    for (int x = -h; x < w; x += 10)
+        painter.drawLine(QPointF(x, 0), QPointF(x + h, h));
+
+    const QRectF panel = panelRect();
+    QPainterPath shape;
+    shape.addRoundedRect(panel, cornerRadius, cornerRadius);
+    if (m_hover > 0)
+        painter.fillPath(shape, withAlpha(Theme::accent(p), 0.06 * m_hover));
+
+    // Stroked inside the edge: the outline is inset by half the line width.
+    const qreal inset = strokeWidth / 2;
+    QPainterPath outline;
+    outline.addRoundedRect(panel.adjusted(inset, inset, -inset, -inset), cornerRadius - inset, cornerRadius - inset);
+    QPen pen(mix(withAlpha(Theme::secondary(p), 0.35), Theme::accent(p), m_hover), strokeWidth);
+    pen.setCapStyle(Qt::FlatCap);
+    pen.setJoinStyle(Qt::MiterJoin);
+    pen.setMiterLimit(10);
+    // QPen measures dashes in line widths: 9 drawn, 7 left out.
+    pen.setDashPattern({9 / strokeWidth, 7 / strokeWidth});
+    pen.setDashOffset(0);
+    painter.setPen(pen);
+    painter.setBrush(Qt::NoBrush);
+    painter.drawPath(outline);
+}
+
+void DropZone::mousePressEvent(QMouseEvent* event)
+{
+    m_pressed = event->button() == Qt::LeftButton;
+    event->accept();
+}
+
+void DropZone::mouseReleaseEvent(QMouseEvent* event)
+{
+    const bool click = m_pressed && event->button() == Qt::LeftButton && rect().contains(event->position().toPoint());
+    m_pressed = false;
+    event->accept();
+    if (click)
+        m_model->openPanel();
+}
+
+void DropZone::changeEvent(QEvent* event)
+{
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::PaletteChange || event->type() == QEvent::ApplicationPaletteChange)
+        updateIcon();
+}
+
+} // namespace orvane
