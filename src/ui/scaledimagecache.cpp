@@ -1,0 +1,148 @@
+#include "ui/scaledimagecache.h"
+
+#include <algorithm>
+#include <tuple>
+
+#include <QThread>
+#include <QThreadPool>
+
+namespace orvane {
+
+bool ScaledImageCache::Key::operator<(const Key& other) const
+{
+    return std::tuple(id, pixels, size.width(), size.height())
+         < std::tuple(other.id, other.pixels, other.size.width(), other.size.height());
+}
+
+ScaledImageCache::ScaledImageCache(int capacity, QObject* parent)
+    : QObject(parent)
+    , m_capacity(std::max(1, capacity))
+    , m_pool(std::make_unique<QThreadPool>())
+{
+    // Leave a core for the main thread and the model's own work.
+    m_pool->setMaxThreadCount(std::max(1, QThread::idealThreadCount() - 1));
+}
+
+ScaledImageCache::~ScaledImageCache()
+{
+    // A running job calls back into this object; let it finish first.
+    m_pool->clear();
+    m_pool->waitForDone();
+}
+
+QImage ScaledImageCache::wrap(const CropEngine::Buffer& buffer)
+{
+    return QImage(buffer.pixels(), int(buffer.width()), int(buffer.height()), int(buffer.width() * 4),
+                  QImage::Format_RGBA8888_Premultiplied);
+}
+
+QImage ScaledImageCache::scaledCopy(const CropEngine::Buffer& buffer, QSize pixelSize)
+{
+    if (pixelSize.isEmpty())
+        return QImage();
+    const QImage source = wrap(buffer);
+    QImage scaled = source.size() == pixelSize
+                        ? source.copy()
+                        : source.scaled(pixelSize, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    // The raster paint engine blends ARGB32 premultiplied without a conversion.
+    scaled.convertTo(QImage::Format_ARGB32_Premultiplied);
+    return scaled;
+}
+
+QImage ScaledImageCache::quickCopy(const CropEngine::Buffer& buffer, QSize pixelSize)
+{
+    if (pixelSize.isEmpty())
+        return QImage();
+    const QSize small = pixelSize.width() > 320 || pixelSize.height() > 320
+                            ? pixelSize.scaled(320, 320, Qt::KeepAspectRatio).expandedTo(QSize(1, 1))
+                            : pixelSize;
+    QImage quick = wrap(buffer).scaled(small, Qt::IgnoreAspectRatio, Qt::FastTransformation);
+    quick.convertTo(QImage::Format_ARGB32_Premultiplied);
+    return quick;
+}
+
+bool ScaledImageCache::isReady(const QUuid& id, const CropEngine::Buffer& buffer, QSize pixelSize) const
+{
+    return m_ready.count(Key{id, buffer.pixels(), pixelSize}) > 0;
+}
+
+QImage ScaledImageCache::image(const QUuid& id, const CropEngine::Buffer& buffer, QSize pixelSize)
+{
+    if (pixelSize.isEmpty())
+        return QImage();
+    const Key key{id, buffer.pixels(), pixelSize};
+    ++m_clock;
+    if (auto found = m_ready.find(key); found != m_ready.end()) {
+        found->second.lastUse = m_clock;
+        return found->second.image;
+    }
+
+    const Job job{buffer, key};
+    if (m_running.contains(id))
+        m_waiting.insert_or_assign(id, job);
+    else
+        start(job);
+
+    // Best stand-in: the most recently used good copy of this image at another size.
+    const Entry* best = nullptr;
+    for (const auto& [other, entry] : m_ready)
+        if (sameImage(other, key) && (!best || entry.lastUse > best->lastUse))
+            best = &entry;
+    if (best)
+        return best->image;
+
+    // One quick copy per image, made on the first request; the caller stretches it.
+    const Key standInKey{id, buffer.pixels(), QSize()};
+    auto standIn = m_standIns.find(standInKey);
+    if (standIn == m_standIns.end())
+        standIn = m_standIns.emplace(standInKey, Entry{quickCopy(buffer, pixelSize), m_clock}).first;
+    return standIn->second.image;
+}
+
+void ScaledImageCache::start(const Job& job)
+{
+    m_running.insert(job.key.id);
+    m_pool->start([this, job] {
+        QImage scaled = scaledCopy(job.buffer, job.key.size);
+        QMetaObject::invokeMethod(this, [this, key = job.key, scaled] { finished(key, scaled); },
+                                  Qt::QueuedConnection);
+    });
+}
+
+void ScaledImageCache::finished(const Key& key, const QImage& image)
+{
+    m_running.remove(key.id);
+    if (!image.isNull()) {
+        m_ready.insert_or_assign(key, Entry{image, ++m_clock});
+        ++m_copiesMade;
+        // The stand-in of this image is no longer needed.
+        m_standIns.erase(Key{key.id, key.pixels, QSize()});
+        evict();
+    }
+    if (auto waiting = m_waiting.find(key.id); waiting != m_waiting.end()) {
+        const Job next = waiting->second;
+        m_waiting.erase(waiting);
+        if (!m_ready.count(next.key))
+            start(next);
+    }
+    Q_EMIT imageReady();
+}
+
+void ScaledImageCache::evict()
+{
+    while (int(m_ready.size()) > m_capacity) {
+        auto oldest = std::min_element(m_ready.begin(), m_ready.end(), [](const auto& a, const auto& b) {
+            return a.second.lastUse < b.second.lastUse;
+        });
+        m_ready.erase(oldest);
+    }
+}
+
+void ScaledImageCache::retainOnly(const QSet<QUuid>& ids)
+{
+    std::erase_if(m_ready, [&](const auto& entry) { return !ids.contains(entry.first.id); });
+    std::erase_if(m_standIns, [&](const auto& entry) { return !ids.contains(entry.first.id); });
+    std::erase_if(m_waiting, [&](const auto& entry) { return !ids.contains(entry.first); });
+}
+
+} // namespace orvane

@@ -1,0 +1,100 @@
+// Scaled copies of queued images for drawing: the preview and the drawer's
+// thumbnails draw from these instead of from the full raster every frame.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+
+#include <QImage>
+#include <QObject>
+#include <QSet>
+#include <QSize>
+#include <QUuid>
+
+#include "engine/cropengine.h"
+
+QT_BEGIN_NAMESPACE
+class QThreadPool;
+QT_END_NAMESPACE
+
+namespace orvane {
+
+/// Keeps scaled copies of buffers, made once per image and size with a good
+/// filter on a background thread. Until a copy is ready, image() answers at
+/// once with a stand-in: the same image at another size, else a small quick
+/// copy. Used on the main thread only; the copies are made on the cache's own
+/// thread pool from a copy of the buffer (which shares the raster), so an item
+/// removed meanwhile stays valid for the job.
+class ScaledImageCache : public QObject {
+    Q_OBJECT
+
+public:
+    /// Holds at most capacity good copies (at least 1), dropping the least
+    /// recently used first.
+    explicit ScaledImageCache(int capacity, QObject* parent = nullptr);
+    ~ScaledImageCache() override;
+
+    /// The buffer of the item id scaled to pixelSize (device pixels; the
+    /// caller chooses the aspect). The good copy when made; otherwise a stand-in
+    /// that the caller draws stretched into its rectangle, and the good copy is
+    /// started (once per id, buffer and size) and announced by imageReady().
+    /// Null for an empty size.
+    QImage image(const QUuid& id, const CropEngine::Buffer& buffer, QSize pixelSize);
+
+    /// Whether image() would answer with the good copy now.
+    bool isReady(const QUuid& id, const CropEngine::Buffer& buffer, QSize pixelSize) const;
+
+    /// Forgets the copies of every image whose id is not in ids.
+    void retainOnly(const QSet<QUuid>& ids);
+
+    /// Good copies made since construction: one per id, buffer and size while
+    /// they stay cached.
+    int copiesMade() const { return m_copiesMade; }
+
+    /// The raster of buffer as a QImage over its own memory (no copy): valid
+    /// while buffer or a copy of it lives.
+    static QImage wrap(const CropEngine::Buffer& buffer);
+    /// The good copy: the wrapped raster scaled with Qt's smooth (area
+    /// averaging) filter, converted for fast drawing. Any thread.
+    static QImage scaledCopy(const CropEngine::Buffer& buffer, QSize pixelSize);
+    /// A cheap nearest-pixel copy no larger than 320 pixels a side with the
+    /// aspect of pixelSize. Any thread; well under a millisecond.
+    static QImage quickCopy(const CropEngine::Buffer& buffer, QSize pixelSize);
+
+Q_SIGNALS:
+    /// A good copy has been made; callers repaint and ask again.
+    void imageReady();
+
+private:
+    struct Key {
+        QUuid id;
+        const std::uint8_t* pixels = nullptr; // tells a reloaded buffer of the same item apart
+        QSize size;
+        bool operator<(const Key& other) const;
+    };
+    struct Entry {
+        QImage image;
+        quint64 lastUse = 0;
+    };
+    struct Job {
+        CropEngine::Buffer buffer;
+        Key key;
+    };
+
+    void start(const Job& job);
+    void finished(const Key& key, const QImage& image);
+    void evict();
+    static bool sameImage(const Key& a, const Key& b) { return a.id == b.id && a.pixels == b.pixels; }
+
+    int m_capacity;
+    int m_copiesMade = 0;
+    quint64 m_clock = 0;
+    std::map<Key, Entry> m_ready;
+    std::map<Key, Entry> m_standIns; // one quick copy per image
+    QSet<QUuid> m_running;           // ids with a job on the pool
+    std::map<QUuid, Job> m_waiting;  // the newest request per id behind a running job
+    std::unique_ptr<QThreadPool> m_pool;
+};
+
+} // namespace orvane
