@@ -12,6 +12,7 @@
 
 #include "app/appcast.h"
 #include "app/updatechecker.h"
+#include "app/updatedialog.h"
 
 class QAction;
 class QSettings;
@@ -19,8 +20,6 @@ class QTimer;
 class QWidget;
 
 namespace orvane {
-
-class UpdateDialog;
 
 /// Owns an UpdateChecker, the daily schedule and the update dialog. Main
 /// thread only. The automatic-check setting is the only state Orvane keeps.
