@@ -29,17 +29,6 @@ struct Box {
     int x, y, w, h;
 };
 
-void startVips()
-{
-    static const bool started = [] {
-        if (VIPS_INIT("trimclitest") != 0)
-            return false;
-        vips_cache_set_max(0);
-        return true;
-    }();
-    ASSERT_TRUE(started);
-}
-
 VImage withSRGB(const VImage& image)
 {
     return image.copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
@@ -158,7 +147,6 @@ class TrimCli : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        startVips();
         ASSERT_TRUE(m_dir.isValid());
     }
 
@@ -812,3 +800,13 @@ TEST_F(TrimCli, NoImagesFoundIsSaidPlainly)
 }
 
 } // namespace
+
+int main(int argc, char** argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    if (VIPS_INIT(argv[0]) != 0)
+        return 1;
+    // Files are rewritten under the same names; never answer from the cache.
+    vips_cache_set_max(0);
+    return RUN_ALL_TESTS();
+}
