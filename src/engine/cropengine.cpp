@@ -3,7 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <atomic>
+#include <mutex>
 #include <new>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include <glib.h>
 
@@ -243,6 +248,85 @@ bool pixelsInMemory(const vips::VImage& image)
             || im->dtype == VIPS_IMAGE_MMAPIN);
 }
 
+// 8-bit sRGB or grey already in memory: one pass produces the raster and the
+// index together, in row bands on several threads for large images. An RGBA
+// image shares its memory with the raster for as long as every pixel seen is
+// opaque, because then premultiplying changes nothing; libvips never marks an
+// image as premultiplied, so any other alpha means a premultiplied copy.
+bool rasterInMemory(const std::uint8_t* source, std::size_t sourceStride, int bands, Buffer::Data& data)
+{
+    const auto w = static_cast<std::size_t>(data.width);
+    const auto h = static_cast<std::size_t>(data.height);
+    const std::size_t rowBytes = w * 4;
+    std::atomic<std::uint8_t*> raster{nullptr};
+    std::once_flag allocated;
+    const auto ensureRaster = [&]() {
+        std::call_once(allocated, [&]() { raster = static_cast<std::uint8_t*>(g_try_malloc(rowBytes * h)); });
+        return raster.load();
+    };
+    if (bands != 4 && !ensureRaster())
+        return false;
+
+    const std::size_t bandCount = std::min<std::size_t>(ToleranceIndex::threadsFor(w * h), h);
+    std::vector<ToleranceIndex::Builder> builders(bandCount, ToleranceIndex::Builder(w, h));
+    // Per band: the first row written into the raster, and whether it ran out of memory.
+    std::vector<std::size_t> firstWritten(bandCount);
+    std::vector<char> failed(bandCount, 0);
+    const auto bandStart = [&](std::size_t band) { return h * band / bandCount; };
+    const auto fold = [&](std::size_t band) {
+        ToleranceIndex::Builder& builder = builders[band];
+        const std::size_t end = bandStart(band + 1);
+        firstWritten[band] = end;
+        for (std::size_t y = bandStart(band); y < end; ++y) {
+            const std::uint8_t* in = source + y * sourceStride;
+            std::uint8_t* out = raster.load();
+            if (!out) {
+                // Keys of unpremultiplied pixels are never above those of the
+                // premultiplied ones (premultiplying only darkens), so a row
+                // folded here and again below leaves the correct maxima.
+                builder.addRow(y, in);
+                if (rowIsOpaque(in, w))
+                    continue;
+                if (!(out = ensureRaster())) {
+                    failed[band] = 1;
+                    return;
+                }
+            }
+            firstWritten[band] = std::min(firstWritten[band], y);
+            std::uint8_t* row = out + y * rowBytes;
+            expandRow(in, bands, row, w);
+            builder.addRow(y, row);
+        }
+    };
+    std::vector<std::thread> helpers;
+    for (std::size_t band = 1; band < bandCount; ++band) {
+        try {
+            helpers.emplace_back(fold, band);
+        } catch (const std::system_error&) {
+            fold(band);
+        }
+    }
+    fold(0);
+    for (std::thread& helper : helpers)
+        helper.join();
+
+    std::uint8_t* out = raster.load();
+    data.owned.reset(out);
+    if (std::find(failed.begin(), failed.end(), 1) != failed.end())
+        return false;
+    if (out) {
+        // Rows passed over before the copy began were opaque: they copy as they are.
+        for (std::size_t band = 0; band < bandCount; ++band)
+            for (std::size_t y = bandStart(band); y < firstWritten[band]; ++y)
+                std::memcpy(out + y * rowBytes, source + y * sourceStride, rowBytes);
+    }
+    for (std::size_t band = 1; band < bandCount; ++band)
+        builders[0].absorb(builders[band]);
+    data.pixels = out ? out : source;
+    data.index = builders[0].finish();
+    return true;
+}
+
 } // namespace
 
 std::optional<Buffer> Buffer::make(vips::VImage image)
@@ -277,46 +361,12 @@ std::optional<Buffer> Buffer::make(vips::VImage image)
             if (!data->owned)
                 return std::nullopt;
             data->pixels = data->owned.get();
-            data->index = ToleranceIndex::build(data->pixels, w, h);
+            data->index = ToleranceIndex::build(data->pixels, w, h, ToleranceIndex::threadsFor(w * h));
         } else {
-            // 8-bit sRGB already in memory: one pass produces the raster and the
-            // index together. An RGBA image shares its memory with the raster
-            // for as long as every pixel seen is opaque, because then
-            // premultiplying changes nothing; libvips never marks an image as
-            // premultiplied, so any other alpha means a premultiplied copy.
             const VipsImage* im = image.get_image();
-            const auto* source = static_cast<const std::uint8_t*>(static_cast<const void*>(im->data));
-            const std::size_t sourceStride = VIPS_IMAGE_SIZEOF_LINE(im);
-            const int bands = image.bands();
-            ToleranceIndex::Builder builder(w, h);
-            std::uint8_t* out = nullptr;
-            const auto allocate = [&]() {
-                out = static_cast<std::uint8_t*>(g_try_malloc(byteCount));
-                if (out)
-                    data->owned.reset(out);
-                return out != nullptr;
-            };
-            if (bands != 4 && !allocate())
+            if (!rasterInMemory(static_cast<const std::uint8_t*>(static_cast<const void*>(im->data)),
+                                VIPS_IMAGE_SIZEOF_LINE(im), image.bands(), *data))
                 return std::nullopt;
-            for (std::size_t y = 0; y < h; ++y) {
-                const std::uint8_t* in = source + y * sourceStride;
-                if (!out) {
-                    // Keys of unpremultiplied pixels are never above those of
-                    // the premultiplied ones (premultiplying only darkens), so a
-                    // row folded here and again below leaves the correct maxima.
-                    builder.addRow(y, in);
-                    if (rowIsOpaque(in, w))
-                        continue;
-                    if (!allocate())
-                        return std::nullopt;
-                    std::memcpy(out, source, y * w * 4);
-                }
-                std::uint8_t* row = out + y * w * 4;
-                expandRow(in, bands, row, w);
-                builder.addRow(y, row);
-            }
-            data->pixels = out ? out : source;
-            data->index = builder.finish();
         }
         return Buffer(std::move(data));
     } catch (const vips::VError&) {

@@ -43,8 +43,8 @@ public:
 
     /// Folds one raster row into per-column maxima of the keys and returns the
     /// row's own maximum. `row` holds `width` pixels of 4 bytes; `columnMax`
-    /// holds `width` entries. Exposed for the benchmark.
-    static std::uint16_t foldRow(const std::uint8_t* row, std::size_t width, std::uint16_t* columnMax);
+    /// holds `width` entries. Uses AVX2 where the processor has it.
+    static std::uint32_t foldRow(const std::uint8_t* row, std::size_t width, std::uint32_t* columnMax);
 
     /// Collects row and column maxima while a raster is produced row by row.
     class Builder {
@@ -54,17 +54,27 @@ public:
         /// Folds row `y` (exactly `width` pixels of 4 bytes). Folding a row again
         /// with keys that are at least as high replaces its earlier keys.
         void addRow(std::size_t y, const std::uint8_t* row);
+        /// Takes in the rows and columns another builder of the same size folded,
+        /// so that row bands can be folded on separate threads.
+        void absorb(const Builder& other);
         /// The finished index; the builder is left empty.
         ToleranceIndex finish();
 
     private:
         std::size_t m_width;
         std::vector<std::uint16_t> m_rowMax;
-        std::vector<std::uint16_t> m_columnMax;
+        std::vector<std::uint32_t> m_columnMax;
     };
 
-    /// Builds the index of a whole raster of `width` × `height` pixels in one pass.
-    static ToleranceIndex build(const std::uint8_t* pixels, std::size_t width, std::size_t height);
+    /// Builds the index of a whole raster of `width` × `height` pixels in one
+    /// pass, split into row bands over up to `threads` threads.
+    static ToleranceIndex build(const std::uint8_t* pixels, std::size_t width, std::size_t height,
+                                unsigned threads = 1);
+
+    /// How many threads a one-pass job over `pixels` pixels is worth: several
+    /// for large images (the pass is bound by memory once it runs on two
+    /// cores), one for small ones.
+    static unsigned threadsFor(std::size_t pixels);
 
     /// The smallest rectangle holding every pixel whose key reaches `threshold`;
     /// absent when there is none. Reads only the index.

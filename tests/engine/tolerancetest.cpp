@@ -295,3 +295,47 @@ TEST(IndexMatchesScan, WhenTransparencyFirstAppearsHalfwayDown)
         ASSERT_EQ(CropEngine::contentRect(*buffer, t), CropEngine::contentRectByScan(*buffer, t)) << t;
     }
 }
+
+TEST(IndexMatchesScan, OnLargeImagesBuiltInRowBands)
+{
+    // Large enough to be folded on several threads. Transparency starts in
+    // the lower half only, so the upper band shares, then copies, its rows.
+    const int width = 2100, height = 2100;
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(width) * height * 4, 255);
+    std::mt19937 rng(99);
+    const auto paint = [&](int x, int y, std::uint8_t grey, std::uint8_t alpha) {
+        std::uint8_t* p = bytes.data() + (static_cast<std::size_t>(y) * width + x) * 4;
+        p[0] = p[1] = p[2] = grey;
+        p[3] = alpha;
+    };
+    for (int i = 0; i < 200; ++i)
+        paint(300 + int(rng() % 1500), 1200 + int(rng() % 800), std::uint8_t(rng()), std::uint8_t(rng()));
+    paint(17, 40, 100, 255);
+    paint(2000, 900, 180, 255);
+    const auto image = imageFromBytes(bytes, width, height, 4, VIPS_INTERPRETATION_sRGB);
+    const auto buffer = CropEngine::Buffer::make(image);
+    ASSERT_TRUE(buffer);
+    for (double t : {0.1, 1.0, 10.0, 25.0, 37.3, 50.0, 75.0, 99.0, 100.0}) {
+        const auto expected = CropEngine::contentRectByScan(*buffer, t);
+        ASSERT_EQ(CropEngine::contentRect(*buffer, t), expected) << t;
+    }
+    // The copy holds every row, including the opaque ones passed over before it began.
+    for (int y : {0, 40, 1000, 1199, 1500, 2099}) {
+        for (int x : {0, 17, 300, 2000, 2099}) {
+            const std::uint8_t* in = bytes.data() + (static_cast<std::size_t>(y) * width + x) * 4;
+            const std::uint8_t* out = buffer->pixels() + (static_cast<std::size_t>(y) * width + x) * 4;
+            const int a = in[3];
+            ASSERT_EQ(out[3], a);
+            ASSERT_NEAR(out[0], in[0] * a / 255.0, 0.5) << x << ", " << y;
+        }
+    }
+    EXPECT_GE(buffer->extraBytes(), buffer->byteCount());
+
+    // The same picture fully opaque shares the image's memory.
+    const auto opaque = imageFromBytes(std::vector<std::uint8_t>(bytes.size(), 255), width, height, 4,
+                                       VIPS_INTERPRETATION_sRGB);
+    const auto shared = CropEngine::Buffer::make(withPixel(opaque, 5, 2000, 0, 0, 0, 255));
+    ASSERT_TRUE(shared);
+    EXPECT_LT(shared->extraBytes(), shared->byteCount());
+    EXPECT_EQ(CropEngine::contentRect(*shared, 25), (PixelRect{5, 2000, 1, 1}));
+}
