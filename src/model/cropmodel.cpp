@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include <QFileInfo>
@@ -80,12 +81,23 @@ std::optional<std::vector<std::optional<DecodedFile>>> decodeAll(const QList<QUr
             changed.notify_all();
         }
     };
+    auto workThenLetGo = [&] {
+        work();
+        // libvips keeps per-thread buffers; give them back as the thread ends.
+        vips_thread_shutdown();
+    };
 
     const int workerCount = std::clamp(threads, 1, std::max(total, 1));
     std::vector<std::thread> workers;
     workers.reserve(std::size_t(workerCount));
-    for (int w = 0; w < workerCount; ++w)
-        workers.emplace_back(work);
+    try {
+        for (int w = 0; w < workerCount; ++w)
+            workers.emplace_back(workThenLetGo);
+    } catch (const std::system_error&) {
+        // Out of threads: go on with the ones that started, or decode here.
+        if (workers.empty())
+            work();
+    }
 
     // The calling thread only waits and reports; the workers are joined before
     // anything they wrote into results is read. Reports are spaced out a
