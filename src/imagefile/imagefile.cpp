@@ -457,6 +457,10 @@ void initialise()
         // Only Orvane's decoders may run. The names are the base classes; the
         // file, buffer and source variants below them follow.
         vips_operation_block_set("VipsForeignLoad", TRUE);
+        // Damaged files make libvips and its decoders print warnings; Orvane
+        // reports failure only by absent results.
+        g_log_set_handler("VIPS", GLogLevelFlags(G_LOG_LEVEL_WARNING | G_LOG_LEVEL_MESSAGE | G_LOG_LEVEL_INFO),
+                          [](const gchar*, GLogLevelFlags, const gchar*, gpointer) {}, nullptr);
         for (const char* loader : {"VipsForeignLoadPng", "VipsForeignLoadJpeg", "VipsForeignLoadTiff",
                                    "VipsForeignLoadNsgif", "VipsForeignLoadGif", "VipsForeignLoadHeif",
                                    "VipsForeignLoadWebp"})

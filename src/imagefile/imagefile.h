@@ -20,9 +20,11 @@ namespace orvane::ImageFile {
 /// PNG, JPEG, TIFF, BMP, GIF, HEIC, HEIF, WebP, in that order.
 const QList<ImageType>& acceptedTypes();
 
-/// Prepares libvips for Orvane: only our own loaders may run, the operation
-/// cache is off (a reload after a save must see the new file). Call once,
-/// after VIPS_INIT, before any other function here. Idempotent.
+/// Prepares libvips for Orvane, for the whole process: only our own loaders
+/// may run (every other libvips loader, ImageMagick's included, is blocked),
+/// the operation cache is off (a reload after a save must see the new file),
+/// and libvips' warnings are silenced. Call once, after VIPS_INIT, before any
+/// other function here. Idempotent.
 void initialise();
 
 struct LoadResult {

@@ -1,0 +1,117 @@
+// Helpers shared by the image-file tests: files, generated images, main().
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QFile>
+#include <QString>
+
+#include <gtest/gtest.h>
+#include <vips/vips8>
+
+#include "imagefile/imagefile.h"
+
+namespace orvane::test {
+
+inline QByteArray readFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return file.readAll();
+}
+
+inline bool writeFile(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+/// An image whose every pixel differs from its neighbours: red runs along x,
+/// green along y, blue with both; alpha (when asked for) falls along x.
+/// Values span the whole range of the format (uchar or ushort).
+inline vips::VImage pattern(int width, int height, int bands, VipsBandFormat format = VIPS_FORMAT_UCHAR)
+{
+    const double max = format == VIPS_FORMAT_USHORT ? 65535.0 : 255.0;
+    const vips::VImage xy = vips::VImage::xyz(width, height);
+    const vips::VImage x = xy[0];
+    const vips::VImage y = xy[1];
+    const vips::VImage r = x * (max / std::max(1, width - 1));
+    const vips::VImage g = y * (max / std::max(1, height - 1));
+    const vips::VImage b = (x + y) * (max / std::max(1, width + height - 2));
+    const vips::VImage a = (width - 1 - x) * (max / std::max(1, width - 1)) * 0.5 + max / 2;
+    vips::VImage out;
+    switch (bands) {
+    case 1: out = g; break;
+    case 2: out = g.bandjoin(a); break;
+    case 3: out = r.bandjoin(g).bandjoin(b); break;
+    default: out = r.bandjoin(g).bandjoin(b).bandjoin(a); break;
+    }
+    out = out.cast(format);
+    const bool wide = format == VIPS_FORMAT_USHORT;
+    const VipsInterpretation interpretation = bands <= 2 ? (wide ? VIPS_INTERPRETATION_GREY16 : VIPS_INTERPRETATION_B_W)
+                                                         : (wide ? VIPS_INTERPRETATION_RGB16 : VIPS_INTERPRETATION_sRGB);
+    return out.copy(vips::VImage::option()->set("interpretation", interpretation));
+}
+
+/// The image's pixels as one value per sample, row after row.
+inline std::vector<std::uint32_t> samples(const vips::VImage& image)
+{
+    size_t size = 0;
+    void* data = image.write_to_memory(&size);
+    std::vector<std::uint32_t> out;
+    if (image.format() == VIPS_FORMAT_USHORT) {
+        const auto* p = static_cast<const std::uint16_t*>(data);
+        out.assign(p, p + size / 2);
+    } else {
+        const auto* p = static_cast<const std::uint8_t*>(data);
+        out.assign(p, p + size);
+    }
+    g_free(data);
+    return out;
+}
+
+/// The encoded bytes of image for a libvips saver suffix (".png[compression=1]").
+inline QByteArray encoded(const vips::VImage& image, const char* suffix)
+{
+    void* data = nullptr;
+    size_t size = 0;
+    image.write_to_buffer(suffix, &data, &size);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
+    g_free(data);
+    return bytes;
+}
+
+inline bool hasSaver(const char* suffix)
+{
+    const bool found = vips_foreign_find_save_buffer(suffix) != nullptr;
+    vips_error_clear();
+    return found;
+}
+
+} // namespace orvane::test
+
+namespace orvane {
+// Lets GoogleTest print types by name.
+inline void PrintTo(const ImageType& type, std::ostream* out)
+{
+    *out << type.mimeName().toStdString();
+}
+} // namespace orvane
+
+/// main() for an image-file test: libvips and Orvane's loader rules set up
+/// before any test runs, as in the application.
+#define ORVANE_IMAGEFILE_TEST_MAIN(setup)                                                                              \
+    int main(int argc, char** argv)                                                                                    \
+    {                                                                                                                  \
+        setup;                                                                                                         \
+        QCoreApplication app(argc, argv);                                                                              \
+        if (VIPS_INIT(argv[0]))                                                                                        \
+            return 2;                                                                                                  \
+        orvane::ImageFile::initialise();                                                                               \
+        ::testing::InitGoogleTest(&argc, argv);                                                                        \
+        return RUN_ALL_TESTS();                                                                                        \
+    }
