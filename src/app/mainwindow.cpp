@@ -7,7 +7,6 @@
 #include <QUrl>
 
 #include "app/buildconfig.h"
-#include "model/cropmodel.h"
 #include "ui/contentview.h"
 
 namespace orvane {
@@ -28,7 +27,7 @@ void MainWindow::createMenus()
     QMenu* file = menuBar()->addMenu(tr("&File"));
     QAction* open = file->addAction(tr("Open…"));
     open->setShortcut(QKeySequence::Open);
-    connect(open, &QAction::triggered, this, [this] { m_content->model()->openPanel(); });
+    connect(open, &QAction::triggered, m_content, &ContentView::openPanel);
     file->addSeparator();
     QAction* quit = file->addAction(tr("Quit"));
     quit->setShortcut(QKeySequence::Quit);

@@ -73,7 +73,7 @@ ContentView::ContentView(QWidget* parent)
     previewArea->setObjectName(QStringLiteral("previewArea"));
     previewArea->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
     m_previewPages = new QStackedLayout(previewArea);
-    m_dropZone = new DropZone(m_model.get(), previewArea);
+    m_dropZone = new DropZone(previewArea);
     m_preview = new QWidget(previewArea); // replaced by ImagePreview
     m_preview->setObjectName(QStringLiteral("preview"));
     m_previewPages->addWidget(m_dropZone);
@@ -81,6 +81,8 @@ ContentView::ContentView(QWidget* parent)
 
     m_controls = new ControlsView(m_model.get(), this);
     m_controls->setObjectName(QStringLiteral("controls"));
+    connect(m_dropZone, &DropZone::openRequested, this, &ContentView::openPanel);
+    connect(m_controls, &ControlsView::openRequested, this, &ContentView::openPanel);
 
     auto* column = new QVBoxLayout;
     column->setContentsMargins(0, 0, 0, 0);
@@ -213,6 +215,18 @@ void ContentView::openUrls(const QList<QUrl>& urls)
     {
         OpenProgressDialog progress(this);
         m_model->open(urls, &progress);
+    }
+    m_opening = false;
+}
+
+void ContentView::openPanel()
+{
+    if (m_opening)
+        return;
+    m_opening = true;
+    {
+        OpenProgressDialog progress(this);
+        m_model->openPanel(&progress);
     }
     m_opening = false;
 }

@@ -48,6 +48,10 @@ public:
     /// a long open. Ignored while another open runs.
     void openUrls(const QList<QUrl>& urls);
 
+    /// Runs the model's open panel and opens what the user picks, with the
+    /// progress dialog for a long open. Ignored while another open runs.
+    void openPanel();
+
 protected:
     void dragEnterEvent(QDragEnterEvent* event) override;
     void dragMoveEvent(QDragMoveEvent* event) override;

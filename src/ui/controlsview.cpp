@@ -105,7 +105,7 @@ ControlsView::ControlsView(CropModel* model, QWidget* parent)
     buttons->addStretch(1);
     buttons->addWidget(m_saveAsNew);
     buttons->addWidget(m_saveOverOriginal);
-    connect(m_open, &QPushButton::clicked, this, [this] { m_model->openPanel(); });
+    connect(m_open, &QPushButton::clicked, this, &ControlsView::openRequested);
     connect(m_saveAsNew, &QPushButton::clicked, this, [this] { m_model->saveAsNewFile(); });
     connect(m_saveOverOriginal, &QPushButton::clicked, this, [this] { m_model->saveOverOriginal(); });
 

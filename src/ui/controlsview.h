@@ -42,6 +42,10 @@ public:
     /// Reads the model now (the window does this after every change).
     void refresh();
 
+Q_SIGNALS:
+    /// "Open…" was clicked: the window runs the model's open panel.
+    void openRequested();
+
 protected:
     void changeEvent(QEvent* event) override;
 

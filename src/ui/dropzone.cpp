@@ -9,7 +9,6 @@
 #include <QVBoxLayout>
 #include <QVariantAnimation>
 
-#include "model/cropmodel.h"
 #include "ui/symbols.h"
 #include "ui/theme.h"
 
@@ -18,6 +17,8 @@ namespace orvane {
 namespace {
 
 constexpr int iconExtent = 64;
+constexpr int calloutWidth = 380;
+constexpr int stackPadding = 44;
 constexpr qreal cornerRadius = 16;
 constexpr qreal strokeWidth = 2;
 
@@ -38,9 +39,8 @@ QColor withAlpha(QColor colour, qreal alpha)
 
 } // namespace
 
-DropZone::DropZone(CropModel* model, QWidget* parent)
+DropZone::DropZone(QWidget* parent)
     : QWidget(parent)
-    , m_model(model)
 {
     setObjectName(QStringLiteral("dropZone"));
     setCursor(Qt::PointingHandCursor);
@@ -61,7 +61,6 @@ DropZone::DropZone(CropModel* model, QWidget* parent)
     m_callout->setFont(Theme::font(Theme::TextStyle::Callout, font()));
     m_callout->setWordWrap(true);
     m_callout->setAlignment(Qt::AlignCenter);
-    m_callout->setMaximumWidth(380);
     QPalette calloutPalette = m_callout->palette();
     calloutPalette.setColor(QPalette::WindowText, Theme::secondary(palette()));
     m_callout->setPalette(calloutPalette);
@@ -75,7 +74,7 @@ DropZone::DropZone(CropModel* model, QWidget* parent)
     buttonFont.setPointSizeF(buttonFont.pointSizeF() * 1.08);
     m_choose->setFont(buttonFont);
     m_choose->setMinimumWidth(m_choose->sizeHint().width() + 24);
-    connect(m_choose, &QPushButton::clicked, this, [this] { m_model->openPanel(); });
+    connect(m_choose, &QPushButton::clicked, this, &DropZone::openRequested);
 
     auto* stack = new QVBoxLayout;
     stack->setSpacing(14);
@@ -86,7 +85,7 @@ DropZone::DropZone(CropModel* model, QWidget* parent)
     stack->addWidget(m_choose, 0, Qt::AlignHCenter);
 
     auto* outer = new QVBoxLayout(this);
-    outer->setContentsMargins(margin + 44, margin, margin + 44, margin);
+    outer->setContentsMargins(margin + stackPadding, margin, margin + stackPadding, margin);
     outer->addStretch(1);
     outer->addLayout(stack);
     outer->addStretch(1);
@@ -101,6 +100,14 @@ DropZone::DropZone(CropModel* model, QWidget* parent)
     });
 
     updateIcon();
+}
+
+void DropZone::resizeEvent(QResizeEvent* event)
+{
+    QWidget::resizeEvent(event);
+    // The callout wraps within 380 pixels, or within the room the zone has.
+    const int width = qMax(80, qMin(calloutWidth, this->width() - 2 * (margin + stackPadding)));
+    m_callout->setFixedSize(width, m_callout->heightForWidth(width));
 }
 
 void DropZone::setTargeted(bool targeted)
@@ -182,7 +189,7 @@ void DropZone::mouseReleaseEvent(QMouseEvent* event)
     m_pressed = false;
     event->accept();
     if (click)
-        m_model->openPanel();
+        Q_EMIT openRequested();
 }
 
 void DropZone::changeEvent(QEvent* event)

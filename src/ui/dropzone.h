@@ -10,16 +10,14 @@ class QVariantAnimation;
 
 namespace orvane {
 
-class CropModel;
-
 /// Shown in the preview's place while no image is active. A click anywhere
-/// on it (its 28-pixel margin included) or on its button runs the model's open
-/// panel. Does not own the model, which must outlive it.
+/// on it (its 28-pixel margin included) or on its button asks for the open
+/// panel (openRequested).
 class DropZone : public QWidget {
     Q_OBJECT
 
 public:
-    DropZone(CropModel* model, QWidget* parent = nullptr);
+    explicit DropZone(QWidget* parent = nullptr);
 
     /// The distance of the dashed panel from the zone's edges; it takes clicks too.
     static constexpr int margin = 28;
@@ -35,16 +33,20 @@ public:
     /// The dashed panel's outline at the current hover progress, in the zone's coordinates.
     QRectF panelRect() const;
 
+Q_SIGNALS:
+    /// The user asked to pick images: the window runs the model's open panel.
+    void openRequested();
+
 protected:
     void paintEvent(QPaintEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
     void changeEvent(QEvent* event) override;
 
 private:
     void updateIcon();
 
-    CropModel* m_model;
     QLabel* m_icon;
     QLabel* m_title;
     QLabel* m_callout;

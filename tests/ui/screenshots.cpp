@@ -1,0 +1,125 @@
+// Renders the real main window in named states and saves each as a PNG, so
+// that a person can look at the window without running it by hand.
+//
+//   orvane-screenshots [folder]      (default: ./screenshots)
+
+#include <functional>
+
+#include <QApplication>
+#include <QDir>
+#include <QDragEnterEvent>
+#include <QMimeData>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include "app/mainwindow.h"
+#include "model/cropmodel.h"
+#include "ui/contentview.h"
+#include "windowtestsupport.h"
+
+using namespace orvane;
+
+namespace {
+
+// Long enough for every slide, fade and spring of the window to settle.
+constexpr int settleMs = 900;
+
+struct Images {
+    QUrl poster;  // 1200×800 with a 1000×640 artwork on transparency
+    QUrl badge;   // 800×800 artwork on white
+    QUrl sticker; // 900×600 artwork on transparency
+    QUrl notes;   // not an image
+};
+
+Images makeImages(const QDir& dir)
+{
+    Images images;
+    images.poster = test::writeImage(dir.filePath(QStringLiteral("sunset-poster.png")), {1200, 800},
+                                     QRect(100, 80, 1000, 640), QColor(0xE8, 0x6A, 0x3C));
+    images.badge = test::writeImage(dir.filePath(QStringLiteral("team-badge.png")), {800, 800},
+                                    QRect(160, 120, 480, 560), QColor(0x3C, 0x7D, 0xE8), true);
+    images.sticker = test::writeImage(dir.filePath(QStringLiteral("sticker.png")), {900, 600},
+                                      QRect(250, 150, 400, 300), QColor(0x4C, 0xB0, 0x6A));
+    images.notes = test::writeNonImage(dir.filePath(QStringLiteral("notes.png")));
+    return images;
+}
+
+void settle()
+{
+    QTest::qWait(settleMs);
+}
+
+bool shoot(const QString& folder, const QString& name, const std::function<void(MainWindow&, const QDir&)>& prepare)
+{
+    QTemporaryDir temporary;
+    const QDir dir(temporary.path());
+    MainWindow window;
+    window.resize(720, 540);
+    window.show();
+    if (!QTest::qWaitForWindowExposed(&window))
+        qWarning("the window was not exposed: %s may come out blank", qPrintable(name));
+    prepare(window, dir);
+    settle();
+    const QString path = QDir(folder).filePath(name + QStringLiteral(".png"));
+    const bool saved = window.grab().save(path, "PNG");
+    qInfo("%s %s", saved ? "wrote" : "FAILED", qPrintable(path));
+    return saved;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    test::initialiseImaging(argv[0]);
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Orvane"));
+
+    const QString folder = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("screenshots");
+    if (!QDir().mkpath(folder)) {
+        qCritical("cannot create %s", qPrintable(folder));
+        return 1;
+    }
+
+    bool ok = true;
+    ok &= shoot(folder, QStringLiteral("empty"), [](MainWindow&, const QDir&) {});
+
+    ok &= shoot(folder, QStringLiteral("drag-hover"), [](MainWindow& window, const QDir& dir) {
+        const Images images = makeImages(dir);
+        QMimeData data;
+        data.setUrls({images.poster});
+        ContentView* content = window.contentView();
+        QDragEnterEvent enter(QPoint(content->width() / 2, content->height() / 2), Qt::CopyAction, &data,
+                              Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(content, &enter);
+    });
+
+    ok &= shoot(folder, QStringLiteral("one-image"), [](MainWindow& window, const QDir& dir) {
+        const Images images = makeImages(dir);
+        window.contentView()->openUrls({images.poster});
+    });
+
+    ok &= shoot(folder, QStringLiteral("three-images"), [](MainWindow& window, const QDir& dir) {
+        const Images images = makeImages(dir);
+        window.contentView()->openUrls({images.poster, images.badge, images.sticker});
+    });
+
+    ok &= shoot(folder, QStringLiteral("save-confirmation"), [](MainWindow& window, const QDir& dir) {
+        const Images images = makeImages(dir);
+        window.contentView()->openUrls({images.poster, images.badge, images.sticker});
+        window.contentView()->model()->saveOverOriginal();
+    });
+
+    ok &= shoot(folder, QStringLiteral("all-saved"), [](MainWindow& window, const QDir& dir) {
+        const Images images = makeImages(dir);
+        window.contentView()->openUrls({images.poster, images.badge, images.sticker});
+        for (int i = 0; i < 3; ++i)
+            window.contentView()->model()->saveOverOriginal();
+    });
+
+    ok &= shoot(folder, QStringLiteral("error"), [](MainWindow& window, const QDir& dir) {
+        const Images images = makeImages(dir);
+        window.contentView()->openUrls({images.notes});
+    });
+
+    return ok ? 0 : 1;
+}

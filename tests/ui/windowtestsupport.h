@@ -1,0 +1,83 @@
+// Helpers shared by the window's tests and the screenshot program: libvips
+// set-up, images drawn in code, and panels that answer for the user.
+#pragma once
+
+#include <optional>
+
+#include <QColor>
+#include <QDir>
+#include <QFile>
+#include <QImage>
+#include <QList>
+#include <QPainter>
+#include <QRect>
+#include <QString>
+#include <QUrl>
+
+#include <vips/vips8>
+
+#include "imagefile/imagefile.h"
+#include "model/cropmodel.h"
+
+namespace orvane::test {
+
+/// VIPS_INIT and Orvane's loader set-up; call once at the start of main.
+inline void initialiseImaging(const char* argv0)
+{
+    if (VIPS_INIT(argv0) != 0)
+        vips_error_exit("could not start libvips");
+    ImageFile::initialise();
+}
+
+/// Writes a PNG of size: a transparent (or white) canvas with a filled
+/// rounded shape exactly covering content, so the content rectangle at the
+/// default tolerance is content. Returns the file's URL.
+inline QUrl writeImage(const QString& path, QSize size, QRect content, QColor colour, bool whiteCanvas = false)
+{
+    QImage image(size, QImage::Format_ARGB32);
+    image.fill(whiteCanvas ? Qt::white : Qt::transparent);
+    QPainter painter(&image);
+    painter.setRenderHint(QPainter::Antialiasing, false);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(colour);
+    painter.drawRect(content);
+    // A lighter disc inside, so that the pictures look like artwork.
+    painter.setRenderHint(QPainter::Antialiasing, true);
+    painter.setBrush(colour.lighter(140));
+    const int d = qMin(content.width(), content.height()) / 2;
+    painter.drawEllipse(QRect(content.center() - QPoint(d / 2, d / 2), QSize(d, d)));
+    painter.end();
+    image.save(path, "PNG");
+    return QUrl::fromLocalFile(path);
+}
+
+/// Writes bytes that are no image under a name that looks like one.
+inline QUrl writeNonImage(const QString& path)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write("these are notes, not pixels\n");
+    return QUrl::fromLocalFile(path);
+}
+
+/// Panels that answer for the user and count how often they were asked.
+class FakePanels : public Panels {
+public:
+    QList<QUrl> toOpen;
+    std::optional<QUrl> saveDestination;
+    int openRequests = 0;
+    int saveRequests = 0;
+
+    QList<QUrl> chooseImagesToOpen(const QList<ImageType>&) override
+    {
+        ++openRequests;
+        return toOpen;
+    }
+    std::optional<QUrl> chooseSaveDestination(const QString&, const ImageType&) override
+    {
+        ++saveRequests;
+        return saveDestination;
+    }
+};
+
+} // namespace orvane::test
