@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <atomic>
 #include <mutex>
@@ -10,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include <glib.h>
+#include <sys/mman.h>
 
 #include "engine/toleranceindex.h"
 
@@ -20,8 +21,8 @@ struct Buffer::Data {
     vips::VImage image;
     std::int64_t width = 0;
     std::int64_t height = 0;
-    // Owned raster (g_malloc'd), or null when the raster is the image's own memory.
-    std::unique_ptr<std::uint8_t, void (*)(void*)> owned{nullptr, g_free};
+    // Owned raster (from allocateRaster), or null when the raster is the image's own memory.
+    std::unique_ptr<std::uint8_t, void (*)(void*)> owned{nullptr, std::free};
     const std::uint8_t* pixels = nullptr;
     ToleranceIndex index;
 };
@@ -146,8 +147,25 @@ vips::VImage colourAsSrgb(const vips::VImage& colour, const Layout& layout)
     }
 }
 
+// Memory for a raster, or null. Large rasters are asked to sit on huge pages:
+// the raster is written once front to back, and taking a fault for every
+// 4 KiB page costs more than the pass itself on some machines.
+std::uint8_t* allocateRaster(std::size_t byteCount)
+{
+    constexpr std::size_t hugePage = std::size_t{2} << 20;
+    if (byteCount < 4 * hugePage)
+        return static_cast<std::uint8_t*>(std::malloc(byteCount));
+    void* memory = nullptr;
+    if (posix_memalign(&memory, hugePage, byteCount) != 0)
+        return nullptr;
+#ifdef MADV_HUGEPAGE
+    madvise(memory, byteCount, MADV_HUGEPAGE);
+#endif
+    return static_cast<std::uint8_t*>(memory);
+}
+
 // The raster made by libvips: colour-managed, premultiplied, rounded to 8 bits.
-// Works for any decoded image; the result is g_malloc'd.
+// Works for any decoded image; the result comes from allocateRaster.
 std::uint8_t* rasterByPipeline(const vips::VImage& image, const Layout& layout, std::size_t byteCount)
 {
     vips::VImage colour = image.bands() > layout.colourBands
@@ -173,13 +191,14 @@ std::uint8_t* rasterByPipeline(const vips::VImage& image, const Layout& layout, 
     vips::VImage raster = (premultiplied + 0.5)
                               .cast(VIPS_FORMAT_UCHAR)
                               .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
-    std::size_t size = 0;
-    void* memory = raster.write_to_memory(&size);
-    if (size != byteCount) {
-        g_free(memory);
+    std::unique_ptr<std::uint8_t, void (*)(void*)> memory{allocateRaster(byteCount), std::free};
+    if (!memory)
         return nullptr;
-    }
-    return static_cast<std::uint8_t*>(memory);
+    vips::VImage target = vips::VImage::new_from_memory(memory.get(), byteCount, raster.width(), raster.height(), 4,
+                                                        VIPS_FORMAT_UCHAR);
+    if (vips_image_write(raster.get_image(), target.get_image()) != 0)
+        throw vips::VError();
+    return memory.release();
 }
 
 // Rounded c × a / 255 for bytes; exact for every pair.
@@ -261,7 +280,7 @@ bool rasterInMemory(const std::uint8_t* source, std::size_t sourceStride, int ba
     std::atomic<std::uint8_t*> raster{nullptr};
     std::once_flag allocated;
     const auto ensureRaster = [&]() {
-        std::call_once(allocated, [&]() { raster = static_cast<std::uint8_t*>(g_try_malloc(rowBytes * h)); });
+        std::call_once(allocated, [&]() { raster = allocateRaster(rowBytes * h); });
         return raster.load();
     };
     if (bands != 4 && !ensureRaster())
