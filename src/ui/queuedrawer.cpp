@@ -76,7 +76,7 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     m_add->setIcon(Symbols::icon(Symbol::Plus));
     m_add->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
     m_add->setAutoRaise(true);
-    connect(m_add, &QToolButton::clicked, this, [this] { m_model->openPanel(); });
+    connect(m_add, &QToolButton::clicked, this, &QueueDrawer::openRequested);
 
     m_remove = new QToolButton(this);
     m_remove->setObjectName(QStringLiteral("queueRemove"));

@@ -23,9 +23,10 @@ class ScaledImageCache;
 /// while it is, Backspace and Delete remove the active image.
 ///
 /// Reads the model afresh on every refresh and calls only its operations
-/// (select, remove, openPanel). Keeps thumbnails (one per item) and nothing
-/// else of the model's. Main thread only; the model is observed, not owned,
-/// and must outlive the drawer.
+/// (select, remove); "Add" asks the window to run the open panel through
+/// openRequested(), so that the window can show its progress. Keeps
+/// thumbnails (one per item) and nothing else of the model's. Main thread
+/// only; the model is observed, not owned, and must outlive the drawer.
 class QueueDrawer : public QWidget {
     Q_OBJECT
 
@@ -46,6 +47,10 @@ public:
 
     /// Removes the active item, if there is one.
     void removeActive();
+
+Q_SIGNALS:
+    /// The user asked to add images ("Add"): the window runs the model's open panel.
+    void openRequested();
 
 protected:
     void paintEvent(QPaintEvent* event) override;

@@ -78,6 +78,8 @@ void QueueDrawerTest::init()
     m_window = new QWidget;
     auto* layout = new QVBoxLayout(m_window);
     m_drawer = new QueueDrawer(m_model, m_window);
+    // What the window does with the drawer's request.
+    connect(m_drawer, &QueueDrawer::openRequested, m_model, [this] { m_model->openPanel(); });
     m_otherFocus = new QLineEdit(m_window);
     layout->addWidget(m_drawer);
     layout->addWidget(m_otherFocus);
