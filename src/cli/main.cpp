@@ -7,6 +7,10 @@
 
 #include <QCoreApplication>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <vips/vips8>
 
 #include "cli/batchrunner.h"
@@ -40,6 +44,15 @@ int main(int argc, char* argv[])
     // A write beyond RLIMIT_FSIZE must fail like a full disk (the atomic save
     // then keeps the old file) instead of killing the process.
     std::signal(SIGXFSZ, SIG_IGN);
+
+#ifdef __GLIBC__
+    // Every image needs the same few large blocks (decoded image, raster,
+    // encoded file). By default glibc maps each afresh and returns it on free,
+    // so every image paid for new zeroed pages; keep them for the next image.
+    // Memory stays bounded by the images in flight.
+    mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 1024 * 1024 * 1024);
+#endif
 
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("orvane-trim"));
