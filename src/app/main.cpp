@@ -6,7 +6,10 @@
 #include <vips/vips8>
 
 #include "app/buildconfig.h"
+#include "app/localization.h"
 #include "app/mainwindow.h"
+#include "app/shellmenus.h"
+#include "app/updatercontroller.h"
 #include "imagefile/imagefile.h"
 
 int main(int argc, char* argv[])
@@ -22,14 +25,18 @@ int main(int argc, char* argv[])
     QApplication::setApplicationName(QStringLiteral("Orvane"));
     QApplication::setApplicationVersion(QString::fromUtf8(orvane::BuildConfig::version));
     QGuiApplication::setDesktopFileName(QString::fromUtf8(orvane::BuildConfig::appId));
-    QApplication::setWindowIcon(QIcon::fromTheme(QString::fromUtf8(orvane::BuildConfig::appId)));
+    QApplication::setWindowIcon(orvane::applicationIcon());
+    orvane::installTranslations(app);
     // Closing the window ends Orvane; nothing is kept between runs.
     QApplication::setQuitOnLastWindowClosed(true);
 
     orvane::MainWindow window;
+    orvane::installShellMenus(window.helpMenu(), window.aboutAction(), window.moreAppsMenu(), &window);
     window.show();
     window.raise();
     window.activateWindow();
+    // Last step of the launch: background update checks start now.
+    orvane::UpdaterController::shared().start();
 
     const int status = app.exec();
     vips_shutdown();
