@@ -150,21 +150,39 @@ std::optional<QUrl> FakePanels::chooseSaveDestination(const QString& name, const
     return saveAnswer;
 }
 
+namespace {
+
+std::optional<QString> runProcess(const QString& program, const QStringList& args, const QStringList& environment)
+{
+    QProcess child;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString& setting : environment)
+        env.insert(setting.section(QLatin1Char('='), 0, 0), setting.section(QLatin1Char('='), 1));
+    child.setProcessEnvironment(env);
+    child.start(program, args);
+    if (!child.waitForFinished(60000) || child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0) {
+        qWarning("child process failed: %s", child.readAllStandardError().constData());
+        return std::nullopt;
+    }
+    return QString::fromUtf8(child.readAllStandardOutput());
+}
+
+} // namespace
+
+std::optional<QString> runSelf(const QStringList& args, const QStringList& environment)
+{
+    return runProcess(QCoreApplication::applicationFilePath(), args, environment);
+}
+
 std::optional<QString> runAsNobody(const QStringList& args)
 {
     const QString setpriv = QStandardPaths::findExecutable(QStringLiteral("setpriv"));
     if (geteuid() != 0 || setpriv.isEmpty())
         return std::nullopt;
-    QProcess child;
     QStringList all{QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
                     QStringLiteral("--clear-groups"), QCoreApplication::applicationFilePath()};
     all += args;
-    child.start(setpriv, all);
-    if (!child.waitForFinished(60000) || child.exitStatus() != QProcess::NormalExit || child.exitCode() != 0) {
-        qWarning("child as nobody failed: %s", child.readAllStandardError().constData());
-        return std::nullopt;
-    }
-    return QString::fromUtf8(child.readAllStandardOutput());
+    return runProcess(setpriv, all, {});
 }
 
 int runChild(int argc, char** argv)

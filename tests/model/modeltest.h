@@ -75,6 +75,11 @@ public:
     std::optional<ImageType> restrictedType;
 };
 
+/// Runs this test executable again with args and these environment variables
+/// set; the child's main hands args to runChild(). The child's standard
+/// output, or absent when it failed.
+std::optional<QString> runSelf(const QStringList& args, const QStringList& environment);
+
 /// Runs this test executable again as the user nobody (setpriv) with args;
 /// the child's main hands them to runChild(). Absent when that cannot be done
 /// here (not root, no setpriv); the child's standard output otherwise.
