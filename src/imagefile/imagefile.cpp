@@ -224,6 +224,26 @@ std::optional<std::pair<std::int64_t, std::int64_t>> bmpSize(const QByteArray& h
     return std::pair<std::int64_t, std::int64_t>(width, height < 0 ? -height : height);
 }
 
+// libvips 8.14's HEIF loader lends the image its profile and metadata blobs
+// from memory that it frees when it goes: with the operation cache off that
+// happens as soon as the image is in memory, and the profile then reads as
+// garbage. Giving every blob field a copy of its own, while the loader is
+// still alive, makes the decoded image independent of it whatever the format.
+void ownBlobs(vips::VImage& image)
+{
+    VipsImage* raw = image.get_image();
+    gchar** fields = vips_image_get_fields(raw);
+    for (gchar** field = fields; field && *field; ++field) {
+        if (vips_image_get_typeof(raw, *field) != VIPS_TYPE_BLOB)
+            continue;
+        const void* data = nullptr;
+        size_t length = 0;
+        if (vips_image_get_blob(raw, *field, &data, &length) == 0 && data)
+            vips_image_set_blob_copy(raw, *field, data, length);
+    }
+    g_strfreev(fields);
+}
+
 vips::VOption* loadOptions()
 {
     return vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
@@ -253,6 +273,7 @@ std::optional<LoadResult> loadBmp(QFile& file, const QByteArray& head)
     vips_area_unref(VIPS_AREA(blob));
     if (image.width() != size->first || image.height() != size->second)
         return std::nullopt;
+    ownBlobs(image);
     return LoadResult{image.copy_memory(), ImageType::bmp()};
 }
 
@@ -303,6 +324,7 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
     const std::int64_t bytesPerPixel = header.bands() * std::int64_t(vips_format_sizeof(header.format()));
     if (!fitsInMemory(header.width(), header.height(), bytesPerPixel, extraPerPixel))
         return std::nullopt;
+    ownBlobs(header);
     return LoadResult{header.copy_memory(), *type};
 }
 

@@ -1,0 +1,451 @@
+// ImageFile::writableType and ImageFile::save: the written format, what the
+// written file holds, and replacement that never loses the old file.
+#include "imagefile/imagefile.h"
+
+#include <csignal>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <QDir>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include "imagefiletestsupport.h"
+
+using namespace orvane;
+using orvane::test::encoded;
+using orvane::test::hasSaver;
+using orvane::test::pattern;
+using orvane::test::readFile;
+using orvane::test::samples;
+using orvane::test::writeFile;
+
+namespace {
+
+QString selfPath;
+
+class Save : public ::testing::Test {
+protected:
+    QString path(const QString& name) const { return dir.filePath(name); }
+    QStringList entries() const { return QDir(dir.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot); }
+    void TearDown() override { ImageFile::setSaverProbeForTesting({}); }
+
+    QTemporaryDir dir;
+};
+
+QByteArray iccProfile()
+{
+    VipsBlob* blob = nullptr;
+    if (vips_profile_load("srgb", &blob, nullptr) != 0)
+        return {};
+    size_t length = 0;
+    const void* data = vips_blob_get(blob, &length);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
+    vips_area_unref(VIPS_AREA(blob));
+    return bytes;
+}
+
+QByteArray blobField(const vips::VImage& image, const char* name)
+{
+    if (image.get_typeof(name) == 0)
+        return {};
+    const void* data = nullptr;
+    size_t length = 0;
+    if (vips_image_get_blob(image.get_image(), name, &data, &length) != 0)
+        return {};
+    return QByteArray(static_cast<const char*>(data), qsizetype(length));
+}
+
+vips::VImage withProfile(vips::VImage image, const QByteArray& profile)
+{
+    image = image.copy();
+    image.set(VIPS_META_ICC_NAME, nullptr, const_cast<char*>(profile.constData()), size_t(profile.size()));
+    return image;
+}
+
+// The first luminance quantisation table of a JPEG, in the file's zig-zag order.
+std::vector<int> lumaQuantisation(const QByteArray& jpeg)
+{
+    for (qsizetype i = 2; i + 4 < jpeg.size();) {
+        if (uchar(jpeg[i]) != 0xff)
+            break;
+        const uchar marker = uchar(jpeg[i + 1]);
+        const int length = uchar(jpeg[i + 2]) << 8 | uchar(jpeg[i + 3]);
+        if (marker == 0xdb && (uchar(jpeg[i + 4]) & 0x0f) == 0 && (uchar(jpeg[i + 4]) >> 4) == 0) {
+            std::vector<int> table;
+            for (int k = 0; k < 64; ++k)
+                table.push_back(uchar(jpeg[i + 5 + k]));
+            return table;
+        }
+        if (marker == 0xda)
+            break;
+        i += 2 + length;
+    }
+    return {};
+}
+
+// The IJG baseline luminance table scaled for a quality, in zig-zag order,
+// as libjpeg computes it.
+std::vector<int> expectedLuma(int quality)
+{
+    static const int base[64] = {16, 11, 10, 16, 24,  40,  51,  61,  12, 12, 14, 19, 26,  58,  60,  55,
+                                 14, 13, 16, 24, 40,  57,  69,  56,  14, 17, 22, 29, 51,  87,  80,  62,
+                                 18, 22, 37, 56, 68,  109, 103, 77,  24, 35, 55, 64, 81,  104, 113, 92,
+                                 49, 64, 78, 87, 103, 121, 120, 101, 72, 92, 95, 98, 112, 100, 103, 99};
+    static const int zigzag[64] = {0,  1,  8,  16, 9,  2,  3,  10, 17, 24, 32, 25, 18, 11, 4,  5,
+                                   12, 19, 26, 33, 40, 48, 41, 34, 27, 20, 13, 6,  7,  14, 21, 28,
+                                   35, 42, 49, 56, 57, 50, 43, 36, 29, 22, 15, 23, 30, 37, 44, 51,
+                                   58, 59, 52, 45, 38, 31, 39, 46, 53, 60, 61, 54, 47, 55, 62, 63};
+    const int scale = quality < 50 ? 5000 / quality : 200 - quality * 2;
+    std::vector<int> table;
+    for (int k = 0; k < 64; ++k)
+        table.push_back(std::clamp((base[zigzag[k]] * scale + 50) / 100, 1, 255));
+    return table;
+}
+
+// Lowers this process's file-size limit while it lives; a write past it
+// fails with EFBIG instead of raising SIGXFSZ.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes)
+    {
+        getrlimit(RLIMIT_FSIZE, &m_old);
+        m_oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+        rlimit lowered = m_old;
+        lowered.rlim_cur = bytes;
+        setrlimit(RLIMIT_FSIZE, &lowered);
+    }
+    ~FileSizeLimit()
+    {
+        setrlimit(RLIMIT_FSIZE, &m_old);
+        std::signal(SIGXFSZ, m_oldHandler);
+    }
+
+private:
+    rlimit m_old{};
+    void (*m_oldHandler)(int) = nullptr;
+};
+
+// A noisy image: it compresses badly, so its files are big.
+vips::VImage noise(int width, int height)
+{
+    auto band = [&] {
+        return vips::VImage::gaussnoise(width, height, vips::VImage::option()->set("mean", 128.0)->set("sigma", 60.0));
+    };
+    return band().bandjoin(band()).bandjoin(band()).cast(VIPS_FORMAT_UCHAR).copy(
+        vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+}
+
+} // namespace
+
+// ---------------------------------------------------------------- written type
+
+TEST_F(Save, EveryTypeThisLibvipsEncodesIsWrittenAsItself)
+{
+    EXPECT_EQ(ImageFile::writableType(ImageType::png()), ImageType::png());
+    EXPECT_EQ(ImageFile::writableType(ImageType::jpeg()), ImageType::jpeg());
+    EXPECT_EQ(ImageFile::writableType(ImageType::tiff()), ImageType::tiff());
+    EXPECT_EQ(ImageFile::writableType(ImageType::gif()), ImageType::gif());
+    EXPECT_EQ(ImageFile::writableType(ImageType::bmp()), ImageType::bmp()) << "BMP is written through ImageMagick";
+    for (const auto& [type, suffix] : {std::pair(ImageType::webP(), ".webp"), std::pair(ImageType::heic(), ".heic"),
+                                       std::pair(ImageType::heif(), ".heif")}) {
+        EXPECT_EQ(ImageFile::writableType(type), hasSaver(suffix) ? type : ImageType::png()) << suffix;
+    }
+}
+
+TEST_F(Save, TypesWithoutAnEncoderFallBackToJpegOrPng)
+{
+    // Types no libvips saver writes.
+    EXPECT_EQ(ImageFile::writableType(ImageType(QStringLiteral("text/plain"))), ImageType::png());
+    EXPECT_EQ(ImageFile::writableType(ImageType::data()), ImageType::png());
+    // shared-mime-info makes Motion JPEG a kind of JPEG.
+    const ImageType motionJpeg(QStringLiteral("video/x-mjpeg"));
+    ASSERT_TRUE(motionJpeg.conforms(ImageType::jpeg()));
+    EXPECT_EQ(ImageFile::writableType(motionJpeg), ImageType::jpeg());
+
+    // A machine without WebP, HEIF and JPEG encoders.
+    ImageFile::setSaverProbeForTesting([](const ImageType& type) { return type == ImageType::png(); });
+    EXPECT_EQ(ImageFile::writableType(ImageType::webP()), ImageType::png());
+    EXPECT_EQ(ImageFile::writableType(ImageType::heic()), ImageType::png());
+    EXPECT_EQ(ImageFile::writableType(motionJpeg), ImageType::png());
+    // Nothing at all: still PNG.
+    ImageFile::setSaverProbeForTesting([](const ImageType&) { return false; });
+    EXPECT_EQ(ImageFile::writableType(ImageType::jpeg()), ImageType::png());
+    EXPECT_EQ(ImageFile::writableType(ImageType::png()), ImageType::png());
+    // The answer is asked afresh: restoring the probe restores WebP.
+    ImageFile::setSaverProbeForTesting({});
+    EXPECT_EQ(ImageFile::writableType(ImageType::jpeg()), ImageType::jpeg());
+}
+
+TEST_F(Save, ATypeWithoutEncoderIsWrittenAsPngUnderTheGivenName)
+{
+    ImageFile::setSaverProbeForTesting([](const ImageType& type) { return type != ImageType::webP(); });
+    const QString file = path("photo.webp");
+    ASSERT_TRUE(ImageFile::save(pattern(20, 10, 4), file, ImageType::webP()));
+    EXPECT_TRUE(readFile(file).startsWith("\x89PNG"));
+    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(loaded->type, ImageType::png());
+    EXPECT_EQ(samples(loaded->image), samples(pattern(20, 10, 4)));
+}
+
+// ---------------------------------------------------------------- what is written
+
+TEST_F(Save, EveryEncodableTypeRoundTrips)
+{
+    const vips::VImage image = pattern(48, 32, 3);
+    for (const ImageType& type : ImageFile::acceptedTypes()) {
+        const ImageType written = ImageFile::writableType(type);
+        if (written != type)
+            continue;
+        SCOPED_TRACE(type.mimeName().toStdString());
+        const QString file = path(QStringLiteral("round.") + type.preferredExtension());
+        ASSERT_TRUE(ImageFile::save(image, file, type));
+        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+        ASSERT_TRUE(loaded);
+        // libheif writes every HEIF image with the HEVC brand.
+        EXPECT_EQ(loaded->type, type == ImageType::heif() ? ImageType::heic() : type);
+        EXPECT_EQ(loaded->image.width(), 48);
+        EXPECT_EQ(loaded->image.height(), 32);
+        if (type == ImageType::png() || type == ImageType::tiff() || type == ImageType::bmp()) {
+            EXPECT_EQ(samples(loaded->image.extract_band(0, vips::VImage::option()->set("n", 3))), samples(image));
+        } else {
+            // Lossy or palette formats: close to the original on average.
+            const double difference = (loaded->image.extract_band(0, vips::VImage::option()->set("n", 3)).cast(VIPS_FORMAT_FLOAT)
+                                       - image.cast(VIPS_FORMAT_FLOAT)).abs().avg();
+            EXPECT_LT(difference, 8.0);
+        }
+    }
+}
+
+TEST_F(Save, SixteenBitsStaySixteenBitsWhereTheFormatHoldsThem)
+{
+    for (const int bands : {1, 2, 3, 4}) {
+        const vips::VImage image = pattern(40, 30, bands, VIPS_FORMAT_USHORT);
+        for (const ImageType& type : {ImageType::png(), ImageType::tiff()}) {
+            SCOPED_TRACE(type.mimeName().toStdString() + " with " + std::to_string(bands) + " bands");
+            const QString file = path(QStringLiteral("deep%1.").arg(bands) + type.preferredExtension());
+            ASSERT_TRUE(ImageFile::save(image, file, type));
+            const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+            ASSERT_TRUE(loaded);
+            EXPECT_EQ(loaded->image.format(), VIPS_FORMAT_USHORT);
+            EXPECT_EQ(loaded->image.bands(), bands);
+            EXPECT_EQ(samples(loaded->image), samples(image));
+        }
+    }
+}
+
+TEST_F(Save, TheIccProfileIsKeptWhereTheFormatHoldsOne)
+{
+    const QByteArray profile = iccProfile();
+    ASSERT_FALSE(profile.isEmpty());
+    const vips::VImage image = withProfile(pattern(24, 16, 3), profile);
+    for (const ImageType& type : {ImageType::png(), ImageType::jpeg(), ImageType::tiff(), ImageType::webP(),
+                                  ImageType::heic()}) {
+        if (ImageFile::writableType(type) != type)
+            continue;
+        SCOPED_TRACE(type.mimeName().toStdString());
+        const QString file = path(QStringLiteral("profile.") + type.preferredExtension());
+        ASSERT_TRUE(ImageFile::save(image, file, type));
+        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+        ASSERT_TRUE(loaded);
+        EXPECT_EQ(blobField(loaded->image, VIPS_META_ICC_NAME), profile);
+    }
+}
+
+TEST_F(Save, NoMetadataOfTheSourceButTheProfile)
+{
+    const QByteArray profile = iccProfile();
+    vips::VImage source = withProfile(pattern(30, 20, 3), profile);
+    source.set("orientation", 6);
+    source.set("exif-ifd0-ImageDescription", "a description of the source");
+    const QByteArray xmp = "<x:xmpmeta xmlns:x=\"adobe:ns:meta/\"><rdf:RDF "
+                           "xmlns:rdf=\"http://www.w3.org/1999/02/22-rdf-syntax-ns#\"/></x:xmpmeta>";
+    source.set(VIPS_META_XMP_NAME, nullptr, const_cast<char*>(xmp.constData()), size_t(xmp.size()));
+    source.set("png-comment-0-Comment", "a comment of the source");
+
+    // The way a user's file arrives: loaded, with everything parsed.
+    const QString original = path("source.jpg");
+    ASSERT_TRUE(writeFile(original, encoded(source, ".jpg")));
+    std::optional<ImageFile::LoadResult> loaded = ImageFile::load(original);
+    ASSERT_TRUE(loaded);
+    ASSERT_TRUE(blobField(loaded->image, VIPS_META_EXIF_NAME).contains("a description of the source"));
+    ASSERT_EQ(loaded->image.get_int("orientation"), 6);
+    ASSERT_FALSE(blobField(loaded->image, VIPS_META_XMP_NAME).isEmpty());
+    vips::VImage withComment = loaded->image.copy();
+    withComment.set("png-comment-0-Comment", "a comment of the source");
+
+    for (const ImageType& type : {ImageType::jpeg(), ImageType::png(), ImageType::tiff(), ImageType::webP()}) {
+        if (ImageFile::writableType(type) != type)
+            continue;
+        SCOPED_TRACE(type.mimeName().toStdString());
+        const QString file = path(QStringLiteral("clean.") + type.preferredExtension());
+        ASSERT_TRUE(ImageFile::save(withComment, file, type));
+        const QByteArray bytes = readFile(file);
+        EXPECT_FALSE(bytes.contains("xmpmeta")) << "XMP written";
+        EXPECT_FALSE(bytes.contains("a comment of the source"));
+        EXPECT_FALSE(bytes.contains("a description of the source"));
+        loaded = ImageFile::load(file);
+        ASSERT_TRUE(loaded);
+        // libvips writes JPEG and WebP with a fresh EXIF block of its own that
+        // holds the image's size and resolution and says upright: nothing of
+        // the source's, and not its rotation.
+        int orientation = 1;
+        if (loaded->image.get_typeof("orientation"))
+            orientation = loaded->image.get_int("orientation");
+        EXPECT_EQ(orientation, 1);
+        EXPECT_FALSE(blobField(loaded->image, VIPS_META_EXIF_NAME).contains("a description of the source"));
+        EXPECT_EQ(blobField(loaded->image, VIPS_META_ICC_NAME), profile);
+    }
+    // The image handed in is left as it was.
+    EXPECT_FALSE(blobField(withComment, VIPS_META_EXIF_NAME).isEmpty());
+}
+
+TEST_F(Save, JpegIsWrittenAtQuality92)
+{
+    const QString file = path("quality.jpg");
+    ASSERT_TRUE(ImageFile::save(pattern(64, 64, 3), file, ImageType::jpeg()));
+    const std::vector<int> table = lumaQuantisation(readFile(file));
+    ASSERT_EQ(table.size(), 64u);
+    EXPECT_EQ(table, expectedLuma(92));
+    EXPECT_NE(table, expectedLuma(91));
+    EXPECT_NE(table, expectedLuma(93));
+}
+
+TEST_F(Save, PngIsCompressedAtLeastAsWellAsLibvipsDefault)
+{
+    const vips::VImage image = pattern(300, 200, 4);
+    const QString file = path("size.png");
+    ASSERT_TRUE(ImageFile::save(image, file, ImageType::png()));
+    EXPECT_LE(QFileInfo(file).size(), encoded(image, ".png").size());
+}
+
+// ---------------------------------------------------------------- replacing files
+
+TEST_F(Save, ReplacingAFileLeavesOnlyTheNewFile)
+{
+    const QString file = path("photo.png");
+    ASSERT_TRUE(writeFile(file, "old contents"));
+    ASSERT_TRUE(ImageFile::save(pattern(10, 10, 3), file, ImageType::png()));
+    EXPECT_TRUE(readFile(file).startsWith("\x89PNG"));
+    EXPECT_EQ(entries(), QStringList{"photo.png"});
+}
+
+TEST_F(Save, AReplacedFileKeepsItsPermissions)
+{
+    for (const mode_t mode : {mode_t(0640), mode_t(0604), mode_t(0600), mode_t(0664)}) {
+        SCOPED_TRACE(std::to_string(mode));
+        const QString file = path(QStringLiteral("mode%1.png").arg(mode, 0, 8));
+        ASSERT_TRUE(writeFile(file, "old"));
+        ASSERT_EQ(chmod(QFile::encodeName(file).constData(), mode), 0);
+        ASSERT_TRUE(ImageFile::save(pattern(10, 10, 3), file, ImageType::png()));
+        struct stat info {};
+        ASSERT_EQ(stat(QFile::encodeName(file).constData(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, mode);
+    }
+}
+
+TEST_F(Save, ALinkIsFollowedAndStaysALink)
+{
+    const QString target = path("target.png");
+    const QString link = path("link.png");
+    ASSERT_TRUE(writeFile(target, "old"));
+    ASSERT_TRUE(QFile::link(target, link));
+    ASSERT_TRUE(ImageFile::save(pattern(10, 10, 3), link, ImageType::png()));
+    EXPECT_TRUE(QFileInfo(link).isSymLink());
+    EXPECT_TRUE(readFile(target).startsWith("\x89PNG"));
+}
+
+TEST_F(Save, AFailedWriteLeavesTheOldFileAndNoPartialFile)
+{
+    const QString file = path("photo.png");
+    const QByteArray old = encoded(pattern(10, 10, 3), ".png");
+    ASSERT_TRUE(writeFile(file, old));
+    ASSERT_LT(old.size(), 4096);
+    {
+        // Room for a small file, not for this one.
+        const FileSizeLimit limit(4096);
+        EXPECT_FALSE(ImageFile::save(noise(200, 200), file, ImageType::png()));
+    }
+    EXPECT_EQ(readFile(file), old);
+    EXPECT_EQ(entries(), QStringList{"photo.png"});
+    // The limit was what failed: without it the same save succeeds.
+    EXPECT_TRUE(ImageFile::save(noise(200, 200), file, ImageType::png()));
+    EXPECT_GT(QFileInfo(file).size(), 4096);
+}
+
+TEST_F(Save, UnusableDestinationsFail)
+{
+    EXPECT_FALSE(ImageFile::save(pattern(10, 10, 3), path("missing/photo.png"), ImageType::png()));
+    EXPECT_FALSE(QFileInfo::exists(path("missing")));
+    ASSERT_TRUE(QDir(dir.path()).mkdir("folder.png"));
+    EXPECT_FALSE(ImageFile::save(pattern(10, 10, 3), path("folder.png"), ImageType::png()));
+    EXPECT_TRUE(QFileInfo(path("folder.png")).isDir());
+    EXPECT_EQ(entries(), QStringList{"folder.png"});
+}
+
+TEST_F(Save, AnImageThatCannotBeEncodedFails)
+{
+    // GIF is at most 65535 pixels a side.
+    const QString file = path("wide.gif");
+    ASSERT_TRUE(writeFile(file, "old"));
+    EXPECT_FALSE(ImageFile::save(vips::VImage::black(70000, 1).cast(VIPS_FORMAT_UCHAR), file, ImageType::gif()));
+    EXPECT_EQ(readFile(file), "old");
+}
+
+TEST_F(Save, AWriteRefusedToAnUnprivilegedUserLeavesTheOldFile)
+{
+    const QString setpriv = QStandardPaths::findExecutable(QStringLiteral("setpriv"));
+    if (setpriv.isEmpty() || geteuid() != 0)
+        GTEST_SKIP() << "needs root and setpriv to run a save as the user nobody";
+    // The folder must be reachable by nobody: QTemporaryDir makes it private.
+    ASSERT_EQ(chmod(QFile::encodeName(dir.path()).constData(), 0755), 0);
+    const QString source = path("source.png");
+    ASSERT_TRUE(writeFile(source, encoded(pattern(30, 20, 3), ".png")));
+    const QString file = path("photo.png");
+    const QByteArray old = encoded(pattern(10, 10, 1), ".png");
+    ASSERT_TRUE(writeFile(file, old));
+    ASSERT_EQ(chmod(QFile::encodeName(file).constData(), 0644), 0);
+
+    auto saveAsNobody = [&](const QString& destination) {
+        QProcess child;
+        child.start(setpriv, {QStringLiteral("--reuid=nobody"), QStringLiteral("--regid=nogroup"),
+                              QStringLiteral("--clear-groups"), selfPath, QStringLiteral("--save-child"), source,
+                              destination});
+        if (!child.waitForFinished(60000))
+            return -1;
+        return child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -1;
+    };
+    // Root owns the folder and the file: nobody can neither replace the file
+    // nor write a temporary one beside it.
+    EXPECT_EQ(saveAsNobody(file), 1);
+    EXPECT_EQ(readFile(file), old);
+    EXPECT_EQ(entries(), (QStringList{"photo.png", "source.png"}));
+
+    // The same child in a folder of its own succeeds.
+    ASSERT_TRUE(QDir(dir.path()).mkdir("open"));
+    ASSERT_EQ(chmod(QFile::encodeName(path("open")).constData(), 0777), 0);
+    EXPECT_EQ(saveAsNobody(path("open/photo.png")), 0);
+    EXPECT_TRUE(ImageFile::load(path("open/photo.png")));
+}
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    if (VIPS_INIT(argv[0]))
+        return 2;
+    ImageFile::initialise();
+    selfPath = QCoreApplication::applicationFilePath();
+    // The child of the unprivileged-save test: load one file, save it to another.
+    if (argc == 4 && qstrcmp(argv[1], "--save-child") == 0) {
+        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(QString::fromLocal8Bit(argv[2]));
+        if (!loaded)
+            return 3;
+        return ImageFile::save(loaded->image, QString::fromLocal8Bit(argv[3]), loaded->type) ? 0 : 1;
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
