@@ -57,6 +57,49 @@ private Q_SLOTS:
         QVERIFY(!model.willTrim());
     }
 
+    void eachNotificationComesBeforeItsValueChanges()
+    {
+        // Observers see the old value when notified: record what each
+        // property holds at the moment of its notification.
+        writeLetterImage(path("before.png"), 0);
+        CropModel model;
+        QStringList seen;
+        connect(&model, &CropModel::willChange, this, [&](CropModel::Property property) {
+            switch (property) {
+            case CropModel::Property::Items:
+                seen << QStringLiteral("items %1").arg(model.items().size());
+                break;
+            case CropModel::Property::ActiveID:
+                seen << QStringLiteral("activeID %1").arg(model.activeID() ? "set" : "absent");
+                break;
+            case CropModel::Property::ActiveContentRect:
+                seen << QStringLiteral("rect %1").arg(model.activeContentRect() ? "set" : "absent");
+                break;
+            case CropModel::Property::ErrorMessage:
+                seen << QStringLiteral("error %1").arg(model.errorMessage().value_or("absent"));
+                break;
+            case CropModel::Property::SaveConfirmation:
+                seen << QStringLiteral("confirmation %1").arg(model.saveConfirmation().value_or("absent"));
+                break;
+            case CropModel::Property::Threshold:
+                seen << QStringLiteral("threshold %1").arg(model.threshold());
+                break;
+            }
+        });
+        model.setThreshold(40.0);
+        model.open(urls({path("missing.png")}));
+        model.open(urls({path("before.png")}));
+        model.remove(model.items().front().id);
+        QCOMPARE(seen, (QStringList{
+                           "threshold 25", "rect absent",                           // setThreshold
+                           "error absent",                                          // failed open
+                           "items 0", "activeID absent", "confirmation absent",     // open
+                           "error 1 file couldn’t be opened.", "rect absent",
+                           "items 1", "confirmation absent", "error absent",        // remove
+                           "activeID set", "rect set",
+                       }));
+    }
+
     void settingTheToleranceWithoutActiveItem()
     {
         CropModel model;
