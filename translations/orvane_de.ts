@@ -5,91 +5,91 @@
     <name>Appcast</name>
     <message>
         <source>The update feed contains a document type declaration.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Feed enthält eine Dokumenttyp-Deklaration.</translation>
     </message>
     <message>
         <source>The update feed is not valid XML (line %1: %2).</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Feed ist kein gültiges XML (Zeile %1: %2).</translation>
     </message>
     <message>
         <source>The update feed is empty.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Feed ist leer.</translation>
     </message>
     <message>
         <source>The update feed is not an RSS document.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Feed ist kein RSS-Dokument.</translation>
     </message>
 </context>
 <context>
     <name>FileDialogPanels</name>
     <message>
         <source>Images (%1)</source>
-        <translation type="unfinished"></translation>
+        <translation>Bilder (%1)</translation>
     </message>
     <message>
         <source>All files (*)</source>
-        <translation type="unfinished"></translation>
+        <translation>Alle Dateien (*)</translation>
     </message>
     <message>
         <source>Open Images</source>
-        <translation type="unfinished"></translation>
+        <translation>Bilder öffnen</translation>
     </message>
     <message>
         <source>Save as New</source>
-        <translation type="unfinished"></translation>
+        <translation>Als neue Datei sichern</translation>
     </message>
 </context>
 <context>
     <name>MoreApps</name>
     <message>
         <source>%1 — %2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 — %2</translation>
     </message>
 </context>
 <context>
     <name>OpenProgressDialog</name>
     <message>
         <source>Opening Images</source>
-        <translation type="unfinished"></translation>
+        <translation>Bilder werden geöffnet</translation>
     </message>
     <message>
         <source>Cancel</source>
-        <translation type="unfinished"></translation>
+        <translation>Abbrechen</translation>
     </message>
     <message>
         <source>%1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 von %2</translation>
     </message>
 </context>
 <context>
     <name>orvane::ControlsView</name>
     <message>
         <source>Trim tolerance</source>
-        <translation type="unfinished"></translation>
+        <translation>Beschnitt-Toleranz</translation>
     </message>
     <message>
         <source>Open…</source>
-        <translation type="unfinished"></translation>
+        <translation>Öffnen …</translation>
     </message>
     <message>
         <source>Save as New…</source>
-        <translation type="unfinished"></translation>
+        <translation>Als neue Datei sichern …</translation>
     </message>
     <message>
         <source>Save Over Original</source>
-        <translation type="unfinished"></translation>
+        <translation>Original überschreiben</translation>
     </message>
     <message>
         <source>All %1 images saved.</source>
-        <translation type="unfinished"></translation>
+        <translation>Alle %1 Bilder gesichert.</translation>
     </message>
     <message>
         <source>Saved %1 — next image ready.</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 gesichert — das nächste Bild ist bereit.</translation>
     </message>
     <message>
         <source>Saved %1</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 gesichert</translation>
     </message>
 </context>
 <context>
@@ -97,193 +97,255 @@
     <message numerus="yes">
         <source>%n file couldn’t be opened.</source>
         <comment>skip message, one file</comment>
-        <translation type="unfinished">
-            <numerusform></numerusform>
-            <numerusform></numerusform>
+        <translation>
+            <numerusform>%n Datei konnte nicht geöffnet werden.</numerusform>
+            <numerusform>%n Dateien konnten nicht geöffnet werden.</numerusform>
         </translation>
     </message>
     <message numerus="yes">
         <source>%n files couldn’t be opened.</source>
         <comment>skip message, several files</comment>
-        <translation type="unfinished">
-            <numerusform></numerusform>
-            <numerusform></numerusform>
+        <translation>
+            <numerusform>%n Datei konnte nicht geöffnet werden.</numerusform>
+            <numerusform>%n Dateien konnten nicht geöffnet werden.</numerusform>
         </translation>
     </message>
     <message>
         <source>Nothing to save.</source>
-        <translation type="unfinished"></translation>
+        <translation>Nichts zu sichern.</translation>
     </message>
     <message>
         <source>Couldn’t write to “%1”.</source>
-        <translation type="unfinished"></translation>
+        <translation>„%1“ konnte nicht geschrieben werden.</translation>
     </message>
     <message>
         <source>No supported images found.</source>
-        <translation type="unfinished"></translation>
+        <translation>Keine unterstützten Bilder gefunden.</translation>
     </message>
 </context>
 <context>
     <name>orvane::DropZone</name>
     <message>
         <source>Drop images here</source>
-        <translation type="unfinished"></translation>
+        <translation>Bilder hierher ziehen</translation>
     </message>
     <message>
         <source>Transparent and white edges get trimmed to the artwork. Drop several images — or a folder — to queue them up.</source>
-        <translation type="unfinished"></translation>
+        <translation>Transparente und weiße Ränder werden bis zum Motiv abgeschnitten. Ziehen Sie mehrere Bilder — oder einen Ordner — hierher, um sie in die Warteschlange zu stellen.</translation>
     </message>
     <message>
         <source>Choose Images…</source>
-        <translation type="unfinished"></translation>
+        <translation>Bilder auswählen …</translation>
     </message>
 </context>
 <context>
     <name>orvane::HeaderView</name>
     <message>
         <source>%1 of %2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 von %2</translation>
     </message>
     <message>
         <source>%1×%2</source>
-        <translation type="unfinished"></translation>
+        <translation>%1 × %2</translation>
+    </message>
+</context>
+<context>
+    <name>orvane::MainWindow</name>
+    <message>
+        <source>Orvane</source>
+        <translation>Orvane</translation>
+    </message>
+    <message>
+        <source>&amp;File</source>
+        <translation>&amp;Datei</translation>
+    </message>
+    <message>
+        <source>Open…</source>
+        <translation>Öffnen …</translation>
+    </message>
+    <message>
+        <source>Quit</source>
+        <translation>Beenden</translation>
+    </message>
+    <message>
+        <source>More Apps</source>
+        <translation>Weitere Apps</translation>
+    </message>
+    <message>
+        <source>&amp;Help</source>
+        <translation>&amp;Hilfe</translation>
+    </message>
+    <message>
+        <source>Orvane Help</source>
+        <translation>Orvane-Hilfe</translation>
+    </message>
+    <message>
+        <source>About Orvane</source>
+        <translation>Über Orvane</translation>
+    </message>
+    <message>
+        <source>&lt;p&gt;&lt;b&gt;Orvane&lt;/b&gt; %1&lt;/p&gt;&lt;p&gt;Trims the empty border off images.&lt;/p&gt;</source>
+        <translation>&lt;p&gt;&lt;b&gt;Orvane&lt;/b&gt; %1&lt;/p&gt;&lt;p&gt;Schneidet den leeren Rand von Bildern ab.&lt;/p&gt;</translation>
+    </message>
+</context>
+<context>
+    <name>orvane::QueueDrawer</name>
+    <message>
+        <source>Queue</source>
+        <translation>Warteschlange</translation>
+    </message>
+    <message>
+        <source>Add</source>
+        <translation>Hinzufügen</translation>
+    </message>
+    <message>
+        <source>Remove</source>
+        <translation>Entfernen</translation>
+    </message>
+    <message>
+        <source>Remove the selected image (⌫)</source>
+        <translation>Ausgewähltes Bild entfernen (⌫)</translation>
+    </message>
+    <message>
+        <source>%1/%2</source>
+        <translation>%1/%2</translation>
     </message>
 </context>
 <context>
     <name>orvane::UpdateChecker</name>
     <message>
         <source>The update server didn’t answer in time.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Server hat nicht rechtzeitig geantwortet.</translation>
     </message>
     <message>
         <source>The update server answered with status %1.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Server hat mit Status %1 geantwortet.</translation>
     </message>
     <message>
         <source>The update server answered with status %1 (%2).</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Server hat mit Status %1 (%2) geantwortet.</translation>
     </message>
     <message>
         <source>Couldn’t reach the update server: %1</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Server war nicht erreichbar: %1</translation>
     </message>
     <message>
         <source>This copy of Orvane has no valid key to verify updates.</source>
-        <translation type="unfinished"></translation>
+        <translation>Diese Orvane-Kopie hat keinen gültigen Schlüssel, um Updates zu prüfen.</translation>
     </message>
     <message>
         <source>The update feed is larger than %1.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Update-Feed ist größer als %1.</translation>
     </message>
     <message>
         <source>Couldn’t create the folder “%1”.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Ordner „%1“ konnte nicht angelegt werden.</translation>
     </message>
     <message>
         <source>Couldn’t save the download in “%1”: %2</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Download konnte nicht in „%1“ gesichert werden: %2</translation>
     </message>
     <message>
         <source>The download is larger than the update feed announced, so it was deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Download ist größer, als der Update-Feed angekündigt hat, und wurde deshalb gelöscht.</translation>
     </message>
     <message>
         <source>The download was cancelled.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Download wurde abgebrochen.</translation>
     </message>
     <message>
         <source>The download has %1 bytes instead of the %2 the update feed announced, so it was deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Der Download hat %1 Bytes statt der %2, die der Update-Feed angekündigt hat, und wurde deshalb gelöscht.</translation>
     </message>
     <message>
         <source>The download’s signature doesn’t match the update’s, so it was deleted.</source>
-        <translation type="unfinished"></translation>
+        <translation>Die Signatur des Downloads passt nicht zum Update, deshalb wurde er gelöscht.</translation>
     </message>
 </context>
 <context>
     <name>orvane::UpdateDialog</name>
     <message>
         <source>Software Update</source>
-        <translation type="unfinished"></translation>
+        <translation>Softwareaktualisierung</translation>
     </message>
     <message>
         <source>Check for updates automatically</source>
-        <translation type="unfinished"></translation>
+        <translation>Automatisch nach Updates suchen</translation>
     </message>
     <message>
         <source>Download</source>
-        <translation type="unfinished"></translation>
+        <translation>Herunterladen</translation>
     </message>
     <message>
         <source>Cancel Download</source>
-        <translation type="unfinished"></translation>
+        <translation>Download abbrechen</translation>
     </message>
     <message>
         <source>Show in Folder</source>
-        <translation type="unfinished"></translation>
+        <translation>Im Ordner zeigen</translation>
     </message>
     <message>
         <source>Close</source>
-        <translation type="unfinished"></translation>
+        <translation>Schließen</translation>
     </message>
     <message>
         <source>Checking for updates…</source>
-        <translation type="unfinished"></translation>
+        <translation>Suche nach Updates …</translation>
     </message>
     <message>
         <source>Updates come from your system.</source>
-        <translation type="unfinished"></translation>
+        <translation>Updates kommen von Ihrem System.</translation>
     </message>
     <message>
         <source>This copy of Orvane is kept up to date by your system’s package manager.</source>
-        <translation type="unfinished"></translation>
+        <translation>Diese Orvane-Kopie wird von der Paketverwaltung Ihres Systems aktuell gehalten.</translation>
     </message>
     <message>
         <source>You’re up to date.</source>
-        <translation type="unfinished"></translation>
+        <translation>Orvane ist auf dem neuesten Stand.</translation>
     </message>
     <message>
         <source>Orvane %1 is the newest version available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Orvane %1 ist die neueste verfügbare Version.</translation>
     </message>
     <message>
         <source>A new version of Orvane is available.</source>
-        <translation type="unfinished"></translation>
+        <translation>Eine neue Version von Orvane ist verfügbar.</translation>
     </message>
     <message>
         <source>Orvane %1 is available — you have %2. Download it now?</source>
-        <translation type="unfinished"></translation>
+        <translation>Orvane %1 ist verfügbar — Sie haben %2. Jetzt herunterladen?</translation>
     </message>
     <message>
         <source>Release Notes</source>
-        <translation type="unfinished"></translation>
+        <translation>Versionshinweise</translation>
     </message>
     <message>
         <source>Couldn’t check for updates.</source>
-        <translation type="unfinished"></translation>
+        <translation>Die Suche nach Updates ist fehlgeschlagen.</translation>
     </message>
     <message>
         <source>Downloading Orvane %1…</source>
-        <translation type="unfinished"></translation>
+        <translation>Orvane %1 wird heruntergeladen …</translation>
     </message>
     <message>
         <source>The update is ready.</source>
-        <translation type="unfinished"></translation>
+        <translation>Das Update ist bereit.</translation>
     </message>
     <message>
         <source>Orvane %1 was downloaded and verified as “%2”. Orvane doesn’t install it itself: open it from its folder.</source>
-        <translation type="unfinished"></translation>
+        <translation>Orvane %1 wurde als „%2“ heruntergeladen und geprüft. Orvane installiert es nicht selbst: Öffnen Sie es aus seinem Ordner.</translation>
     </message>
     <message>
         <source>Couldn’t download the update.</source>
-        <translation type="unfinished"></translation>
+        <translation>Das Update konnte nicht heruntergeladen werden.</translation>
     </message>
 </context>
 <context>
     <name>orvane::UpdaterController</name>
     <message>
         <source>Check for Updates…</source>
-        <translation type="unfinished"></translation>
+        <translation>Nach Updates suchen …</translation>
     </message>
 </context>
 </TS>
