@@ -35,11 +35,13 @@ public:
 class OpenProgress {
 public:
     virtual ~OpenProgress() = default;
-    /// done of total files decoded so far. Called once with done 0 before any
-    /// decoding, then as files finish and at least every 50 ms while one takes
-    /// longer, and last with done == total. Return false to cancel
-    /// the open, which then changes nothing: files being decoded are finished
-    /// and discarded, the others are not started.
+    /// done of total files decoded (or found unusable) so far; total counts
+    /// the files after folders were expanded. Called once with done 0 after
+    /// the folders were listed and before any decoding, then as files finish
+    /// and at least every 50 ms while one takes longer, and last with done ==
+    /// total. Return false to cancel the open, which then changes nothing:
+    /// files being decoded are finished and discarded, the others are not
+    /// started.
     virtual bool report(int done, int total) = 0;
 };
 
