@@ -1,5 +1,9 @@
 // The updater's network core against a real HTTP server on 127.0.0.1:
 // checking the feed, and downloads kept only when they verify.
+#include <csignal>
+
+#include <sys/resource.h>
+
 #include <QDir>
 #include <QFile>
 #include <QNetworkAccessManager>
@@ -312,6 +316,42 @@ private Q_SLOTS:
         QVERIFY(result.filePath.isEmpty());
         QVERIFY2(result.error.contains(error), qPrintable(result.error));
         QCOMPARE(filesIn(m_downloads->path()), QStringList());
+    }
+
+    void downloadThatCannotBeStored()
+    {
+        const QByteArray payload = QByteArray("x").repeated(256 * 1024);
+        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), {200, "OK", payload});
+        UpdateChecker checker(config());
+        const AppcastItem update =
+            offer(checker, item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz")));
+
+        // A folder that cannot exist: its parent is a file.
+        const QString blocker = QDir(m_downloads->path()).filePath(QStringLiteral("file"));
+        {
+            QFile file(blocker);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+        }
+        UpdateChecker::Config c = config();
+        c.downloadDirectory = blocker + QStringLiteral("/Downloads");
+        UpdateChecker blocked(c);
+        auto result = runDownload(blocked, update);
+        QVERIFY(!result.ok);
+        QVERIFY2(result.error.startsWith(QStringLiteral("Couldn’t create the folder")), qPrintable(result.error));
+
+        // A full disk, as a file size limit: the partial file goes, the reason is given.
+        struct rlimit old {};
+        QCOMPARE(getrlimit(RLIMIT_FSIZE, &old), 0);
+        const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit small = old;
+        small.rlim_cur = 64 * 1024;
+        QCOMPARE(setrlimit(RLIMIT_FSIZE, &small), 0);
+        result = runDownload(checker, update);
+        setrlimit(RLIMIT_FSIZE, &old);
+        std::signal(SIGXFSZ, oldHandler);
+        QVERIFY(!result.ok);
+        QVERIFY2(result.error.startsWith(QStringLiteral("Couldn’t save the download")), qPrintable(result.error));
+        QCOMPARE(filesIn(m_downloads->path()), QStringList{QStringLiteral("file")});
     }
 
     void cancelledDownloadLeavesNothing()
