@@ -1,6 +1,7 @@
 #include "cli/batchrunner.h"
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -15,8 +16,10 @@ BatchRunner::BatchRunner(int workers, int window)
 {
 }
 
-void BatchRunner::run(qsizetype count, const Work& work, const Deliver& deliver) const
+qsizetype BatchRunner::run(qsizetype count, const Work& work, const Deliver& deliver,
+                          const std::atomic<bool>* stop) const
 {
+    const auto stopped = [stop] { return stop && stop->load(); };
     std::mutex mutex;
     std::condition_variable mayStart; // a worker may take the next index
     std::condition_variable finished; // a result arrived
@@ -31,8 +34,8 @@ void BatchRunner::run(qsizetype count, const Work& work, const Deliver& deliver)
                 std::unique_lock lock(mutex);
                 // A slow early image must not let the others race ahead and
                 // pile up decoded images or results: wait for the window.
-                mayStart.wait(lock, [&] { return next >= count || next < delivered + m_window; });
-                if (next >= count)
+                mayStart.wait(lock, [&] { return next >= count || next < delivered + m_window || stopped(); });
+                if (next >= count || stopped())
                     return;
                 index = next++;
             }
@@ -51,11 +54,21 @@ void BatchRunner::run(qsizetype count, const Work& work, const Deliver& deliver)
     for (int i = 0; i < threads; ++i)
         pool.emplace_back(worker);
 
-    for (qsizetype index = 0; index < count; ++index) {
+    qsizetype index = 0;
+    for (; index < count; ++index) {
         TrimResult result;
         {
             std::unique_lock lock(mutex);
-            finished.wait(lock, [&] { return ready.contains(index); });
+            const auto arrived = [&] { return ready.contains(index); };
+            // A signal handler cannot notify; look at the flag now and then.
+            while (!finished.wait_for(lock, std::chrono::milliseconds(100), arrived)) {
+                if (stopped() && index >= next)
+                    break;
+            }
+            if (!arrived()) {
+                mayStart.notify_all();
+                break;
+            }
             auto node = ready.extract(index);
             result = std::move(node.mapped());
             delivered = index + 1;
@@ -63,6 +76,7 @@ void BatchRunner::run(qsizetype count, const Work& work, const Deliver& deliver)
         mayStart.notify_all();
         deliver(index, std::move(result));
     }
+    return index;
 }
 
 } // namespace orvane

@@ -2,6 +2,7 @@
 // input order, with a bounded number of images in flight.
 #pragma once
 
+#include <atomic>
 #include <functional>
 
 #include "cli/trimjob.h"
@@ -19,9 +20,12 @@ public:
     BatchRunner(int workers, int window);
 
     /// Calls work(i) for every i in 0 … count − 1 on the worker threads and
-    /// deliver(i, result) on the calling thread in increasing i. Returns when
-    /// everything was delivered; the threads are gone by then.
-    void run(qsizetype count, const Work& work, const Deliver& deliver) const;
+    /// deliver(i, result) on the calling thread in increasing i. Once stop
+    /// (optional; may be set from a signal handler) is true no further work
+    /// starts: the images in flight finish and are delivered, the rest are
+    /// not. Returns the number delivered; the threads are gone by then.
+    qsizetype run(qsizetype count, const Work& work, const Deliver& deliver,
+                  const std::atomic<bool>* stop = nullptr) const;
 
 private:
     int m_workers;

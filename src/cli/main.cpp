@@ -1,5 +1,6 @@
 // orvane-trim: trims the empty border off images from the command line, with
 // the window's engine, tolerance and file names.
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -25,7 +26,27 @@ using namespace orvane;
 
 namespace {
 
-enum ExitCode { AllProcessed = 0, SomeFailed = 1, UsageError = 2 };
+enum ExitCode { AllProcessed = 0, SomeFailed = 1, UsageError = 2, Interrupted = 130 };
+
+std::atomic<bool> interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+// The first Ctrl-C lets the images being written finish (no temporary file
+// is left behind) and starts no others; a second one ends the process.
+void interrupt(int)
+{
+    interrupted.store(true);
+}
+
+void catchInterrupts()
+{
+    struct sigaction action {};
+    action.sa_handler = interrupt;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
 
 void dropMessage(const gchar*, GLogLevelFlags, const gchar*, gpointer)
 {
@@ -44,6 +65,9 @@ int main(int argc, char* argv[])
     // A write beyond RLIMIT_FSIZE must fail like a full disk (the atomic save
     // then keeps the old file) instead of killing the process.
     std::signal(SIGXFSZ, SIG_IGN);
+    // A reader that goes away (orvane-trim … | head) must not end the process
+    // in the middle of a write; the batch goes on, its report is lost.
+    std::signal(SIGPIPE, SIG_IGN);
 
 #ifdef __GLIBC__
     // Every image needs the same few large blocks (decoded image, raster,
@@ -96,8 +120,9 @@ int main(int argc, char* argv[])
     TrimCounts counts;
     const bool writing = !options.dryRun;
 
+    catchInterrupts();
     const BatchRunner runner(options.jobs, options.jobs * 2 + 2);
-    runner.run(
+    const qsizetype delivered = runner.run(
         tasks.size(),
         [&](qsizetype index) {
             try {
@@ -121,9 +146,17 @@ int main(int argc, char* argv[])
             else
                 write(stdout, TrimReport::textLine(result).toUtf8());
             progress.show(index + 1, result.path);
-        });
+        },
+        &interrupted);
 
     progress.clear();
     write(stderr, TrimReport::summary(counts, options.dryRun).toUtf8());
+    if (delivered < tasks.size()) {
+        write(stderr, QStringLiteral("orvane-trim: interrupted; %1 of %2 images not processed\n")
+                          .arg(tasks.size() - delivered)
+                          .arg(tasks.size())
+                          .toUtf8());
+        return Interrupted;
+    }
     return counts.failed > 0 ? SomeFailed : AllProcessed;
 }

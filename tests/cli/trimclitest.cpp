@@ -1,6 +1,7 @@
 // orvane-trim run end to end: the real binary on folders made by the test.
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -670,6 +671,46 @@ TEST_F(TrimCli, WriteRefusedByPermissionLeavesTheSource)
     EXPECT_EQ(run.json().first().value("error").toString(), QStringLiteral("Couldn’t write to “a.png”."));
     EXPECT_EQ(bytesOf(path("locked/a.png")), original);
     EXPECT_EQ(entries(path("locked")), QStringList{"a.png"});
+}
+
+TEST_F(TrimCli, InterruptFinishesTheImagesInFlightAndStops)
+{
+    makeFolder(QStringLiteral("in"));
+    makeFolder(QStringLiteral("out"));
+    writeImage(path("in/p1.png"), noisy(700, 700, 20));
+    const QByteArray png = bytesOf(path("in/p1.png"));
+    const int count = 300;
+    for (int i = 2; i <= count; ++i)
+        writeBytes(path(QStringLiteral("in/p%1.png").arg(i)), png);
+
+    QProcess process;
+    process.setWorkingDirectory(m_dir.path());
+    process.start(QStringLiteral(ORVANE_TRIM_BINARY),
+                  {QStringLiteral("--json"), QStringLiteral("-j"), QStringLiteral("2"), QStringLiteral("-o"),
+                   QStringLiteral("out"), QStringLiteral("in")});
+    ASSERT_TRUE(process.waitForStarted());
+    // Wait for the first result, so that the signal meets a running batch.
+    while (process.state() == QProcess::Running && !process.canReadLine())
+        process.waitForReadyRead(1000);
+    ::kill(static_cast<pid_t>(process.processId()), SIGINT);
+    ASSERT_TRUE(process.waitForFinished(180'000));
+    const QByteArray out = process.readAllStandardOutput();
+    const QByteArray err = process.readAllStandardError();
+    const qsizetype reported = out.count('\n');
+    if (process.exitCode() == 0 && reported == count)
+        GTEST_SKIP() << "the batch was done before the signal arrived";
+
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process.exitCode(), 130);
+    EXPECT_LT(reported, count);
+    EXPECT_TRUE(err.contains("interrupted; ")) << err.toStdString();
+    // Every image reported was written whole; nothing else is in the folder.
+    const QStringList written = entries(path("out"));
+    EXPECT_EQ(written.size(), reported);
+    for (const QString& name : written) {
+        EXPECT_TRUE(name.startsWith(QLatin1Char('p')) && name.endsWith(QLatin1String(".png"))) << name.toStdString();
+        EXPECT_EQ(readBack(path(QStringLiteral("out/") + name)).width(), 660) << name.toStdString();
+    }
 }
 
 // ---------------------------------------------------------------------------
