@@ -33,7 +33,14 @@ class Buffer {
 public:
     /// Makes the buffer of a decoded image that is fully in memory. Absent
     /// when the image has no pixels or its raster cannot be made (for
-    /// example when libvips fails to convert it). Runs on the caller's thread.
+    /// example when libvips fails to convert it or memory runs out); the
+    /// libvips error buffer is left clear. Colour is managed through the
+    /// image's ICC profile when it has one (and for CMYK), the alpha is
+    /// scaled to 8 bits on its own and multiplied in after rounding.
+    /// An opaque 8-bit sRGB RGBA image in memory lends its own pixels as the
+    /// raster; any other image gets a raster of its own.
+    /// Runs on the caller's thread and returns when done; for large images
+    /// the one pass over the pixels is split over a few helper threads.
     static std::optional<Buffer> make(vips::VImage image);
 
     /// The decoded image the raster was made from: what is cropped, written and drawn.
@@ -60,6 +67,8 @@ private:
 /// The alpha cut-off (0 to 254; content needs alpha above it) and whiteness
 /// cut-off (140 to 254; background when red, green and blue all reach it) of a
 /// tolerance above 0. A tolerance of 100 or more, or not a number, acts as 100.
+/// A tolerance of 0 or less gives alpha −1 and whiteness 256, cut-offs that
+/// every pixel passes.
 struct CutOffs {
     int alpha;
     int whiteness;

@@ -53,39 +53,38 @@ std::uint32_t foldRowPortable(const std::uint8_t* row, std::size_t width, std::u
 #define ORVANE_FOLD_AVX2 1
 // The same with AVX2, eight pixels at a time, each pixel in one 32-bit lane:
 // byte minima give M in the lane's low byte, the lane's two 16-bit halves then
-// carry 254 − M and A through one 16-bit multiply, and the smaller half is the
-// key. About a third faster than what the compiler makes of the plain loop,
-// which spends its time taking the interleaved bytes apart.
+// carry 254 − M and A through one 16-bit multiply, and the smaller half, kept
+// in the low half, is the key. Maxima are taken per 16-bit half, so the high
+// halves never mix into the keys. About a third faster than what the compiler
+// makes of the plain loop, which spends its time taking the bytes apart.
 __attribute__((target("avx2"))) std::uint32_t foldRowAvx2(const std::uint8_t* row, std::size_t width,
                                                            std::uint32_t* columnMax)
 {
-    const __m256i low = _mm256_set1_epi8(static_cast<char>(138));
-    const __m256i high = _mm256_set1_epi8(static_cast<char>(254));
+    const __m256i top = _mm256_set1_epi8(static_cast<char>(254));
+    const __m256i whitest = _mm256_set1_epi8(116);
     const __m256i factors = _mm256_set1_epi32((230 << 16) | 508);
     const __m256i one = _mm256_set1_epi32(1);
     const __m256i lowBytes = _mm256_set1_epi32(0x00FF00FF);
-    const __m256i lowHalf = _mm256_set1_epi32(0xFFFF);
     __m256i rowMax = _mm256_setzero_si256();
     std::size_t x = 0;
     for (; x + 8 <= width; x += 8) {
         const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + 4 * x));
         __m256i m = _mm256_min_epu8(v, _mm256_srli_epi32(v, 8));
-        m = _mm256_min_epu8(m, _mm256_srli_epi32(v, 16));
-        m = _mm256_min_epu8(_mm256_max_epu8(m, low), high);   // low byte: M clamped to 138…254
-        const __m256i whiteness = _mm256_sub_epi8(high, m);   // low byte: 254 − M
-        const __m256i alpha = _mm256_srli_epi16(v, 8);        // high half's low byte: A
+        m = _mm256_min_epu8(m, _mm256_srli_epi32(v, 16));                    // low byte: M
+        const __m256i whiteness = _mm256_min_epu8(_mm256_subs_epu8(top, m), whitest); // 254 − M in 0…116
+        const __m256i alpha = _mm256_srli_epi16(v, 8);                       // high half's low byte: A
         const __m256i both = _mm256_and_si256(_mm256_blend_epi16(whiteness, alpha, 0xAA), lowBytes);
         __m256i key = _mm256_add_epi32(_mm256_mullo_epi16(both, factors), one); // 508 (254 − M) + 1 | 230 A
-        key = _mm256_and_si256(_mm256_min_epu16(key, _mm256_srli_epi32(key, 16)), lowHalf);
-        rowMax = _mm256_max_epu32(rowMax, key);
+        key = _mm256_min_epu16(key, _mm256_srli_epi32(key, 16));
+        rowMax = _mm256_max_epu16(rowMax, key);
         __m256i* column = reinterpret_cast<__m256i*>(columnMax + x);
-        _mm256_storeu_si256(column, _mm256_max_epu32(_mm256_loadu_si256(column), key));
+        _mm256_storeu_si256(column, _mm256_max_epu16(_mm256_loadu_si256(column), key));
     }
     alignas(32) std::uint32_t lanes[8];
     _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), rowMax);
     std::uint32_t result = foldRowPortable(row + 4 * x, width - x, columnMax + x);
     for (std::uint32_t lane : lanes)
-        result = std::max(result, lane);
+        result = std::max(result, lane & 0xFFFF);
     return result;
 }
 #endif
@@ -118,8 +117,9 @@ void ToleranceIndex::Builder::absorb(const Builder& other)
 {
     for (std::size_t y = 0; y < m_rowMax.size(); ++y)
         m_rowMax[y] = std::max(m_rowMax[y], other.m_rowMax[y]);
+    // Only the low 16 bits of a column entry are its key (see foldRowAvx2).
     for (std::size_t x = 0; x < m_width; ++x)
-        m_columnMax[x] = std::max(m_columnMax[x], other.m_columnMax[x]);
+        m_columnMax[x] = std::max(m_columnMax[x] & 0xFFFF, other.m_columnMax[x] & 0xFFFF);
 }
 
 namespace {
@@ -133,10 +133,10 @@ void runningMaxima(const std::vector<T>& values, std::vector<std::uint16_t>& for
     backward.resize(n);
     std::uint16_t m = 0;
     for (std::size_t i = 0; i < n; ++i)
-        forward[i] = m = std::max(m, static_cast<std::uint16_t>(values[i]));
+        forward[i] = m = std::max(m, static_cast<std::uint16_t>(values[i] & 0xFFFF));
     m = 0;
     for (std::size_t i = n; i-- > 0;)
-        backward[i] = m = std::max(m, static_cast<std::uint16_t>(values[i]));
+        backward[i] = m = std::max(m, static_cast<std::uint16_t>(values[i] & 0xFFFF));
 }
 
 } // namespace

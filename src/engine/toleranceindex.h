@@ -43,7 +43,8 @@ public:
 
     /// Folds one raster row into per-column maxima of the keys and returns the
     /// row's own maximum. `row` holds `width` pixels of 4 bytes; `columnMax`
-    /// holds `width` entries. Uses AVX2 where the processor has it.
+    /// holds `width` entries, of which only the low 16 bits are the column's
+    /// maximum key. Uses AVX2 where the processor has it.
     static std::uint32_t foldRow(const std::uint8_t* row, std::size_t width, std::uint32_t* columnMax);
 
     /// Collects row and column maxima while a raster is produced row by row.
