@@ -1,0 +1,143 @@
+#include "fuzz/loadcheck.h"
+
+#include <array>
+#include <cmath>
+#include <limits>
+
+#include "engine/cropengine.h"
+#include "imagefile/imagefile.h"
+
+namespace orvane::LoadCheck {
+namespace {
+
+// Crops up to this many pixels are written and read back; writing costs far
+// more than loading, and the writers' own code is not what is being fuzzed.
+constexpr long long maxSavedPixels = 64 * 64;
+
+QString rectText(const std::optional<PixelRect>& r)
+{
+    if (!r)
+        return QStringLiteral("none");
+    return QStringLiteral("%1,%2 %3x%4").arg(r->x).arg(r->y).arg(r->width).arg(r->height);
+}
+
+bool contains(const PixelRect& outer, const PixelRect& inner)
+{
+    return inner.x >= outer.x && inner.y >= outer.y
+        && inner.x + inner.width <= outer.x + outer.width
+        && inner.y + inner.height <= outer.y + outer.height;
+}
+
+QString checkBuffer(const CropEngine::Buffer& buffer)
+{
+    const vips::VImage& image = buffer.image();
+    if (buffer.width() != image.width() || buffer.height() != image.height())
+        return QStringLiteral("buffer %1x%2 for image %3x%4")
+            .arg(buffer.width()).arg(buffer.height()).arg(image.width()).arg(image.height());
+    if (buffer.width() < 1 || buffer.height() < 1)
+        return QStringLiteral("empty buffer");
+    const auto bytes = static_cast<std::size_t>(buffer.width()) * buffer.height() * 4;
+    if (buffer.byteCount() != bytes || !buffer.pixels())
+        return QStringLiteral("raster of %1 bytes for %2").arg(buffer.byteCount()).arg(bytes);
+    const std::uint8_t* p = buffer.pixels();
+    for (std::size_t i = 0; i < bytes; i += 4) {
+        if (p[i] > p[i + 3] || p[i + 1] > p[i + 3] || p[i + 2] > p[i + 3])
+            return QStringLiteral("pixel %1 not premultiplied").arg(i / 4);
+    }
+    return {};
+}
+
+QString checkCrop(const CropEngine::Buffer& buffer, const PixelRect& rect,
+                  const ImageType& type, const QString& savePath)
+{
+    const auto cropped = CropEngine::crop(buffer, rect);
+    if (!cropped)
+        return QStringLiteral("no crop for %1").arg(rectText(rect));
+    const vips::VImage& image = buffer.image();
+    if (cropped->width() != rect.width || cropped->height() != rect.height)
+        return QStringLiteral("crop %1x%2 for %3")
+            .arg(cropped->width()).arg(cropped->height()).arg(rectText(rect));
+    if (cropped->bands() != image.bands() || cropped->format() != image.format())
+        return QStringLiteral("crop changed bands or format");
+    const bool whole = rect.width == buffer.width() && rect.height == buffer.height();
+    if (whole && cropped->get_image() != image.get_image())
+        return QStringLiteral("whole-image crop is a copy");
+
+    if (savePath.isEmpty() || rect.width * rect.height > maxSavedPixels)
+        return {};
+    const ImageType written = ImageFile::writableType(type);
+    if (written == ImageType::heic() || written == ImageType::heif())
+        return {};
+    if (!ImageFile::save(*cropped, savePath, type))
+        return {};
+    const auto reloaded = ImageFile::load(savePath);
+    if (!reloaded)
+        return QStringLiteral("written %1 of %2 does not load again")
+            .arg(written.mimeName(), rectText(rect));
+    if (reloaded->image.width() != rect.width || reloaded->image.height() != rect.height)
+        return QStringLiteral("written %1 reloads as %2x%3 instead of %4")
+            .arg(written.mimeName()).arg(reloaded->image.width()).arg(reloaded->image.height())
+            .arg(rectText(rect));
+    return {};
+}
+
+} // namespace
+
+void prepare()
+{
+    ImageFile::initialise();
+    ImageFile::setAvailableMemoryForTesting(availableMemory);
+}
+
+QString check(const QString& path, const QString& savePath)
+{
+    const auto loaded = ImageFile::load(path);
+    if (!loaded)
+        return {};
+    const auto buffer = CropEngine::Buffer::make(loaded->image);
+    if (!buffer)
+        return {};
+    if (QString fault = checkBuffer(*buffer); !fault.isEmpty())
+        return fault;
+
+    const PixelRect whole{0, 0, buffer->width(), buffer->height()};
+    constexpr std::array<double, 9> tolerances{
+        0.0, 0.5, 10.0, 25.0, 50.0, 75.0, 99.9, 100.0, std::numeric_limits<double>::quiet_NaN()};
+    std::optional<PixelRect> previous = whole;
+    std::optional<PixelRect> atHundred;
+    bool saved = false;
+    for (const double tolerance : tolerances) {
+        const auto indexed = CropEngine::contentRect(*buffer, tolerance);
+        const auto scanned = CropEngine::contentRectByScan(*buffer, tolerance);
+        if (indexed != scanned)
+            return QStringLiteral("tolerance %1: index %2, scan %3")
+                .arg(tolerance).arg(rectText(indexed), rectText(scanned));
+        if (tolerance == 0.0 && indexed != whole)
+            return QStringLiteral("tolerance 0 gives %1").arg(rectText(indexed));
+        if (tolerance == 100.0)
+            atHundred = indexed;
+        if (std::isnan(tolerance) && indexed != atHundred)
+            return QStringLiteral("NaN gives %1, 100 gives %2").arg(rectText(indexed), rectText(atHundred));
+        if (!indexed) {
+            previous = std::nullopt;
+            continue;
+        }
+        if (indexed->width < 1 || indexed->height < 1 || !contains(whole, *indexed))
+            return QStringLiteral("tolerance %1: %2 outside the image")
+                .arg(tolerance).arg(rectText(indexed));
+        // A higher tolerance only ever turns content into background (NaN acts as 100).
+        if (!std::isnan(tolerance) && (!previous || !contains(*previous, *indexed)))
+            return QStringLiteral("tolerance %1: %2 not inside %3")
+                .arg(tolerance).arg(rectText(indexed), rectText(previous));
+        if (!std::isnan(tolerance))
+            previous = indexed;
+        const bool save = !saved && tolerance >= 25.0;
+        if (QString fault = checkCrop(*buffer, *indexed, loaded->type, save ? savePath : QString());
+            !fault.isEmpty())
+            return QStringLiteral("tolerance %1: %2").arg(tolerance).arg(fault);
+        saved = saved || save;
+    }
+    return {};
+}
+
+} // namespace orvane::LoadCheck
