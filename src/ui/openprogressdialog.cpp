@@ -29,6 +29,9 @@ QProgressDialog* OpenProgressDialog::dialog() const
 
 bool OpenProgressDialog::report(int done, int total)
 {
+    // Cancel, Escape and closing the dialog all end up here.
+    if (m_dialog && m_dialog->wasCanceled())
+        m_cancelled = true;
     if (m_cancelled)
         return false;
 
@@ -43,7 +46,6 @@ bool OpenProgressDialog::report(int done, int total)
         dialog->setMinimumDuration(0);
         dialog->setAutoClose(false);
         dialog->setAutoReset(false);
-        QObject::connect(dialog, &QProgressDialog::canceled, dialog, [this] { m_cancelled = true; });
         m_dialog = dialog;
         m_dialog->show();
     }
@@ -57,6 +59,8 @@ bool OpenProgressDialog::report(int done, int total)
     // Keep the window painted while the files decode; until the dialog stands
     // between the user and the window, input waits as it does for a panel.
     QCoreApplication::processEvents(m_dialog ? QEventLoop::AllEvents : QEventLoop::ExcludeUserInputEvents);
+    if (m_dialog && m_dialog->wasCanceled())
+        m_cancelled = true;
     return !m_cancelled;
 }
 

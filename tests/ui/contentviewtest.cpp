@@ -1,0 +1,301 @@
+// The main window's content: which sections show for which model state,
+// drops of files (filtering, order, one open, refusals), the drag hover and
+// the drop zone's clicks.
+
+#include <QApplication>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QMimeData>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QStackedLayout>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include "model/cropmodel.h"
+#include "ui/contentview.h"
+#include "ui/dropzone.h"
+#include "windowtestsupport.h"
+
+using namespace orvane;
+
+namespace {
+
+QStringList queueNames(const CropModel& model)
+{
+    QStringList names;
+    for (const CropModel::Item& item : model.items())
+        names << item.url.fileName();
+    return names;
+}
+
+bool shown(const ContentView& view, const char* name)
+{
+    const auto* widget = view.findChild<QWidget*>(QLatin1String(name));
+    return widget && widget->isVisibleTo(&view);
+}
+
+// The view with its drag and drop handlers in reach. Synthesised drag events
+// sent through QApplication go to the drag manager's current target, which
+// only a real drag sets; the handlers are called directly instead.
+class DropTarget : public ContentView {
+public:
+    using ContentView::dragEnterEvent;
+    using ContentView::dragLeaveEvent;
+    using ContentView::dropEvent;
+};
+
+// A drop at the middle of the view, accepted beforehand or not; answers
+// whether the view accepted it.
+bool sendDrop(DropTarget& view, const QList<QUrl>& urls, bool acceptedBefore)
+{
+    QMimeData data;
+    data.setUrls(urls);
+    QDropEvent drop(QPointF(view.width() / 2.0, view.height() / 2.0), Qt::CopyAction, &data, Qt::LeftButton,
+                    Qt::NoModifier);
+    drop.setAccepted(acceptedBefore);
+    view.dropEvent(&drop);
+    return drop.isAccepted();
+}
+
+bool sendDragEnter(DropTarget& view, const QList<QUrl>& urls, bool acceptedBefore)
+{
+    QMimeData data;
+    data.setUrls(urls);
+    QDragEnterEvent enter(QPoint(100, 100), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    enter.setAccepted(acceptedBefore);
+    view.dragEnterEvent(&enter);
+    return enter.isAccepted();
+}
+
+} // namespace
+
+class ContentViewTest : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+
+    QUrl image(const QString& name)
+    {
+        return test::writeImage(QDir(m_dir.path()).filePath(name), {120, 80}, QRect(10, 10, 100, 60),
+                                QColor(200, 60, 60));
+    }
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_dir.isValid()); }
+
+    void sectionsFollowTheQueue_data()
+    {
+        QTest::addColumn<int>("images");
+        QTest::addColumn<bool>("drawer");
+        QTest::addColumn<bool>("header");
+        QTest::addColumn<bool>("badge");
+        QTest::addColumn<bool>("dropZone");
+        QTest::addColumn<bool>("toleranceRow");
+        QTest::newRow("empty queue") << 0 << false << false << false << true << false;
+        QTest::newRow("one image") << 1 << false << true << false << false << true;
+        QTest::newRow("two images") << 2 << true << true << true << false << true;
+        QTest::newRow("three images") << 3 << true << true << true << false << true;
+    }
+    void sectionsFollowTheQueue()
+    {
+        QFETCH(int, images);
+        ContentView view;
+        view.resize(720, 540);
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QList<QUrl> urls;
+        for (int i = 0; i < images; ++i)
+            urls << image(QStringLiteral("section-%1.png").arg(i));
+        if (!urls.isEmpty())
+            view.openUrls(urls);
+        QCOMPARE(int(view.model()->items().size()), images);
+
+        QFETCH(bool, drawer);
+        QFETCH(bool, header);
+        QFETCH(bool, badge);
+        QFETCH(bool, dropZone);
+        QFETCH(bool, toleranceRow);
+        QTRY_COMPARE(shown(view, "drawerPlace"), drawer);
+        QTRY_COMPARE(shown(view, "headerPlace"), header);
+        QTRY_COMPARE(shown(view, "positionBadge"), badge);
+        QTRY_COMPARE(shown(view, "dropZone"), dropZone);
+        QTRY_COMPARE(shown(view, "preview"), !dropZone);
+        QTRY_COMPARE(shown(view, "toleranceRow"), toleranceRow);
+        // Whatever is shown, the window's content never gets smaller than this.
+        QCOMPARE(view.minimumSize(), QSize(480, 360));
+    }
+
+    void removingItemsHidesDrawerThenHeader()
+    {
+        ContentView view;
+        view.resize(720, 540);
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        view.openUrls({image(QStringLiteral("keep-a.png")), image(QStringLiteral("keep-b.png"))});
+        QTRY_VERIFY(shown(view, "drawerPlace"));
+        QTRY_VERIFY(shown(view, "headerPlace"));
+
+        CropModel* model = view.model();
+        model->remove(*model->activeID());
+        QTRY_VERIFY(!shown(view, "drawerPlace"));
+        QTRY_VERIFY(!shown(view, "positionBadge"));
+        QVERIFY(shown(view, "headerPlace"));
+
+        model->remove(*model->activeID());
+        QTRY_VERIFY(!shown(view, "headerPlace"));
+        QTRY_VERIFY(shown(view, "dropZone"));
+        QVERIFY(!shown(view, "toleranceRow"));
+    }
+
+    void dropOpensFileUrlsInDropOrderWithOneOpen()
+    {
+        DropTarget view;
+        view.resize(720, 540);
+        const QUrl c = image(QStringLiteral("order-c.png"));
+        const QUrl a = image(QStringLiteral("order-a.png"));
+        const QUrl b = image(QStringLiteral("order-b.png"));
+        int itemAssignments = 0;
+        connect(view.model(), &CropModel::willChange, this, [&](CropModel::Property property) {
+            if (property == CropModel::Property::Items)
+                ++itemAssignments;
+        });
+
+        const bool accepted = sendDrop(view,
+                                       {QUrl(QStringLiteral("https://example.com/web.png")), c, a,
+                                        QUrl(QStringLiteral("data:image/png;base64,AAAA")), b},
+                                       false);
+        QVERIFY(accepted);
+        QTRY_COMPARE(int(view.model()->items().size()), 3);
+        // Drop order, not name order; the web and data URLs never reach the model.
+        QCOMPARE(queueNames(*view.model()), (QStringList{"order-c.png", "order-a.png", "order-b.png"}));
+        QCOMPARE(itemAssignments, 1);
+        QVERIFY(!view.model()->errorMessage());
+    }
+
+    void dropWithoutFileUrlsIsRefused_data()
+    {
+        QTest::addColumn<QList<QUrl>>("urls");
+        QTest::newRow("web address") << QList<QUrl>{QUrl(QStringLiteral("https://example.com/a.png"))};
+        QTest::newRow("nothing") << QList<QUrl>{};
+        QTest::newRow("mail and ftp") << QList<QUrl>{QUrl(QStringLiteral("mailto:someone@example.com")),
+                                                     QUrl(QStringLiteral("ftp://example.com/a.png"))};
+    }
+    void dropWithoutFileUrlsIsRefused()
+    {
+        QFETCH(QList<QUrl>, urls);
+        DropTarget view;
+        QSignalSpy changes(view.model(), &CropModel::willChange);
+        QVERIFY(!sendDragEnter(view, urls, true));
+        QVERIFY(!view.isTargeted());
+        QVERIFY(!sendDrop(view, urls, true));
+
+        QCoreApplication::processEvents();
+        QCOMPARE(changes.count(), 0);
+    }
+
+    void dropDuringAnOpenIsRefused()
+    {
+        DropTarget view;
+        const QUrl first = image(QStringLiteral("during-1.png"));
+        const QUrl second = image(QStringLiteral("during-2.png"));
+        bool tried = false;
+        bool acceptedWhileOpening = true;
+        bool openingSeen = false;
+        // The model announces its new queue from inside open(): the moment a
+        // second drop could arrive while the first open runs.
+        connect(view.model(), &CropModel::willChange, this, [&](CropModel::Property property) {
+            if (property != CropModel::Property::Items || tried)
+                return;
+            tried = true;
+            openingSeen = view.isOpening();
+            acceptedWhileOpening = sendDragEnter(view, {second}, true) || sendDrop(view, {second}, true);
+        });
+        view.openUrls({first});
+        QVERIFY(tried);
+        QVERIFY(openingSeen);
+        QVERIFY(!acceptedWhileOpening);
+        QVERIFY(!view.isOpening());
+        QCoreApplication::processEvents();
+        QCOMPARE(queueNames(*view.model()), QStringList{"during-1.png"});
+    }
+
+    void dragHoverTargetsTheWindow()
+    {
+        DropTarget view;
+        view.resize(720, 540);
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        auto* zone = view.findChild<DropZone*>();
+        QVERIFY(zone);
+        const QRectF restingPanel = zone->panelRect();
+
+        const QList<QUrl> dragged{QUrl(QStringLiteral("https://example.com/x.png")), image(QStringLiteral("hover.png"))};
+        QVERIFY(sendDragEnter(view, dragged, false));
+        QVERIFY(view.isTargeted());
+        QVERIFY(zone->isTargeted());
+        QTRY_COMPARE(zone->hoverProgress(), 1.0);
+        // The panel grows by 1 % about its centre.
+        const QRectF grown = zone->panelRect();
+        QVERIFY(qAbs(grown.width() - restingPanel.width() * 1.01) < 0.01);
+        QVERIFY(qAbs(grown.center().x() - restingPanel.center().x()) < 0.01);
+
+        QDragLeaveEvent leave;
+        view.dragLeaveEvent(&leave);
+        QVERIFY(!view.isTargeted());
+        QTRY_COMPARE(zone->hoverProgress(), 0.0);
+        QCOMPARE(zone->panelRect(), restingPanel);
+
+        // A drop ends the hover too.
+        QVERIFY(sendDragEnter(view, dragged, false));
+        QVERIFY(view.isTargeted());
+        QVERIFY(sendDrop(view, {image(QStringLiteral("hover.png"))}, false));
+        QVERIFY(!view.isTargeted());
+    }
+
+    void clicksAnywhereOnTheDropZoneOpenThePanel()
+    {
+        ContentView view;
+        view.resize(720, 540);
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        test::FakePanels panels;
+        view.model()->setPanels(&panels);
+        auto* zone = view.findChild<DropZone*>();
+        QVERIFY(zone);
+
+        // Inside the 28-pixel margin, outside the dashed border.
+        QTest::mouseClick(zone, Qt::LeftButton, {}, QPoint(5, 5));
+        QCOMPARE(panels.openRequests, 1);
+        QTest::mouseClick(zone, Qt::LeftButton, {}, QPoint(zone->width() - 10, zone->height() / 2));
+        QCOMPARE(panels.openRequests, 2);
+        // The empty middle of the panel.
+        QTest::mouseClick(zone, Qt::LeftButton, {}, QPoint(zone->width() / 2, 60));
+        QCOMPARE(panels.openRequests, 3);
+        // The button.
+        auto* choose = zone->findChild<QPushButton*>(QStringLiteral("chooseImages"));
+        QVERIFY(choose);
+        QCOMPARE(choose->text(), QStringLiteral("Choose Images…"));
+        QTest::mouseClick(choose, Qt::LeftButton);
+        QCOMPARE(panels.openRequests, 4);
+        // A right click is no click.
+        QTest::mouseClick(zone, Qt::RightButton, {}, QPoint(5, 5));
+        QCOMPARE(panels.openRequests, 4);
+
+        // What the panel answers is opened.
+        panels.toOpen = {image(QStringLiteral("picked.png"))};
+        QTest::mouseClick(zone, Qt::LeftButton, {}, QPoint(5, 5));
+        QCOMPARE(queueNames(*view.model()), QStringList{"picked.png"});
+    }
+};
+
+int main(int argc, char* argv[])
+{
+    test::initialiseImaging(argv[0]);
+    QApplication app(argc, argv);
+    ContentViewTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "contentviewtest.moc"

@@ -1,0 +1,206 @@
+// The controls: the status row's choice of message, which buttons work when,
+// Ctrl+S, and the tolerance slider's two-way binding to the model.
+
+#include <QApplication>
+#include <QLabel>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QSlider>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include "model/cropmodel.h"
+#include "ui/controlsview.h"
+#include "ui/theme.h"
+#include "windowtestsupport.h"
+
+using namespace orvane;
+
+using Kind = ControlsView::Status::Kind;
+Q_DECLARE_METATYPE(orvane::ControlsView::Status::Kind)
+Q_DECLARE_METATYPE(std::optional<QString>)
+
+class ControlsViewTest : public QObject {
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+
+    QUrl image(const QString& name)
+    {
+        return test::writeImage(QDir(m_dir.path()).filePath(name), {200, 100}, QRect(20, 10, 160, 80),
+                                QColor(30, 150, 80));
+    }
+
+    template<typename T>
+    static T* part(const ControlsView& controls, const char* name)
+    {
+        return controls.findChild<T*>(QLatin1String(name));
+    }
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_dir.isValid()); }
+
+    void statusPriorities_data()
+    {
+        QTest::addColumn<std::optional<QString>>("error");
+        QTest::addColumn<bool>("allSaved");
+        QTest::addColumn<std::optional<QString>>("confirmation");
+        QTest::addColumn<int>("count");
+        QTest::addColumn<Kind>("kind");
+        QTest::addColumn<QString>("text");
+        const std::optional<QString> none;
+        const std::optional<QString> error = QStringLiteral("Couldn’t write to “a.png”.");
+        const std::optional<QString> saved = QStringLiteral("a.png");
+        QTest::newRow("nothing") << none << false << none << 0 << Kind::None << QString();
+        QTest::newRow("error over confirmation") << error << false << saved << 3 << Kind::Error << *error;
+        QTest::newRow("error over all saved") << error << true << saved << 3 << Kind::Error << *error;
+        QTest::newRow("all saved over confirmation")
+            << none << true << saved << 3 << Kind::Success << QStringLiteral("All 3 images saved.");
+        QTest::newRow("all saved, one image, no singular")
+            << none << true << saved << 1 << Kind::Success << QStringLiteral("All 1 images saved.");
+        QTest::newRow("all saved, no grouping")
+            << none << true << none << 1234 << Kind::Success << QStringLiteral("All 1234 images saved.");
+        QTest::newRow("confirmation, two items")
+            << none << false << saved << 2 << Kind::Success << QStringLiteral("Saved a.png — next image ready.");
+        QTest::newRow("confirmation, one item") << none << false << saved << 1 << Kind::Success
+                                                << QStringLiteral("Saved a.png");
+        QTest::newRow("confirmation with a percent sign kept verbatim")
+            << none << false << std::optional<QString>(QStringLiteral("100%1 <b>.png")) << 1 << Kind::Success
+            << QStringLiteral("Saved 100%1 <b>.png");
+    }
+    void statusPriorities()
+    {
+        QFETCH(std::optional<QString>, error);
+        QFETCH(bool, allSaved);
+        QFETCH(std::optional<QString>, confirmation);
+        QFETCH(int, count);
+        QFETCH(Kind, kind);
+        QFETCH(QString, text);
+        const ControlsView::Status status = ControlsView::status(error, allSaved, confirmation, count);
+        QCOMPARE(status.kind, kind);
+        QCOMPARE(status.text, text);
+    }
+
+    void statusRowFollowsTheModel()
+    {
+        CropModel model;
+        ControlsView controls(&model);
+        auto* row = part<QWidget>(controls, "statusRow");
+        auto* text = part<QLabel>(controls, "statusText");
+        QVERIFY(row->isHidden());
+
+        // A failed opening: orange.
+        model.open({test::writeNonImage(QDir(m_dir.path()).filePath(QStringLiteral("status-notes.png")))});
+        QTRY_VERIFY(!row->isHidden());
+        QVERIFY(model.errorMessage());
+        QCOMPARE(text->text(), *model.errorMessage());
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::orange());
+
+        // A save with another image left: green, "next image ready".
+        model.open({image(QStringLiteral("status-1.png")), image(QStringLiteral("status-2.png"))});
+        const QString first = model.active()->url.fileName();
+        model.saveOverOriginal();
+        QTRY_COMPARE(text->text(), QStringLiteral("Saved %1 — next image ready.").arg(first));
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
+
+        // The last one: all saved.
+        model.saveOverOriginal();
+        QTRY_COMPARE(text->text(), QStringLiteral("All 2 images saved."));
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
+    }
+
+    void enabledStatesAndSaveShortcut()
+    {
+        CropModel model;
+        test::FakePanels panels;
+        model.setPanels(&panels);
+        ControlsView controls(&model);
+        controls.show();
+        controls.activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(&controls));
+        auto* open = part<QPushButton>(controls, "open");
+        auto* saveAsNew = part<QPushButton>(controls, "saveAsNew");
+        auto* saveOver = part<QPushButton>(controls, "saveOverOriginal");
+        QCOMPARE(open->text(), QStringLiteral("Open…"));
+        QCOMPARE(saveAsNew->text(), QStringLiteral("Save as New…"));
+        QCOMPARE(saveOver->text(), QStringLiteral("Save Over Original"));
+
+        // Empty queue: only "Open…" works, and Ctrl+S does nothing at all
+        // (a save with nothing active would report "Nothing to save.").
+        QVERIFY(open->isEnabled());
+        QVERIFY(!saveAsNew->isEnabled());
+        QVERIFY(!saveOver->isEnabled());
+        QVERIFY(part<QWidget>(controls, "toleranceRow")->isHidden());
+        QSignalSpy changes(&model, &CropModel::willChange);
+        QTest::keySequence(&controls, QKeySequence::Save);
+        QCoreApplication::processEvents();
+        QCOMPARE(changes.count(), 0);
+        QVERIFY(!model.errorMessage());
+
+        QSignalSpy openRequests(&controls, &ControlsView::openRequested);
+        QTest::mouseClick(open, Qt::LeftButton);
+        QCOMPARE(openRequests.count(), 1);
+
+        // An active image: everything works, and Ctrl+S saves over the original.
+        const QUrl url = image(QStringLiteral("shortcut.png"));
+        model.open({url});
+        QTRY_VERIFY(saveOver->isEnabled());
+        QVERIFY(saveAsNew->isEnabled());
+        QVERIFY(!part<QWidget>(controls, "toleranceRow")->isHidden());
+        QTest::keySequence(&controls, QKeySequence::Save);
+        QTRY_VERIFY(model.items().front().saved);
+        QCOMPARE(QImage(url.toLocalFile()).size(), QSize(160, 80));
+
+        // "Save as New…" asks the panel for a destination.
+        QTest::mouseClick(saveAsNew, Qt::LeftButton);
+        QCOMPARE(panels.saveRequests, 1);
+    }
+
+    void sliderAndToleranceStayInStep()
+    {
+        CropModel model;
+        ControlsView controls(&model);
+        model.open({image(QStringLiteral("slider.png"))});
+        controls.refresh();
+        auto* slider = part<QSlider>(controls, "tolerance");
+        QCOMPARE(slider->minimum(), 0);
+        QCOMPARE(slider->maximum(), 100 * ControlsView::sliderScale);
+        QCOMPARE(slider->value(), 25 * ControlsView::sliderScale);
+
+        // Every position the knob passes is written at once.
+        int thresholdWrites = 0;
+        connect(&model, &CropModel::willChange, this, [&](CropModel::Property property) {
+            if (property == CropModel::Property::Threshold)
+                ++thresholdWrites;
+        });
+        for (int value = 3000; value <= 6000; value += 500) {
+            slider->setValue(value);
+            QCOMPARE(model.threshold(), value / double(ControlsView::sliderScale));
+        }
+        QCOMPARE(thresholdWrites, 7);
+        QCOMPARE(model.threshold(), 60.0);
+
+        // A tolerance set elsewhere moves the knob without being written back.
+        thresholdWrites = 0;
+        model.setThreshold(33.337);
+        QTRY_COMPARE(slider->value(), 3334);
+        QCOMPARE(thresholdWrites, 1);
+        QCOMPARE(model.threshold(), 33.337);
+
+        // Out-of-range values show at the ends.
+        model.setThreshold(250);
+        QTRY_COMPARE(slider->value(), slider->maximum());
+        QCOMPARE(model.threshold(), 250.0);
+    }
+};
+
+int main(int argc, char* argv[])
+{
+    test::initialiseImaging(argv[0]);
+    QApplication app(argc, argv);
+    ControlsViewTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "controlsviewtest.moc"
