@@ -1,12 +1,11 @@
 #include "app/mainwindow.h"
 
 #include <QApplication>
-#include <QDesktopServices>
 #include <QMenuBar>
 #include <QMessageBox>
-#include <QUrl>
 
 #include "app/buildconfig.h"
+#include "app/openexternal.h"
 #include "ui/contentview.h"
 
 namespace orvane {
@@ -49,10 +48,8 @@ void MainWindow::createMenus()
 
 void MainWindow::showHelp()
 {
-    const QUrl url(QString::fromUtf8(BuildConfig::helpUrl), QUrl::StrictMode);
     // A build without a usable help address opens nothing.
-    if (url.isValid() && !url.scheme().isEmpty())
-        QDesktopServices::openUrl(url);
+    openExternal(QString::fromUtf8(BuildConfig::helpUrl));
 }
 
 void MainWindow::showAbout()
