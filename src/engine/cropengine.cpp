@@ -251,14 +251,6 @@ void expandRow(const std::uint8_t* in, int bands, std::uint8_t* out, std::size_t
     }
 }
 
-bool rowIsOpaque(const std::uint8_t* row, std::size_t width)
-{
-    std::uint8_t all = 255;
-    for (std::size_t x = 0; x < width; ++x)
-        all &= row[4 * x + 3];
-    return all == 255;
-}
-
 bool pixelsInMemory(const vips::VImage& image)
 {
     const VipsImage* im = image.get_image();
@@ -303,8 +295,7 @@ bool rasterInMemory(const std::uint8_t* source, std::size_t sourceStride, int ba
                 // Keys of unpremultiplied pixels are never above those of the
                 // premultiplied ones (premultiplying only darkens), so a row
                 // folded here and again below leaves the correct maxima.
-                builder.addRow(y, in);
-                if (rowIsOpaque(in, w))
+                if (builder.addRow(y, in))
                     continue;
                 if (!(out = ensureRaster())) {
                     failed[band] = 1;

@@ -37,15 +37,18 @@ std::optional<std::uint16_t> ToleranceIndex::threshold(int alphaCutOff, int whit
 namespace {
 
 // The hot loop of making a buffer, plain: the compiler vectorises it.
-std::uint32_t foldRowPortable(const std::uint8_t* row, std::size_t width, std::uint32_t* columnMax)
+std::uint32_t foldRowPortable(const std::uint8_t* row, std::size_t width, std::uint32_t* columnMax, bool* opaque)
 {
     std::uint32_t rowMax = 0;
+    std::uint8_t alphas = 255;
     for (std::size_t x = 0; x < width; ++x) {
         const std::uint32_t m = std::min<std::uint32_t>(row[4 * x], std::min<std::uint32_t>(row[4 * x + 1], row[4 * x + 2]));
         const std::uint32_t key = ToleranceIndex::pixelKey(row[4 * x + 3], m);
+        alphas &= row[4 * x + 3];
         rowMax = std::max(rowMax, key);
         columnMax[x] = std::max(columnMax[x], key);
     }
+    *opaque = alphas == 255;
     return rowMax;
 }
 
@@ -58,7 +61,7 @@ std::uint32_t foldRowPortable(const std::uint8_t* row, std::size_t width, std::u
 // halves never mix into the keys. About a third faster than what the compiler
 // makes of the plain loop, which spends its time taking the bytes apart.
 __attribute__((target("avx2"))) std::uint32_t foldRowAvx2(const std::uint8_t* row, std::size_t width,
-                                                           std::uint32_t* columnMax)
+                                                           std::uint32_t* columnMax, bool* opaque)
 {
     const __m256i top = _mm256_set1_epi8(static_cast<char>(254));
     const __m256i whitest = _mm256_set1_epi8(116);
@@ -66,9 +69,11 @@ __attribute__((target("avx2"))) std::uint32_t foldRowAvx2(const std::uint8_t* ro
     const __m256i one = _mm256_set1_epi32(1);
     const __m256i lowBytes = _mm256_set1_epi32(0x00FF00FF);
     __m256i rowMax = _mm256_setzero_si256();
+    __m256i alphas = _mm256_set1_epi8(-1);
     std::size_t x = 0;
     for (; x + 8 <= width; x += 8) {
         const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + 4 * x));
+        alphas = _mm256_and_si256(alphas, v);
         __m256i m = _mm256_min_epu8(v, _mm256_srli_epi32(v, 8));
         m = _mm256_min_epu8(m, _mm256_srli_epi32(v, 16));                    // low byte: M
         const __m256i whiteness = _mm256_min_epu8(_mm256_subs_epu8(top, m), whitest); // 254 − M in 0…116
@@ -82,23 +87,30 @@ __attribute__((target("avx2"))) std::uint32_t foldRowAvx2(const std::uint8_t* ro
     }
     alignas(32) std::uint32_t lanes[8];
     _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), rowMax);
-    std::uint32_t result = foldRowPortable(row + 4 * x, width - x, columnMax + x);
+    bool tailOpaque = true;
+    std::uint32_t result = foldRowPortable(row + 4 * x, width - x, columnMax + x, &tailOpaque);
     for (std::uint32_t lane : lanes)
         result = std::max(result, lane & 0xFFFF);
+    // Every alpha byte (the top byte of each lane) 255.
+    const __m256i alphaOnly = _mm256_or_si256(alphas, _mm256_set1_epi32(0x00FFFFFF));
+    *opaque = tailOpaque && _mm256_movemask_epi8(_mm256_cmpeq_epi8(alphaOnly, _mm256_set1_epi8(-1))) == -1;
     return result;
 }
 #endif
 
 } // namespace
 
-std::uint32_t ToleranceIndex::foldRow(const std::uint8_t* row, std::size_t width, std::uint32_t* columnMax)
+std::uint32_t ToleranceIndex::foldRow(const std::uint8_t* row, std::size_t width, std::uint32_t* columnMax,
+                                      bool* opaque)
 {
+    bool ignored = false;
+    bool* allOpaque = opaque ? opaque : &ignored;
 #ifdef ORVANE_FOLD_AVX2
     static const bool avx2 = __builtin_cpu_supports("avx2");
     if (avx2)
-        return foldRowAvx2(row, width, columnMax);
+        return foldRowAvx2(row, width, columnMax, allOpaque);
 #endif
-    return foldRowPortable(row, width, columnMax);
+    return foldRowPortable(row, width, columnMax, allOpaque);
 }
 
 ToleranceIndex::Builder::Builder(std::size_t width, std::size_t height)
@@ -108,9 +120,12 @@ ToleranceIndex::Builder::Builder(std::size_t width, std::size_t height)
 {
 }
 
-void ToleranceIndex::Builder::addRow(std::size_t y, const std::uint8_t* row)
+bool ToleranceIndex::Builder::addRow(std::size_t y, const std::uint8_t* row)
 {
-    m_rowMax[y] = std::max<std::uint16_t>(m_rowMax[y], static_cast<std::uint16_t>(foldRow(row, m_width, m_columnMax.data())));
+    bool opaque = false;
+    const auto rowMax = static_cast<std::uint16_t>(foldRow(row, m_width, m_columnMax.data(), &opaque));
+    m_rowMax[y] = std::max(m_rowMax[y], rowMax);
+    return opaque;
 }
 
 void ToleranceIndex::Builder::absorb(const Builder& other)

@@ -45,16 +45,19 @@ public:
     /// row's own maximum. `row` holds `width` pixels of 4 bytes; `columnMax`
     /// holds `width` entries, of which only the low 16 bits are the column's
     /// maximum key. Uses AVX2 where the processor has it.
-    static std::uint32_t foldRow(const std::uint8_t* row, std::size_t width, std::uint32_t* columnMax);
+    /// Whether every pixel of the row has alpha 255 is stored in `opaque` when given.
+    static std::uint32_t foldRow(const std::uint8_t* row, std::size_t width, std::uint32_t* columnMax,
+                                 bool* opaque = nullptr);
 
     /// Collects row and column maxima while a raster is produced row by row.
     class Builder {
     public:
         /// A builder for a raster of `width` × `height` pixels (both at least 1).
         Builder(std::size_t width, std::size_t height);
-        /// Folds row `y` (exactly `width` pixels of 4 bytes). Folding a row again
-        /// with keys that are at least as high replaces its earlier keys.
-        void addRow(std::size_t y, const std::uint8_t* row);
+        /// Folds row `y` (exactly `width` pixels of 4 bytes) and tells whether
+        /// every pixel in it has alpha 255. Folding a row again with keys that
+        /// are at least as high replaces its earlier keys.
+        bool addRow(std::size_t y, const std::uint8_t* row);
         /// Takes in the rows and columns another builder of the same size folded,
         /// so that row bands can be folded on separate threads.
         void absorb(const Builder& other);

@@ -135,6 +135,14 @@ TEST(RasterLayout, OpaqueImagesInMemoryShareTheirPixels)
     EXPECT_EQ(pixelAt(copied, 39, 29), (std::array<int, 4>{100, 100, 100, 100}));
     EXPECT_EQ(pixelAt(copied, 0, 0), (std::array<int, 4>{255, 255, 255, 255}));
 
+    // Wherever in a row the translucent pixel sits.
+    const auto narrow = imageFromBytes(std::vector<std::uint8_t>(13 * 3 * 4, 255), 13, 3, 4, VIPS_INTERPRETATION_sRGB);
+    for (int x : {0, 3, 7, 8, 12}) {
+        const Buffer b = made(withPixel(narrow, x, 1, 255, 255, 255, 51));
+        EXPECT_EQ(pixelAt(b, x, 1), (std::array<int, 4>{51, 51, 51, 51})) << "column " << x;
+        EXPECT_GE(b.extraBytes(), b.byteCount());
+    }
+
     // The buffer keeps the image alive: its pixels outlive the caller's handle.
     std::optional<Buffer> survivor;
     {
