@@ -1,6 +1,7 @@
 #include "imagefile/imagefile.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <limits>
 #include <mutex>
@@ -389,6 +390,71 @@ QByteArray fromBlob(VipsBlob* blob)
     return bytes;
 }
 
+// Whether an 8-bit colour image has at most 256 distinct pixels (alpha
+// included). Stops at the 257th, so photographs cost a few hundred pixels.
+bool fitsInPalette(const vips::VImage& image)
+{
+    if (image.format() != VIPS_FORMAT_UCHAR || image.bands() < 3 || image.bands() > 4)
+        return false;
+    const vips::VImage memory = image.copy_memory();
+    const auto* pixel = static_cast<const std::uint8_t*>(vips_image_get_data(memory.get_image()));
+    if (!pixel)
+        return false;
+    const int bands = memory.bands();
+    const std::size_t count = std::size_t(memory.width()) * std::size_t(memory.height());
+    // Open addressing over 1024 slots; a colour is its bytes, plus one so
+    // that 0 marks an empty slot.
+    std::array<std::uint64_t, 1024> slots{};
+    int distinct = 0;
+    for (std::size_t i = 0; i < count; ++i, pixel += bands) {
+        const std::uint64_t key = (std::uint64_t(pixel[0]) | std::uint64_t(pixel[1]) << 8 | std::uint64_t(pixel[2]) << 16
+                                   | std::uint64_t(bands == 4 ? pixel[3] : 255) << 24) + 1;
+        std::size_t slot = std::size_t((key * 0x9E3779B97F4A7C15ull) >> 54);
+        while (slots[slot] != 0 && slots[slot] != key)
+            slot = (slot + 1) & 1023;
+        if (slots[slot] == 0) {
+            if (++distinct > 256)
+                return false;
+            slots[slot] = key;
+        }
+    }
+    return true;
+}
+
+QByteArray encodePng(const vips::VImage& image)
+{
+    // Adaptive row filters at zlib level 9: the smallest truecolour files
+    // libpng makes.
+    auto options = [] {
+        return vips::VImage::option()->set("compression", 9)->set("filter", VIPS_FOREIGN_PNG_FILTER_ALL)->set("strip", false);
+    };
+    // Screenshots, diagrams and scans of few colours take a fraction of the
+    // space as indexed colour. The palette comes from libimagequant, which is
+    // made for lossy quantising, so the result is decoded and compared, and
+    // used only when every pixel came through exactly (the colour of a fully
+    // transparent pixel aside: the quantiser may change it, and it shows nowhere).
+    if (fitsInPalette(image)) {
+        try {
+            const QByteArray indexed = fromBlob(
+                image.pngsave_buffer(options()->set("palette", true)->set("Q", 100)->set("dither", 0.0)->set("effort", 10)));
+            VipsBlob* blob = vips_blob_new(nullptr, indexed.constData(), size_t(indexed.size()));
+            const vips::VImage decoded = vips::VImage::pngload_buffer(blob);
+            vips_area_unref(VIPS_AREA(blob));
+            if (decoded.width() == image.width() && decoded.height() == image.height()
+                && decoded.bands() == image.bands() && decoded.format() == image.format()) {
+                vips::VImage same = (decoded == image).bandand();
+                if (image.bands() == 4)
+                    same = same | ((image[3] == 0) & (decoded[3] == 0));
+                if (same.min() == 255.0)
+                    return indexed;
+            }
+        } catch (const vips::VError&) {
+            vips_error_clear(); // the truecolour file below will do
+        }
+    }
+    return fromBlob(image.pngsave_buffer(options()));
+}
+
 QByteArray encode(const vips::VImage& image, const ImageType& written)
 {
     if (written == ImageType::jpeg()) {
@@ -396,14 +462,8 @@ QByteArray encode(const vips::VImage& image, const ImageType& written)
         return fromBlob(image.jpegsave_buffer(
             vips::VImage::option()->set("Q", 92)->set("optimize_coding", true)->set("strip", false)));
     }
-    if (written == ImageType::png()) {
-        // Adaptive row filters at zlib level 9: the smallest files libpng
-        // makes without quantising.
-        return fromBlob(image.pngsave_buffer(vips::VImage::option()
-                                                 ->set("compression", 9)
-                                                 ->set("filter", VIPS_FOREIGN_PNG_FILTER_ALL)
-                                                 ->set("strip", false)));
-    }
+    if (written == ImageType::png())
+        return encodePng(image);
     if (written == ImageType::bmp())
         return fromBlob(image.magicksave_buffer(vips::VImage::option()->set("format", "bmp")->set("strip", false)));
 

@@ -323,6 +323,43 @@ TEST_F(Save, PngIsCompressedAtLeastAsWellAsLibvipsDefault)
     EXPECT_LE(QFileInfo(file).size(), encoded(image, ".png").size());
 }
 
+TEST_F(Save, FewColoursAreWrittenAsIndexedColourExactly)
+{
+    // Flat blocks of a handful of colours: indexed (colour type 3), pixel for pixel.
+    const vips::VImage xy = vips::VImage::xyz(120, 90);
+    const vips::VImage index = (xy[0] / 30).cast(VIPS_FORMAT_INT) + (xy[1] / 30).cast(VIPS_FORMAT_INT) * 4;
+    const vips::VImage rgb = (index * std::vector<double>{19, 7, 3} + std::vector<double>{10, 20, 30})
+                                 .cast(VIPS_FORMAT_UCHAR)
+                                 .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+    const vips::VImage alpha = (index * 21).cast(VIPS_FORMAT_UCHAR); // 0 (transparent) to 231
+    const vips::VImage rgba = rgb.bandjoin(alpha);
+    for (const vips::VImage& image : {rgb, rgba}) {
+        SCOPED_TRACE(std::to_string(image.bands()) + " bands");
+        const QString file = path(QStringLiteral("flat%1.png").arg(image.bands()));
+        ASSERT_TRUE(ImageFile::save(image, file, ImageType::png()));
+        EXPECT_EQ(int(readFile(file).at(25)), 3) << "not indexed";
+        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+        ASSERT_TRUE(loaded);
+        EXPECT_EQ(loaded->image.bands(), image.bands());
+        // Fully transparent pixels may come back in another colour.
+        const vips::VImage visible = image.bands() == 4 ? (image[3] == 0).ifthenelse(0, image) : image;
+        const vips::VImage back = image.bands() == 4 ? (loaded->image[3] == 0).ifthenelse(0, loaded->image) : loaded->image;
+        EXPECT_EQ(samples(back.cast(VIPS_FORMAT_UCHAR)), samples(visible.cast(VIPS_FORMAT_UCHAR)));
+    }
+
+    // 257 colours do not fit: truecolour, still exact.
+    const vips::VImage x = vips::VImage::xyz(257, 3)[0];
+    const vips::VImage distinct = (x & 255).bandjoin(x >> 8).bandjoin(x * 0)
+                                      .cast(VIPS_FORMAT_UCHAR)
+                                      .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+    const QString file = path("many.png");
+    ASSERT_TRUE(ImageFile::save(distinct, file, ImageType::png()));
+    EXPECT_EQ(int(readFile(file).at(25)), 2) << "not truecolour";
+    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(samples(loaded->image), samples(distinct));
+}
+
 // ---------------------------------------------------------------- replacing files
 
 TEST_F(Save, ReplacingAFileLeavesOnlyTheNewFile)
