@@ -53,6 +53,10 @@ UpdaterController::UpdaterController(UpdateChecker::Config config, std::unique_p
         if (m_dialog)
             m_dialog->showDownloading(received, total);
     });
+    // A dialog without a parent window would otherwise outlive the event
+    // loop and be destroyed while the application object is being torn down.
+    if (QCoreApplication* app = QCoreApplication::instance())
+        connect(app, &QCoreApplication::aboutToQuit, this, [this] { delete m_dialog.data(); });
 }
 
 UpdaterController::~UpdaterController()
