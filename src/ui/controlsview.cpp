@@ -178,7 +178,7 @@ void ControlsView::updateColours()
     own.setColor(QPalette::Window, Theme::bar(p));
     setPalette(own);
     setTextColour(m_toleranceLabel, Theme::secondary(p));
-    const int small = qMax(10, fontMetrics().height() - 3);
+    const int small = qMax(12, fontMetrics().height() - 1);
     m_lowIcon->setPixmap(Symbols::tinted(Symbol::DashedCircle, small, Theme::tertiary(p), devicePixelRatioF()));
     m_highIcon->setPixmap(Symbols::tinted(Symbol::DashedCircleFilled, small, Theme::tertiary(p), devicePixelRatioF()));
 

@@ -158,8 +158,8 @@ void HeaderView::updateColours()
     own.setColor(QPalette::Window, Theme::bar(p));
     setPalette(own);
     setTextColour(m_dimsBefore, Theme::secondary(p));
-    const int arrowExtent = QFontMetrics(Theme::font(Theme::TextStyle::Caption2, font())).height() - 2;
-    m_arrow->setPixmap(Symbols::tinted(Symbol::ArrowRight, qMax(8, arrowExtent), Theme::tertiary(p), devicePixelRatioF()));
+    const int arrowExtent = QFontMetrics(Theme::font(Theme::TextStyle::Caption2, font())).height();
+    m_arrow->setPixmap(Symbols::tinted(Symbol::ArrowRight, qMax(10, arrowExtent), Theme::tertiary(p), devicePixelRatioF()));
     m_badge->setStyleSheet(QStringLiteral("QLabel { color: %1; background-color: %2; border-radius: %3px; padding: 2px 7px; }")
                                .arg(rgba(Theme::secondary(p)), rgba(Theme::quaternary(p)))
                                .arg((m_badge->fontMetrics().height() + 4) / 2));

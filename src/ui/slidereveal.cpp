@@ -14,8 +14,13 @@ SlideReveal::SlideReveal(QWidget* widget, Qt::Orientation orientation, int durat
 {
     m_animation->setDuration(durationMs);
     m_animation->setEasingCurve(QEasingCurve::InOutQuad);
-    connect(m_animation, &QVariantAnimation::valueChanged, this,
-            [this](const QVariant& value) { setExtent(value.toInt()); });
+    // The animation runs from 0 to 1; the open size is asked afresh on every
+    // frame, because a widget that was hidden learns its width (and so its
+    // natural height) only once the layout has placed it.
+    connect(m_animation, &QVariantAnimation::valueChanged, this, [this](const QVariant& value) {
+        const int target = m_shown ? naturalExtent() : 0;
+        setExtent(m_from + qRound((target - m_from) * value.toReal()));
+    });
     connect(m_animation, &QVariantAnimation::finished, this, &SlideReveal::finish);
 }
 
@@ -66,11 +71,11 @@ void SlideReveal::setShown(bool shown, bool animated)
         return;
     }
 
-    const int from = currentExtent();
-    setExtent(from);
+    m_from = currentExtent();
+    setExtent(m_from);
     m_widget->setVisible(true);
-    m_animation->setStartValue(from);
-    m_animation->setEndValue(shown ? naturalExtent() : 0);
+    m_animation->setStartValue(0.0);
+    m_animation->setEndValue(1.0);
     m_animation->start();
 }
 

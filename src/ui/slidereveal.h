@@ -35,6 +35,7 @@ private:
     Qt::Orientation m_orientation;
     QVariantAnimation* m_animation;
     bool m_shown;
+    int m_from = 0; ///< the extent the running animation started from
 };
 
 } // namespace orvane

@@ -49,12 +49,13 @@ void settle()
     QTest::qWait(settleMs);
 }
 
-bool shoot(const QString& folder, const QString& name, const std::function<void(MainWindow&, const QDir&)>& prepare)
+bool shoot(const QString& folder, const QString& name, const std::function<void(MainWindow&, const QDir&)>& prepare,
+           QSize size = {720, 540})
 {
     QTemporaryDir temporary;
     const QDir dir(temporary.path());
     MainWindow window;
-    window.resize(720, 540);
+    window.resize(size);
     window.show();
     if (!QTest::qWaitForWindowExposed(&window))
         qWarning("the window was not exposed: %s may come out blank", qPrintable(name));
@@ -120,6 +121,21 @@ int main(int argc, char* argv[])
         const Images images = makeImages(dir);
         window.contentView()->openUrls({images.notes});
     });
+
+    // The smallest window: the empty panel and a long name in the narrow header.
+    ok &= shoot(
+        folder, QStringLiteral("smallest-empty"), [](MainWindow& window, const QDir&) { window.resize(1, 1); },
+        {480, 360});
+    ok &= shoot(
+        folder, QStringLiteral("smallest-long-name"),
+        [](MainWindow& window, const QDir& dir) {
+            window.resize(1, 1);
+            const QUrl url = test::writeImage(
+                dir.filePath(QStringLiteral("holiday-2026-beach-sunset-panorama-final-edit-for-print-v3.png")),
+                {1600, 900}, QRect(120, 60, 1360, 780), QColor(0x9B, 0x5D, 0xE5));
+            window.contentView()->openUrls({url});
+        },
+        {480, 360});
 
     return ok ? 0 : 1;
 }
