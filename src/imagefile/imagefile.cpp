@@ -390,16 +390,17 @@ QByteArray fromBlob(VipsBlob* blob)
     return bytes;
 }
 
-// Whether an 8-bit colour image has at most 256 distinct pixels (alpha
-// included). Stops at the 257th, so photographs cost a few hundred pixels.
-bool fitsInPalette(const vips::VImage& image)
+// The number of distinct pixels (alpha included) of an 8-bit colour image
+// when there are at most 256; absent otherwise. Stops at the 257th, so
+// photographs cost a few hundred pixels.
+std::optional<int> paletteSize(const vips::VImage& image)
 {
     if (image.format() != VIPS_FORMAT_UCHAR || image.bands() < 3 || image.bands() > 4)
-        return false;
+        return std::nullopt;
     const vips::VImage memory = image.copy_memory();
     const auto* pixel = static_cast<const std::uint8_t*>(vips_image_get_data(memory.get_image()));
     if (!pixel)
-        return false;
+        return std::nullopt;
     const int bands = memory.bands();
     const std::size_t count = std::size_t(memory.width()) * std::size_t(memory.height());
     // Open addressing over 1024 slots; a colour is its bytes, plus one so
@@ -414,11 +415,11 @@ bool fitsInPalette(const vips::VImage& image)
             slot = (slot + 1) & 1023;
         if (slots[slot] == 0) {
             if (++distinct > 256)
-                return false;
+                return std::nullopt;
             slots[slot] = key;
         }
     }
-    return true;
+    return distinct;
 }
 
 QByteArray encodePng(const vips::VImage& image)
@@ -433,10 +434,12 @@ QByteArray encodePng(const vips::VImage& image)
     // made for lossy quantising, so the result is decoded and compared, and
     // used only when every pixel came through exactly (the colour of a fully
     // transparent pixel aside: the quantiser may change it, and it shows nowhere).
-    if (fitsInPalette(image)) {
+    if (const std::optional<int> colours = paletteSize(image)) {
+        // The fewest bits per index that hold every colour.
+        const int depth = *colours <= 2 ? 1 : *colours <= 4 ? 2 : *colours <= 16 ? 4 : 8;
         try {
-            const QByteArray indexed = fromBlob(
-                image.pngsave_buffer(options()->set("palette", true)->set("Q", 100)->set("dither", 0.0)->set("effort", 10)));
+            const QByteArray indexed = fromBlob(image.pngsave_buffer(
+                options()->set("palette", true)->set("bitdepth", depth)->set("Q", 100)->set("dither", 0.0)->set("effort", 10)));
             VipsBlob* blob = vips_blob_new(nullptr, indexed.constData(), size_t(indexed.size()));
             const vips::VImage decoded = vips::VImage::pngload_buffer(blob);
             vips_area_unref(VIPS_AREA(blob));

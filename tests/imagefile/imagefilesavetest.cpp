@@ -385,6 +385,21 @@ TEST_F(Save, AReplacedFileKeepsItsPermissions)
     }
 }
 
+TEST_F(Save, AFileReplacedByRootKeepsItsOwner)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can write a file that another user owns";
+    const QString file = path("theirs.png");
+    ASSERT_TRUE(writeFile(file, "old"));
+    const uid_t nobody = 65534;
+    ASSERT_EQ(chown(QFile::encodeName(file).constData(), nobody, nobody), 0);
+    ASSERT_TRUE(ImageFile::save(pattern(10, 10, 3), file, ImageType::png()));
+    struct stat info {};
+    ASSERT_EQ(stat(QFile::encodeName(file).constData(), &info), 0);
+    EXPECT_EQ(info.st_uid, nobody);
+    EXPECT_EQ(info.st_gid, nobody);
+}
+
 TEST_F(Save, ALinkIsFollowedAndStaysALink)
 {
     const QString target = path("target.png");
