@@ -59,10 +59,15 @@ std::uint64_t availableMemory();
 /// Asks libvips afresh on every call.
 ImageType writableType(const ImageType& type);
 
-/// Writes image to path in writableType(type): JPEG at quality 92; no metadata
-/// of the source but the ICC profile. An existing file is replaced atomically:
-/// on failure the old file stays byte for byte and no partial file is left.
-/// True when the file was written completely. Produces no messages.
+/// Writes image to path in writableType(type): JPEG at quality 92; PNG at
+/// zlib level 9 with adaptive filters, as indexed colour when the image has
+/// at most 256 colours and every pixel survives that; 16-bit samples stay
+/// 16-bit where the format holds them; no metadata of the source but the ICC
+/// profile (libvips adds a minimal EXIF block of its own to JPEG and WebP).
+/// An existing file is replaced atomically, keeping its permissions (and, for
+/// root, its owner): on failure the old file stays byte for byte and no
+/// partial file is left. True when the file was written completely.
+/// Thread-safe; produces no messages.
 bool save(const vips::VImage& image, const QString& path, const ImageType& type);
 
 /// Test seam: when bytes is set, availableMemory() answers it instead of

@@ -371,6 +371,21 @@ TEST_F(Save, ReplacingAFileLeavesOnlyTheNewFile)
     EXPECT_EQ(entries(), QStringList{"photo.png"});
 }
 
+TEST_F(Save, SavingOverTheSourceThenReloadingGivesTheNewImage)
+{
+    const QString file = path("photo.png");
+    ASSERT_TRUE(writeFile(file, encoded(pattern(40, 30, 4), ".png")));
+    const std::optional<ImageFile::LoadResult> first = ImageFile::load(file);
+    ASSERT_TRUE(first);
+    const vips::VImage trimmed = first->image.extract_area(5, 5, 20, 10);
+    ASSERT_TRUE(ImageFile::save(trimmed, file, first->type));
+    const std::optional<ImageFile::LoadResult> second = ImageFile::load(file);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->image.width(), 20);
+    EXPECT_EQ(second->image.height(), 10);
+    EXPECT_EQ(samples(second->image), samples(trimmed));
+}
+
 TEST_F(Save, AReplacedFileKeepsItsPermissions)
 {
     for (const mode_t mode : {mode_t(0640), mode_t(0604), mode_t(0600), mode_t(0664)}) {
