@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <limits>
 #include <mutex>
 
 #include <sys/stat.h>
@@ -652,15 +650,16 @@ QStringList expandingFolders(const QStringList& paths)
         // Without QDir::Hidden, names starting with a full stop are skipped;
         // an unreadable folder lists as empty.
         const QFileInfoList entries = QDir(path).entryInfoList(QDir::Files | QDir::NoDotAndDotDot, QDir::NoSort);
-        QStringList images;
+        std::vector<std::pair<QString, QString>> images; // name, path
         for (const QFileInfo& entry : entries) {
-            if (isAccepted(entry.fileName()))
-                images.append(entry.filePath());
+            QString name = entry.fileName();
+            if (isAccepted(name))
+                images.emplace_back(std::move(name), entry.filePath());
         }
-        std::stable_sort(images.begin(), images.end(), [](const QString& x, const QString& y) {
-            return fileNameLessThan(QFileInfo(x).fileName(), QFileInfo(y).fileName());
-        });
-        result.append(images);
+        std::stable_sort(images.begin(), images.end(),
+                         [](const auto& x, const auto& y) { return fileNameLessThan(x.first, y.first); });
+        for (auto& image : images)
+            result.append(std::move(image.second));
     }
     return result;
 }
