@@ -14,7 +14,9 @@
 #include "ui/controlsview.h"
 #include "ui/dropzone.h"
 #include "ui/headerview.h"
+#include "ui/imagepreview.h"
 #include "ui/openprogressdialog.h"
+#include "ui/queuedrawer.h"
 #include "ui/slidereveal.h"
 
 namespace orvane {
@@ -24,7 +26,6 @@ namespace {
 // The window's two animations of what it shows, in milliseconds.
 constexpr int activeItemChange = 180;
 constexpr int drawerChange = 180;
-constexpr int drawerWidth = 208;
 
 QFrame* rule(Qt::Orientation orientation, QWidget* parent)
 {
@@ -52,8 +53,8 @@ ContentView::ContentView(QWidget* parent)
     auto* drawerLayout = new QHBoxLayout(m_drawerPlace);
     drawerLayout->setContentsMargins(0, 0, 0, 0);
     drawerLayout->setSpacing(0);
-    m_drawer = new QWidget(m_drawerPlace); // replaced by QueueDrawer
-    m_drawer->setFixedWidth(drawerWidth);
+    m_drawer = new QueueDrawer(m_model.get(), m_drawerPlace);
+    m_drawer->setObjectName(QStringLiteral("drawer"));
     drawerLayout->addWidget(m_drawer);
     drawerLayout->addWidget(rule(Qt::Vertical, m_drawerPlace));
 
@@ -74,7 +75,7 @@ ContentView::ContentView(QWidget* parent)
     previewArea->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
     m_previewPages = new QStackedLayout(previewArea);
     m_dropZone = new DropZone(previewArea);
-    m_preview = new QWidget(previewArea); // replaced by ImagePreview
+    m_preview = new ImagePreview(m_model.get(), previewArea);
     m_preview->setObjectName(QStringLiteral("preview"));
     m_previewPages->addWidget(m_dropZone);
     m_previewPages->addWidget(m_preview);
@@ -83,6 +84,7 @@ ContentView::ContentView(QWidget* parent)
     m_controls->setObjectName(QStringLiteral("controls"));
     connect(m_dropZone, &DropZone::openRequested, this, &ContentView::openPanel);
     connect(m_controls, &ControlsView::openRequested, this, &ContentView::openPanel);
+    connect(m_drawer, &QueueDrawer::openRequested, this, &ContentView::openPanel);
 
     auto* column = new QVBoxLayout;
     column->setContentsMargins(0, 0, 0, 0);
@@ -122,7 +124,7 @@ void ContentView::refresh(bool animated)
         m_headerReveal->setShown(hasActive, animated);
     }
 
-    QWidget* page = hasActive ? m_preview : m_dropZone;
+    QWidget* page = hasActive ? static_cast<QWidget*>(m_preview) : m_dropZone;
     if (m_previewPages->currentWidget() != page) {
         m_previewPages->setCurrentWidget(page);
         if (animated)
@@ -153,7 +155,7 @@ void ContentView::setTargeted(bool targeted)
         return;
     m_targeted = targeted;
     m_dropZone->setTargeted(targeted);
-    // The image preview's drop highlight follows the same flag.
+    m_preview->setTargeted(targeted);
 }
 
 QList<QUrl> ContentView::fileUrls(const QMimeData* data)

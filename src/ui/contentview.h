@@ -19,6 +19,8 @@ class ControlsView;
 class CropModel;
 class DropZone;
 class HeaderView;
+class ImagePreview;
+class QueueDrawer;
 class SlideReveal;
 
 /// One per window. Creates the window's CropModel and owns it for the
@@ -67,12 +69,12 @@ private:
     std::unique_ptr<CropModel> m_model;
 
     QWidget* m_drawerPlace;
-    QWidget* m_drawer;
+    QueueDrawer* m_drawer;
     QWidget* m_headerPlace;
     HeaderView* m_header;
     QStackedLayout* m_previewPages;
     DropZone* m_dropZone;
-    QWidget* m_preview;
+    ImagePreview* m_preview;
     ControlsView* m_controls;
     SlideReveal* m_drawerReveal;
     SlideReveal* m_headerReveal;
