@@ -254,8 +254,7 @@ void ImagePreview::showEvent(QShowEvent* event)
 void ImagePreview::changeEvent(QEvent* event)
 {
     if (event->type() == QEvent::PaletteChange || event->type() == QEvent::StyleChange) {
-        m_stripes = QPixmap();
-        m_layer = QImage();
+        m_background = QImage();
         update();
     }
     QWidget::changeEvent(event);
@@ -264,52 +263,99 @@ void ImagePreview::changeEvent(QEvent* event)
 void ImagePreview::paintEvent(QPaintEvent*)
 {
     QPainter painter(this);
-    paintStripes(painter);
-    if (!m_model->active())
+    const double dpr = devicePixelRatioF();
+    const CropModel::Item* item = m_model->active();
+    QRectF fitted;
+    QSize pixels;
+    QImage scaled;
+    if (item) {
+        const QRectF area = QRectF(rect()).adjusted(imageInset, imageInset, -imageInset, -imageInset);
+        fitted = snapped(PreviewGeometry::fittedRect(item->buffer.width(), item->buffer.height(), area.size())
+                             .translated(area.topLeft()),
+                         dpr);
+        pixels = QSize(qRound(fitted.width() * dpr), qRound(fitted.height() * dpr));
+        if (!pixels.isEmpty())
+            scaled = m_images->image(item->id, item->buffer, pixels);
+    }
+    painter.drawImage(0, 0, backgroundFor(fitted, pixels, scaled, dpr));
+    if (!item)
         return;
-    paintImage(painter);
+    if (!pixels.isEmpty())
+        paintContent(painter, fitted, item->buffer.width());
     paintHighlight(painter);
 }
 
-void ImagePreview::paintStripes(QPainter& painter)
+const QImage& ImagePreview::backgroundFor(const QRectF& fitted, QSize pixels, const QImage& scaled, double dpr)
 {
-    const double dpr = devicePixelRatioF();
-    const QSize pixels(qRound(width() * dpr), qRound(height() * dpr));
-    if (m_stripes.size() != pixels || m_stripes.devicePixelRatio() != dpr) {
-        m_stripes = QPixmap(pixels);
-        m_stripes.setDevicePixelRatio(dpr);
-        m_stripes.fill(palette().color(QPalette::Window));
-        QPainter stripes(&m_stripes);
-        stripes.setRenderHint(QPainter::Antialiasing);
-        QColor grey = QColor::fromRgbF(0.5f, 0.5f, 0.5f);
-        grey.setAlphaF(0.05f);
-        stripes.setPen(QPen(grey, 1.5));
-        const QList<QLineF> lines = PreviewGeometry::stripeLines(QSizeF(size()));
-        stripes.drawLines(lines.constData(), int(lines.size()));
+    const QSize size(qRound(width() * dpr), qRound(height() * dpr));
+    if (m_background.size() == size && m_background.devicePixelRatio() == dpr && m_backgroundFitted == fitted
+        && m_backgroundSource == scaled.cacheKey())
+        return m_background;
+
+    // Everything that only changes with the size or the image, drawn once:
+    // stripes, shadow, checkerboard and image. A frame then costs one opaque
+    // copy plus the darkening and the outline.
+    m_background = QImage(size, QImage::Format_RGB32);
+    m_background.setDevicePixelRatio(dpr);
+    m_background.fill(palette().color(QPalette::Window));
+    QPainter painter(&m_background);
+    painter.setRenderHint(QPainter::Antialiasing);
+    paintStripes(painter, QSizeF(this->size()), dpr);
+    if (!pixels.isEmpty()) {
+        painter.drawImage(fitted.topLeft() + QPointF(-shadowMargin, -shadowMargin + shadowOffsetY),
+                          shadowFor(pixels, dpr));
+        painter.drawImage(fitted.topLeft(), layer(scaled, pixels, dpr));
     }
-    painter.drawPixmap(0, 0, m_stripes);
+    m_backgroundFitted = fitted;
+    m_backgroundSource = scaled.cacheKey();
+    return m_background;
 }
 
-void ImagePreview::paintImage(QPainter& painter)
+void ImagePreview::paintStripes(QPainter& painter, QSizeF size, double dpr)
 {
-    const CropModel::Item* item = m_model->active();
-    const CropEngine::Buffer& buffer = item->buffer;
-    const QRectF area = QRectF(rect()).adjusted(imageInset, imageInset, -imageInset, -imageInset);
-    const double dpr = devicePixelRatioF();
-    const QRectF fitted = snapped(
-        PreviewGeometry::fittedRect(buffer.width(), buffer.height(), area.size()).translated(area.topLeft()), dpr);
-    const QSize pixels(qRound(fitted.width() * dpr), qRound(fitted.height() * dpr));
-    if (pixels.isEmpty())
+    QColor grey = QColor::fromRgbF(0.5f, 0.5f, 0.5f);
+    grey.setAlphaF(0.05f);
+    const QPen pen(grey, 1.5);
+
+    // Stroking a few hundred long antialiased lines costs a tenth of a second.
+    // The stripes repeat every 10 points along x and y, so one tile drawn with
+    // the same lines fills the canvas at the cost of a fill. The tile must be a
+    // whole number of device pixels; at odd scale factors draw the lines.
+    constexpr double tileSide = 40.0;
+    const double tilePixels = tileSide * dpr;
+    if (std::abs(tilePixels - std::round(tilePixels)) > 1e-6) {
+        painter.setPen(pen);
+        const QList<QLineF> lines = PreviewGeometry::stripeLines(size);
+        painter.drawLines(lines.constData(), int(lines.size()));
         return;
+    }
+    QImage tile(int(std::round(tilePixels)), int(std::round(tilePixels)), QImage::Format_ARGB32_Premultiplied);
+    tile.fill(Qt::transparent);
+    {
+        QPainter tilePainter(&tile);
+        tilePainter.setRenderHint(QPainter::Antialiasing);
+        tilePainter.scale(dpr, dpr);
+        tilePainter.setPen(pen);
+        // The canvas's lines run through x − y = −h (mod 10). Every such line
+        // that touches the tile, drawn once and run past its edges so that no
+        // cap shows.
+        const double spacing = PreviewGeometry::stripeSpacing;
+        const double phase = std::fmod(std::fmod(-size.height(), spacing) + spacing, spacing);
+        for (double c = phase - tileSide - spacing; c <= tileSide; c += spacing)
+            tilePainter.drawLine(QLineF(c - spacing, -spacing, c + tileSide + spacing, tileSide + spacing));
+    }
+    // The tile is in device pixels: scaled down by the ratio.
+    QBrush brush(tile);
+    brush.setTransform(QTransform::fromScale(1.0 / dpr, 1.0 / dpr));
+    painter.fillRect(QRectF(QPointF(0, 0), size), brush);
+}
 
-    painter.drawImage(fitted.topLeft() + QPointF(-shadowMargin, -shadowMargin + shadowOffsetY),
-                      shadowFor(pixels, dpr));
-    painter.drawImage(fitted.topLeft(), layerFor(m_images->image(item->id, buffer, pixels), pixels, dpr));
-
+void ImagePreview::paintContent(QPainter& painter, const QRectF& fitted, std::int64_t imageWidth)
+{
     painter.setRenderHint(QPainter::Antialiasing);
     QPainterPath clip;
     clip.addRoundedRect(fitted, cornerRadius, cornerRadius);
-    const QRectF shown = PreviewGeometry::mapFromImage(fitted, buffer.width(), shownImageRect());
+    const QRectF shown = PreviewGeometry::mapFromImage(fitted, imageWidth, shownImageRect());
 
     // The darkening: everything in the clipped image except the shown rectangle.
     QPainterPath hole;
@@ -398,11 +444,8 @@ const QImage& ImagePreview::shadowFor(QSize pixelSize, double dpr)
     return m_shadow;
 }
 
-const QImage& ImagePreview::layerFor(const QImage& scaled, QSize pixelSize, double dpr)
+QImage ImagePreview::layer(const QImage& scaled, QSize pixelSize, double dpr) const
 {
-    if (m_layer.size() == pixelSize && m_layer.devicePixelRatio() == dpr && m_layerSource == scaled.cacheKey())
-        return m_layer;
-
     QImage layer(pixelSize, QImage::Format_ARGB32_Premultiplied);
     layer.fill(Qt::transparent);
     {
@@ -441,9 +484,7 @@ const QImage& ImagePreview::layerFor(const QImage& scaled, QSize pixelSize, doub
         p.drawImage(0, 0, mask);
     }
     layer.setDevicePixelRatio(dpr);
-    m_layer = layer;
-    m_layerSource = scaled.cacheKey();
-    return m_layer;
+    return layer;
 }
 
 } // namespace orvane

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 
 #include <QElapsedTimer>
 #include <QImage>
@@ -61,6 +62,11 @@ public:
     /// The scaled copies the image is drawn from (one good copy per image and size).
     const ScaledImageCache& imageCache() const { return *m_images; }
 
+    /// Draws the diagonal stripes of the preview area (grey at 5%, 1.5 wide,
+    /// every 10 points) over a canvas of size points at the painter's origin;
+    /// dpr is the device pixel ratio of the painted device.
+    static void paintStripes(QPainter& painter, QSizeF size, double dpr);
+
     QSize sizeHint() const override;
     QSize minimumSizeHint() const override;
 
@@ -80,11 +86,11 @@ private:
     void startFrames();
     void frame();
 
-    void paintStripes(QPainter& painter);
-    void paintImage(QPainter& painter);
+    const QImage& backgroundFor(const QRectF& fitted, QSize pixels, const QImage& scaled, double dpr);
+    void paintContent(QPainter& painter, const QRectF& fitted, std::int64_t imageWidth);
     void paintHighlight(QPainter& painter);
     const QImage& shadowFor(QSize pixelSize, double dpr);
-    const QImage& layerFor(const QImage& scaled, QSize pixelSize, double dpr);
+    QImage layer(const QImage& scaled, QSize pixelSize, double dpr) const;
 
     CropModel* m_model;
     CoalescedRefresh* m_refresh;
@@ -103,10 +109,10 @@ private:
     QElapsedTimer m_frameClock;
 
     // Drawing caches, remade only when their inputs change.
-    QPixmap m_stripes;
+    QImage m_background;
+    QRectF m_backgroundFitted;
+    qint64 m_backgroundSource = 0;
     QImage m_shadow;
-    QImage m_layer;
-    qint64 m_layerSource = 0;
 };
 
 } // namespace orvane

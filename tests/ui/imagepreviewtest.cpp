@@ -1,9 +1,11 @@
+#include <QPainter>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include "model/cropmodel.h"
 #include "ui/imagepreview.h"
+#include "ui/previewgeometry.h"
 #include "ui/scaledimagecache.h"
 #include "ui/theme.h"
 #include "viewtestsupport.h"
@@ -41,6 +43,8 @@ private Q_SLOTS:
     void drawsDarkeningAndOutline();
     void dropHighlightOnlyWithAnImage();
     void scaledCopyMadeOncePerSize();
+    void stripesFromTileMatchLines_data();
+    void stripesFromTileMatchLines();
 
 private:
     void openAndShow(const QList<QUrl>& urls);
@@ -253,6 +257,66 @@ void ImagePreviewTest::scaledCopyMadeOncePerSize()
     m_preview->repaint();
     QTest::qWait(100);
     QCOMPARE(cache.copiesMade(), 2);
+}
+
+void ImagePreviewTest::stripesFromTileMatchLines_data()
+{
+    QTest::addColumn<QSize>("size");
+    QTest::addColumn<double>("dpr");
+    QTest::newRow("height a multiple of 10") << QSize(300, 200) << 1.0;
+    QTest::newRow("odd height") << QSize(301, 173) << 1.0;
+    QTest::newRow("double density") << QSize(157, 91) << 2.0;
+    QTest::newRow("one and a half") << QSize(120, 77) << 1.5;
+    QTest::newRow("no whole tile (1.3)") << QSize(120, 77) << 1.3;
+}
+
+void ImagePreviewTest::stripesFromTileMatchLines()
+{
+    QFETCH(QSize, size);
+    QFETCH(double, dpr);
+    auto canvas = [&] {
+        QImage image(qRound(size.width() * dpr), qRound(size.height() * dpr), QImage::Format_ARGB32_Premultiplied);
+        image.setDevicePixelRatio(dpr);
+        image.fill(Qt::white);
+        return image;
+    };
+    QImage tiled = canvas();
+    {
+        QPainter painter(&tiled);
+        painter.setRenderHint(QPainter::Antialiasing);
+        ImagePreview::paintStripes(painter, QSizeF(size), dpr);
+    }
+    // The reference: every line stroked, as the stripes are described.
+    QImage stroked = canvas();
+    {
+        QPainter painter(&stroked);
+        painter.setRenderHint(QPainter::Antialiasing);
+        QColor grey = QColor::fromRgbF(0.5f, 0.5f, 0.5f);
+        grey.setAlphaF(0.05f);
+        painter.setPen(QPen(grey, 1.5));
+        for (const QLineF& line : PreviewGeometry::stripeLines(QSizeF(size)))
+            painter.drawLine(line);
+    }
+    // Antialiasing may round a little differently where a line crosses a tile's
+    // edge at a fractional pixel; a missing, doubled or shifted line changes
+    // far more pixels by a whole line's shade (about 7 levels on white).
+    int worst = 0;
+    int differing = 0;
+    int striped = 0;
+    for (int y = 0; y < tiled.height(); ++y)
+        for (int x = 0; x < tiled.width(); ++x) {
+            const QRgb a = tiled.pixel(x, y);
+            const QRgb b = stroked.pixel(x, y);
+            const int difference = std::max({qAbs(qRed(a) - qRed(b)), qAbs(qGreen(a) - qGreen(b)),
+                                             qAbs(qBlue(a) - qBlue(b))});
+            worst = std::max(worst, difference);
+            differing += difference > 2;
+            striped += qRed(b) < 255;
+        }
+    const int pixels = tiled.width() * tiled.height();
+    QVERIFY2(worst <= 5 && differing * 200 < pixels,
+             qPrintable(QString("largest difference %1, %2 of %3 pixels differ").arg(worst).arg(differing).arg(pixels)));
+    QVERIFY(striped > pixels / 20); // the lines are really there
 }
 
 ORVANE_VIEW_TEST_MAIN(ImagePreviewTest)
