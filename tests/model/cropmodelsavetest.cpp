@@ -291,6 +291,25 @@ private Q_SLOTS:
         QCOMPARE(toQRect(model.activeContentRect()), QRect(5, 5, 10, 10));
     }
 
+    void aWriteCutShortLeavesTheOriginalUntouched()
+    {
+        // The trimmed image needs far more than the 4 KiB the child may write.
+        writeImage(path("noisy.png"),
+                   vips::VImage::gaussnoise(300, 200, vips::VImage::option()->set("sigma", 60.0))
+                       .bandjoin({vips::VImage::gaussnoise(300, 200), vips::VImage::gaussnoise(300, 200)})
+                       .cast(VIPS_FORMAT_UCHAR)
+                       .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
+                       .embed(10, 10, 320, 220, vips::VImage::option()->set("extend", VIPS_EXTEND_WHITE)));
+        const QByteArray before = contentsOf(path("noisy.png"));
+        QVERIFY(before.size() > 4096 * 4);
+
+        const std::optional<QString> output = runSelf({"--child-save-over-limited", path("noisy.png")}, {});
+        QVERIFY(output);
+        QCOMPARE(*output, QStringLiteral("Couldn’t write to “noisy.png”.\nunsaved\n"));
+        QCOMPARE(contentsOf(path("noisy.png")), before);
+        QCOMPARE(QDir(m_dir->path()).entryList(QDir::Files | QDir::Hidden), QStringList{"noisy.png"});
+    }
+
     void aRefusedWriteOverTheOriginalLeavesItUntouched()
     {
         // As root every folder is writable; the save runs as nobody in a

@@ -3,6 +3,9 @@
 #include <cstring>
 #include <cstdio>
 
+#include <csignal>
+
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -201,8 +204,16 @@ int runChild(int argc, char** argv)
                     model.errorMessage().value_or(QString()).toUtf8().constData());
         return 0;
     }
-    if (mode == "--child-save-over") {
+    if (mode == "--child-save-over" || mode == "--child-save-over-limited") {
         model.open(urls(paths));
+        if (mode == "--child-save-over-limited") {
+            // No file may grow beyond 4 KiB from here on: the write fails with
+            // EFBIG instead of killing the process with SIGXFSZ.
+            std::signal(SIGXFSZ, SIG_IGN);
+            const struct rlimit limit{4096, 4096};
+            if (::setrlimit(RLIMIT_FSIZE, &limit) != 0)
+                return 2;
+        }
         model.saveOverOriginal();
         const bool saved = !model.items().empty() && model.items().front().saved;
         std::printf("%s\n%s\n", model.errorMessage().value_or(QString()).toUtf8().constData(),

@@ -88,7 +88,8 @@ std::optional<QString> runAsNobody(const QStringList& args);
 /// The child side: "--child-open <paths...>" opens the paths and prints the
 /// queue's file names, then the error message; "--child-save-over <path>"
 /// opens path, saves over it and prints the error message and "saved" or
-/// "unsaved". Returns the exit code, or -1 when args ask for no child.
+/// "unsaved"; "--child-save-over-limited <path>" does the same with files
+/// limited to 4 KiB (RLIMIT_FSIZE) once path is open. Returns the exit code, or -1 when args ask for no child.
 int runChild(int argc, char** argv);
 
 /// Sets up libvips and the image-file layer once per process, then does a
