@@ -122,6 +122,39 @@ int main(int argc, char* argv[])
         window.contentView()->openUrls({images.notes});
     });
 
+    // The preview and the drawer.
+    ok &= shoot(folder, QStringLiteral("nothing-to-trim"), [](MainWindow& window, const QDir& dir) {
+        const QUrl url = test::writeImage(dir.filePath(QStringLiteral("full-bleed.png")), {900, 600},
+                                          QRect(0, 0, 900, 600), QColor(0x2F, 0x8F, 0x9D));
+        window.contentView()->openUrls({url});
+    });
+
+    ok &= shoot(folder, QStringLiteral("drag-over-image"), [](MainWindow& window, const QDir& dir) {
+        const Images images = makeImages(dir);
+        ContentView* content = window.contentView();
+        content->openUrls({images.poster, images.badge});
+        QMimeData data;
+        data.setUrls({images.sticker});
+        QDragEnterEvent enter(QPoint(content->width() / 2, content->height() / 2), Qt::CopyAction, &data,
+                              Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(content, &enter);
+    });
+
+    ok &= shoot(folder, QStringLiteral("long-queue"), [](MainWindow& window, const QDir& dir) {
+        QList<QUrl> urls;
+        for (int i = 1; i <= 14; ++i) {
+            const QString name = i == 14 ? QStringLiteral("14-museum-catalogue-cover-spread-final-approved.png")
+                                         : QStringLiteral("%1-scan.png").arg(i, 2, 10, QLatin1Char('0'));
+            urls << test::writeImage(dir.filePath(name), i % 3 == 0 ? QSize(1600, 400) : QSize(300, 900),
+                                     i % 3 == 0 ? QRect(100, 50, 1400, 300) : QRect(30, 90, 240, 720),
+                                     QColor::fromHsv((i * 47) % 360, 150, 220));
+        }
+        CropModel* model = window.contentView()->model();
+        window.contentView()->openUrls(urls);
+        model->saveOverOriginal();
+        model->select(model->items().back().id);
+    });
+
     // The smallest window: the empty panel and a long name in the narrow header.
     ok &= shoot(
         folder, QStringLiteral("smallest-empty"), [](MainWindow& window, const QDir&) { window.resize(1, 1); },
