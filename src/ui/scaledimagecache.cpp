@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 #include <QThread>
 #include <QThreadPool>
@@ -71,6 +72,7 @@ QImage ScaledImageCache::image(const QUuid& id, const CropEngine::Buffer& buffer
     if (pixelSize.isEmpty())
         return QImage();
     const Key key{id, buffer.pixels(), pixelSize};
+    m_forgotten.remove(id);
     ++m_clock;
     if (auto found = m_ready.find(key); found != m_ready.end()) {
         found->second.lastUse = m_clock;
@@ -112,6 +114,9 @@ void ScaledImageCache::start(const Job& job)
 void ScaledImageCache::finished(const Key& key, const QImage& image)
 {
     m_running.remove(key.id);
+    // A removed item's copy arrives too late to be of use.
+    if (m_forgotten.remove(key.id))
+        return;
     if (!image.isNull()) {
         m_ready.insert_or_assign(key, Entry{image, ++m_clock});
         ++m_copiesMade;
@@ -143,6 +148,9 @@ void ScaledImageCache::retainOnly(const QSet<QUuid>& ids)
     std::erase_if(m_ready, [&](const auto& entry) { return !ids.contains(entry.first.id); });
     std::erase_if(m_standIns, [&](const auto& entry) { return !ids.contains(entry.first.id); });
     std::erase_if(m_waiting, [&](const auto& entry) { return !ids.contains(entry.first); });
+    for (const QUuid& id : std::as_const(m_running))
+        if (!ids.contains(id))
+            m_forgotten.insert(id);
 }
 
 } // namespace orvane

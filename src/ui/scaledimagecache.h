@@ -94,6 +94,7 @@ private:
     std::map<Key, Entry> m_standIns; // one quick copy per image
     QSet<QUuid> m_running;           // ids with a job on the pool
     std::map<QUuid, Job> m_waiting;  // the newest request per id behind a running job
+    QSet<QUuid> m_forgotten;         // ids let go while their job was running
     std::unique_ptr<QThreadPool> m_pool;
 };
 

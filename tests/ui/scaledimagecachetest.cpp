@@ -137,6 +137,13 @@ void ScaledImageCacheTest::retainOnlyAndCapacity()
     QVERIFY(!cache.isReady(a, buffer, QSize(50, 50)));
     QVERIFY(cache.isReady(b, buffer, QSize(50, 50)));
 
+    // A copy that arrives after its item was let go is not kept.
+    cache.image(c, buffer, QSize(60, 60));
+    cache.retainOnly({a, b});
+    QTest::qWait(200);
+    QVERIFY(!cache.isReady(c, buffer, QSize(60, 60)));
+    const int made = cache.copiesMade();
+
     // Past the capacity, the least recently used copy goes first.
     cache.image(a, buffer, QSize(50, 50));
     QTRY_VERIFY(cache.isReady(a, buffer, QSize(50, 50)));
@@ -145,6 +152,7 @@ void ScaledImageCacheTest::retainOnlyAndCapacity()
     QTRY_VERIFY(cache.isReady(c, buffer, QSize(50, 50)));
     QVERIFY(cache.isReady(b, buffer, QSize(50, 50)));
     QVERIFY(!cache.isReady(a, buffer, QSize(50, 50)));
+    QVERIFY(cache.copiesMade() > made);
 }
 
 void ScaledImageCacheTest::copiesArePixelFaithful()
