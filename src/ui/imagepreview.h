@@ -8,7 +8,6 @@
 
 #include <QElapsedTimer>
 #include <QImage>
-#include <QPixmap>
 #include <QRectF>
 #include <QTimer>
 #include <QVariantAnimation>
