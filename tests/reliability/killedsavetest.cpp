@@ -107,11 +107,13 @@ void KilledSaveTest::killedSaveLeavesOldOrNewFile()
     QVERIFY(newBytes != oldBytes);
     QVERIFY(ImageFile::load(copy).has_value());
 
-    // Delays spread over the whole save and a little past it, so that kills
-    // land in the encoding, the writing, the sync, the rename and after it.
+    // Every other delay is spread over the whole save and a little past it,
+    // so that kills land in the encoding, the writing, the sync, the rename
+    // and after it; the others fall into the second half of the save, where
+    // the bytes reach the disk (encoding comes first).
     const quint32 seed = QRandomGenerator::global()->generate();
     QRandomGenerator random(seed);
-    const qint64 spanMicroseconds = std::max<qint64>(saveTime, 1) * 1250;
+    const qint64 saveMicroseconds = std::max<qint64>(saveTime, 1) * 1000;
     int keptOld = 0;
     int gotNew = 0;
     int leftovers = 0;
@@ -119,7 +121,8 @@ void KilledSaveTest::killedSaveLeavesOldOrNewFile()
         QVERIFY(TestImages::writeFile(original, oldBytes));
         QProcess child;
         QVERIFY2(startSave(child, original), "the child did not start saving");
-        const qint64 delay = qint64(random.bounded(quint64(spanMicroseconds)));
+        const qint64 delay = kill % 2 == 0 ? qint64(random.bounded(quint64(saveMicroseconds * 5 / 4)))
+                                           : saveMicroseconds / 2 + qint64(random.bounded(quint64(saveMicroseconds / 2)));
         QThread::usleep(static_cast<unsigned long>(delay));
         child.kill();
         QVERIFY(child.waitForFinished(30000));
