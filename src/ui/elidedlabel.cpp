@@ -16,6 +16,8 @@ void ElidedLabel::setText(const QString& text)
     if (text == m_text)
         return;
     m_text = text;
+    // Screen readers get the whole text, not the shortened one.
+    setAccessibleName(text);
     updateGeometry();
     update();
 }
