@@ -2,7 +2,11 @@
 // offscreen platform has none), in exactly the colour asked for.
 
 #include <QApplication>
+#include <QDir>
+#include <QFile>
 #include <QIcon>
+#include <QImage>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include "ui/symbols.h"
@@ -58,6 +62,50 @@ private Q_SLOTS:
         // Something is drawn, and not a filled square.
         QVERIFY(covered > 20);
         QVERIFY(covered < 48 * 48 * 3 / 4);
+    }
+
+    void symbolicThemeIconsAreUsed()
+    {
+        if (!QDir(QStringLiteral("/usr/share/icons/Adwaita")).exists())
+            QSKIP("no Adwaita icon theme on this machine");
+        QIcon::setThemeSearchPaths({QStringLiteral("/usr/share/icons")});
+        QIcon::setThemeName(QStringLiteral("Adwaita"));
+        const QImage image = Symbols::tinted(Symbol::Warning, 24, Qt::black, 1.0).toImage();
+        QIcon::setThemeName(QString());
+        QIcon::setThemeSearchPaths({});
+        QCOMPARE(image.size(), QSize(24, 24));
+        QVERIFY(!image.isNull());
+    }
+
+    void fullColourThemeIconsGiveWayToOurDrawings()
+    {
+        // A theme whose picture icons are full colour: tinting one would give
+        // a blob.
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QDir theme(dir.filePath(QStringLiteral("colourful")));
+        QVERIFY(theme.mkpath(QStringLiteral("48x48/mimetypes")));
+        QFile index(theme.filePath(QStringLiteral("index.theme")));
+        QVERIFY(index.open(QIODevice::WriteOnly));
+        index.write("[Icon Theme]\nName=colourful\nDirectories=48x48/mimetypes\n\n"
+                    "[48x48/mimetypes]\nSize=48\nType=Fixed\n");
+        index.close();
+        QImage colourful(48, 48, QImage::Format_ARGB32);
+        colourful.fill(QColor(220, 40, 40));
+        for (int y = 0; y < 48; ++y)
+            for (int x = 24; x < 48; ++x)
+                colourful.setPixelColor(x, y, QColor(40, 80, 220));
+        QVERIFY(colourful.save(theme.filePath(QStringLiteral("48x48/mimetypes/image-x-generic.png"))));
+        // Some themes even ship full-colour pictures under the symbolic names.
+        QVERIFY(colourful.save(theme.filePath(QStringLiteral("48x48/mimetypes/image-x-generic-symbolic.png"))));
+
+        const QImage ours = Symbols::tinted(Symbol::Photo, 48, Qt::black, 1.0).toImage();
+        QIcon::setThemeSearchPaths({dir.path()});
+        QIcon::setThemeName(QStringLiteral("colourful"));
+        const QImage themed = Symbols::tinted(Symbol::Photo, 48, Qt::black, 1.0).toImage();
+        QIcon::setThemeName(QString());
+        QIcon::setThemeSearchPaths({});
+        QCOMPARE(themed, ours);
     }
 };
 
