@@ -61,9 +61,6 @@ DropZone::DropZone(QWidget* parent)
     m_callout->setFont(Theme::font(Theme::TextStyle::Callout, font()));
     m_callout->setWordWrap(true);
     m_callout->setAlignment(Qt::AlignCenter);
-    QPalette calloutPalette = m_callout->palette();
-    calloutPalette.setColor(QPalette::WindowText, Theme::secondary(palette()));
-    m_callout->setPalette(calloutPalette);
 
     m_choose = new QPushButton(tr("Choose Images…"), this);
     m_choose->setObjectName(QStringLiteral("chooseImages"));
@@ -99,7 +96,7 @@ DropZone::DropZone(QWidget* parent)
         update();
     });
 
-    updateIcon();
+    updateColours();
 }
 
 void DropZone::resizeEvent(QResizeEvent* event)
@@ -130,6 +127,14 @@ QRectF DropZone::panelRect() const
     QRectF scaled(0, 0, panel.width() * scale, panel.height() * scale);
     scaled.moveCenter(panel.center());
     return scaled;
+}
+
+void DropZone::updateColours()
+{
+    QPalette calloutPalette = m_callout->palette();
+    calloutPalette.setColor(QPalette::WindowText, Theme::secondary(palette()));
+    m_callout->setPalette(calloutPalette);
+    updateIcon();
 }
 
 void DropZone::updateIcon()
@@ -196,7 +201,7 @@ void DropZone::changeEvent(QEvent* event)
 {
     QWidget::changeEvent(event);
     if (event->type() == QEvent::PaletteChange || event->type() == QEvent::ApplicationPaletteChange)
-        updateIcon();
+        updateColours();
 }
 
 } // namespace orvane

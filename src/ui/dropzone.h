@@ -45,6 +45,7 @@ protected:
     void changeEvent(QEvent* event) override;
 
 private:
+    void updateColours();
     void updateIcon();
 
     QLabel* m_icon;
