@@ -5,6 +5,7 @@
 
 #include <QBoxLayout>
 #include <QEvent>
+#include <QPainter>
 #include <QLabel>
 #include <QPushButton>
 #include <QSignalBlocker>
@@ -21,7 +22,8 @@ namespace {
 
 void setTextColour(QWidget* widget, const QColor& colour)
 {
-    QPalette palette = widget->palette();
+    // Only the text colour is the label's own; the rest stays inherited.
+    QPalette palette;
     palette.setColor(QPalette::WindowText, colour);
     widget->setPalette(palette);
 }
@@ -41,7 +43,6 @@ ControlsView::ControlsView(CropModel* model, QWidget* parent)
     : QWidget(parent)
     , m_model(model)
 {
-    setAutoFillBackground(true);
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
     const QFont callout = Theme::font(Theme::TextStyle::Callout, font());
 
@@ -174,9 +175,6 @@ void ControlsView::refresh()
 void ControlsView::updateColours()
 {
     const QPalette& p = palette();
-    QPalette own = p;
-    own.setColor(QPalette::Window, Theme::bar(p));
-    setPalette(own);
     setTextColour(m_toleranceLabel, Theme::secondary(p));
     const int small = qMax(12, fontMetrics().height() - 1);
     m_lowIcon->setPixmap(Symbols::tinted(Symbol::DashedCircle, small, Theme::tertiary(p), devicePixelRatioF()));
@@ -200,11 +198,19 @@ void ControlsView::updateColours()
 void ControlsView::changeEvent(QEvent* event)
 {
     QWidget::changeEvent(event);
-    if (event->type() == QEvent::ApplicationPaletteChange) {
-        setPalette(QPalette());
+    // Sent once the inherited palette has changed (a new desktop theme).
+    if (event->type() == QEvent::PaletteChange) {
         updateColours();
         refresh();
     }
+}
+
+void ControlsView::paintEvent(QPaintEvent*)
+{
+    // The bar colour is painted rather than set as the palette's Window
+    // colour, so that the widget keeps inheriting the desktop's palette.
+    QPainter painter(this);
+    painter.fillRect(rect(), Theme::bar(palette()));
 }
 
 } // namespace orvane

@@ -2,6 +2,7 @@
 
 #include <QBoxLayout>
 #include <QEvent>
+#include <QPainter>
 #include <QLabel>
 
 #include "model/cropmodel.h"
@@ -16,7 +17,8 @@ namespace {
 
 void setTextColour(QWidget* widget, const QColor& colour)
 {
-    QPalette palette = widget->palette();
+    // Only the text colour is the label's own; the rest stays inherited.
+    QPalette palette;
     palette.setColor(QPalette::WindowText, colour);
     palette.setColor(QPalette::Text, colour);
     widget->setPalette(palette);
@@ -38,7 +40,6 @@ HeaderView::HeaderView(CropModel* model, QWidget* parent)
     , m_model(model)
 {
     using namespace HeaderMetrics;
-    setAutoFillBackground(true);
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
 
     m_nameRow = new QWidget(this);
@@ -154,9 +155,6 @@ void HeaderView::updateArrangement()
 void HeaderView::updateColours()
 {
     const QPalette& p = palette();
-    QPalette own = p;
-    own.setColor(QPalette::Window, Theme::bar(p));
-    setPalette(own);
     setTextColour(m_dimsBefore, Theme::secondary(p));
     const int arrowExtent = QFontMetrics(Theme::font(Theme::TextStyle::Caption2, font())).height();
     m_arrow->setPixmap(Symbols::tinted(Symbol::ArrowRight, qMax(10, arrowExtent), Theme::tertiary(p), devicePixelRatioF()));
@@ -174,11 +172,19 @@ void HeaderView::resizeEvent(QResizeEvent* event)
 void HeaderView::changeEvent(QEvent* event)
 {
     QWidget::changeEvent(event);
-    if (event->type() == QEvent::ApplicationPaletteChange) {
-        setPalette(QPalette());
+    // Sent once the inherited palette has changed (a new desktop theme).
+    if (event->type() == QEvent::PaletteChange) {
         updateColours();
         refresh();
     }
+}
+
+void HeaderView::paintEvent(QPaintEvent*)
+{
+    // The bar colour is painted rather than set as the palette's Window
+    // colour, so that the widget keeps inheriting the desktop's palette.
+    QPainter painter(this);
+    painter.fillRect(rect(), Theme::bar(palette()));
 }
 
 } // namespace orvane
