@@ -134,6 +134,31 @@ private Q_SLOTS:
         QCOMPARE(part<ElidedLabel>(header, "name")->text(), QStringLiteral("three.png"));
     }
 
+    void aThemeSwitchReachesEveryLabel()
+    {
+        CropModel model;
+        HeaderView header(&model);
+        header.show();
+        model.open({image(QStringLiteral("theme.png"), {400, 300}, QRect(50, 50, 300, 200))});
+        header.refresh();
+
+        const QPalette light = QApplication::palette();
+        QPalette dark = light;
+        dark.setColor(QPalette::Window, QColor(0x2B, 0x2B, 0x2B));
+        dark.setColor(QPalette::WindowText, QColor(0xE6, 0xE6, 0xE6));
+        dark.setColor(QPalette::Highlight, QColor(0x3D, 0x8F, 0xD6));
+        QApplication::setPalette(dark);
+        QCoreApplication::processEvents();
+
+        const QColor nameColour = part<ElidedLabel>(header, "name")->palette().color(QPalette::WindowText);
+        const QColor before = part(header, "dimsBefore")->palette().color(QPalette::WindowText);
+        const QColor after = part(header, "dimsAfter")->palette().color(QPalette::WindowText);
+        QApplication::setPalette(light);
+        QCOMPARE(nameColour, QColor(0xE6, 0xE6, 0xE6));
+        QCOMPARE(before, Theme::secondary(dark));
+        QCOMPARE(after, QColor(0x3D, 0x8F, 0xD6));
+    }
+
     void longNamesTruncateInTheMiddleAndDropTheSizesBelow()
     {
         CropModel model;
