@@ -39,6 +39,7 @@ private Q_SLOTS:
 
     void revealPlaysForEachNewImage();
     void toleranceChangeGlidesWithoutReveal();
+    void saveOverOriginalRevealsTheTrimmedImage();
     void noContentLeavesWholeImage();
     void drawsDarkeningAndOutline();
     void dropHighlightOnlyWithAnImage();
@@ -163,6 +164,28 @@ void ImagePreviewTest::toleranceChangeGlidesWithoutReveal()
     QTRY_COMPARE(m_preview->targetImageRect(), QRectF(0, 0, 400, 200));
     waitUntilSettled();
     QCOMPARE(m_preview->revealCount(), 1);
+}
+
+void ImagePreviewTest::saveOverOriginalRevealsTheTrimmedImage()
+{
+    const QUrl a = writeBlockImage(QDir(m_dir->path()), "a.png", 400, 200, blockContent);
+    openAndShow({a});
+    waitUntilSettled();
+    QTRY_COMPARE(m_preview->imageCache().copiesMade(), 1);
+
+    // The same item comes back 200 × 100: a new revealKey, so the reveal plays
+    // again, now with nothing left to darken; the new pixels get their own copy.
+    m_model->saveOverOriginal();
+    QVERIFY(!m_model->errorMessage());
+    QCOMPARE(m_model->active()->buffer.width(), 200);
+    QTRY_COMPARE(m_preview->revealCount(), 2);
+    waitUntilSettled();
+    QCOMPARE(m_preview->shownImageRect(), QRectF(0, 0, 200, 100));
+    QTRY_COMPARE(m_preview->imageCache().copiesMade(), 2);
+    const QImage shot = m_preview->grab().toImage();
+    // The black content now fills the whole frame.
+    QVERIFY(closeColour(shot.pixelColor(viewSize.width() / 2, viewSize.height() / 2), Qt::black));
+    QVERIFY(closeColour(shot.pixelColor(40, viewSize.height() / 2), Qt::black));
 }
 
 void ImagePreviewTest::noContentLeavesWholeImage()
