@@ -12,7 +12,6 @@
 #include <QToolButton>
 
 #include "model/cropmodel.h"
-#include "ui/coalescedrefresh.h"
 #include "ui/queuelistmodel.h"
 #include "ui/queuerowdelegate.h"
 #include "ui/scaledimagecache.h"
@@ -37,7 +36,6 @@ QFrame* rule(QWidget* parent)
 QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     : QWidget(parent)
     , m_model(model)
-    , m_refresh(new CoalescedRefresh(model, this, [this] { refresh(); }))
     // Thumbnails are small; room for a large queue and a change of screen.
     , m_thumbnails(new ScaledImageCache(4096, this))
     , m_rows(new QueueListModel(model, this))
@@ -114,9 +112,13 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     connect(&m_scroll, &QVariantAnimation::valueChanged, this,
             [this](const QVariant& value) { m_list->verticalScrollBar()->setValue(value.toInt()); });
 
+    // The drawer shows only the items and which one is active: a moving
+    // tolerance slider must not repaint the list on every step.
     connect(m_model, &CropModel::willChange, this, [this](CropModel::Property property) {
         if (property == CropModel::Property::ActiveID)
             m_scrollPending = true;
+        if (property == CropModel::Property::Items || property == CropModel::Property::ActiveID)
+            scheduleRefresh();
     });
     connect(m_thumbnails, &ScaledImageCache::imageReady, m_list->viewport(), qOverload<>(&QWidget::update));
 
@@ -136,6 +138,21 @@ void QueueDrawer::applyStyle()
     QPalette secondary = m_count->palette();
     secondary.setColor(QPalette::WindowText, Theme::secondary(p));
     m_count->setPalette(secondary);
+}
+
+void QueueDrawer::scheduleRefresh()
+{
+    if (m_refreshPending)
+        return;
+    m_refreshPending = true;
+    // willChange() comes before the assignment: read the model on the next turn.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_refreshPending = false;
+            refresh();
+        },
+        Qt::QueuedConnection);
 }
 
 void QueueDrawer::refresh()
@@ -184,7 +201,7 @@ void QueueDrawer::selectionChanged()
     const QModelIndexList selected = m_list->selectionModel()->selectedIndexes();
     if (selected.isEmpty()) {
         // An emptied selection calls nothing; the active row is marked again.
-        m_refresh->schedule();
+        scheduleRefresh();
         return;
     }
     const QUuid id = selected.first().data(QueueListModel::IdRole).value<QUuid>();

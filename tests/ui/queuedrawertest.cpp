@@ -2,6 +2,7 @@
 #include <QLineEdit>
 #include <QListView>
 #include <QScrollBar>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QToolButton>
@@ -54,6 +55,7 @@ private Q_SLOTS:
     void thumbnailLetterbox_data();
     void thumbnailLetterbox();
     void savedRowShowsCheckMark();
+    void toleranceLeavesTheListAlone();
 
 private:
     QList<QUrl> writeImages(int count, const QString& prefix = QStringLiteral("image"));
@@ -360,6 +362,27 @@ void QueueDrawerTest::savedRowShowsCheckMark()
     QVERIFY(m_model->items().front().saved);
     QTRY_VERIFY(greenPixels("image-00.png") > 20);
     QCOMPARE(greenPixels("image-01.png"), 0);
+}
+
+void QueueDrawerTest::toleranceLeavesTheListAlone()
+{
+    m_model->open(writeImages(3));
+    showDrawer();
+    QAbstractItemModel* rows = m_drawer->listView()->model();
+    QTRY_COMPARE(rows->rowCount(), 3);
+    QTest::qWait(50);
+    QSignalSpy changed(rows, &QAbstractItemModel::dataChanged);
+    QSignalSpy reset(rows, &QAbstractItemModel::modelReset);
+    // Dragging the slider changes nothing the drawer shows.
+    for (int i = 0; i < 10; ++i) {
+        m_model->setThreshold(10.0 * i);
+        QCoreApplication::processEvents();
+    }
+    QCOMPARE(changed.count(), 0);
+    QCOMPARE(reset.count(), 0);
+    // A save does: its row gets the mark.
+    m_model->saveOverOriginal();
+    QTRY_VERIFY(changed.count() > 0);
 }
 
 ORVANE_VIEW_TEST_MAIN(QueueDrawerTest)
