@@ -98,11 +98,14 @@ void KilledSaveTest::killedSaveLeavesOldOrNewFile()
     QVERIFY(reference.isValid());
     const QString copy = reference.filePath(name);
     QVERIFY(TestImages::writeFile(copy, oldBytes));
-    const qint64 saveTime = saveToEnd(copy);
-    QVERIFY2(saveTime >= 0, "the child could not save");
+    const qint64 firstTime = saveToEnd(copy);
+    QVERIFY2(firstTime >= 0, "the child could not save");
     const QByteArray newBytes = TestImages::readFile(copy);
     QVERIFY(TestImages::writeFile(copy, oldBytes));
-    QVERIFY(saveToEnd(copy) >= 0);
+    const qint64 secondTime = saveToEnd(copy);
+    QVERIFY(secondTime >= 0);
+    // Syncing to disk varies most; the slower run covers more of the saves.
+    const qint64 saveTime = std::max(firstTime, secondTime);
     QCOMPARE(TestImages::readFile(copy), newBytes);
     QVERIFY(newBytes != oldBytes);
     QVERIFY(ImageFile::load(copy).has_value());
