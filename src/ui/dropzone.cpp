@@ -9,6 +9,7 @@
 #include <QVBoxLayout>
 #include <QVariantAnimation>
 
+#include "ui/imagepreview.h"
 #include "ui/symbols.h"
 #include "ui/theme.h"
 
@@ -150,15 +151,10 @@ void DropZone::paintEvent(QPaintEvent*)
     painter.setRenderHint(QPainter::Antialiasing);
     const QPalette& p = palette();
 
-    // The same faint diagonal stripes as behind an image.
+    // The same faint diagonal stripes as behind an image, drawn from a tile:
+    // stroking every line on each frame of the hover animation stutters.
     painter.fillRect(rect(), p.color(QPalette::Window));
-    QColor stripe = p.color(QPalette::WindowText);
-    stripe.setAlphaF(0.05f);
-    painter.setPen(QPen(stripe, 1.5));
-    const int w = width();
-    const int h = height();
-    for (int x = -h; x < w; x += 10)
-        painter.drawLine(QPointF(x, 0), QPointF(x + h, h));
+    ImagePreview::paintStripes(painter, size(), devicePixelRatioF());
 
     const QRectF panel = panelRect();
     QPainterPath shape;
