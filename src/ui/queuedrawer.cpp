@@ -78,7 +78,7 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
 
     m_remove = new QToolButton(this);
     m_remove->setObjectName(QStringLiteral("queueRemove"));
-    m_remove->setIcon(Symbols::icon(Symbol::Minus));
+    m_remove->setIcon(Symbols::icon(Symbol::Trash));
     m_remove->setToolButtonStyle(Qt::ToolButtonIconOnly);
     m_remove->setAutoRaise(true);
     m_remove->setAccessibleName(tr("Remove"));

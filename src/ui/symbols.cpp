@@ -34,7 +34,7 @@ Names names(Symbol symbol)
     case Symbol::DashedCircleFilled: return {nullptr, "circle-dashed-filled"};
     case Symbol::ArrowRight: return {"go-next-symbolic", "arrow-right"};
     case Symbol::Plus: return {"list-add-symbolic", "plus"};
-    case Symbol::Minus: return {"list-remove-symbolic", "minus"};
+    case Symbol::Trash: return {"user-trash-symbolic", "trash"};
     case Symbol::Refresh: return {"view-refresh-symbolic", "refresh"};
     }
     return {nullptr, "photo-on-rectangle"};

@@ -17,7 +17,7 @@ enum class Symbol {
     DashedCircleFilled, ///< the high end of the tolerance slider
     ArrowRight,         ///< between the sizes before and after trimming
     Plus,
-    Minus,
+    Trash,
     Refresh,
 };
 

@@ -36,7 +36,7 @@ private Q_SLOTS:
         QTest::newRow("dashed circle filled") << Symbol::DashedCircleFilled;
         QTest::newRow("arrow right") << Symbol::ArrowRight;
         QTest::newRow("plus") << Symbol::Plus;
-        QTest::newRow("minus") << Symbol::Minus;
+        QTest::newRow("trash") << Symbol::Trash;
         QTest::newRow("refresh") << Symbol::Refresh;
     }
     void drawsInTheColourAsked()
