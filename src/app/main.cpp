@@ -1,7 +1,10 @@
 // Orvane: trims the empty border off images.
 
 #include <QApplication>
+#include <QDir>
 #include <QIcon>
+#include <QTimer>
+#include <QUrl>
 
 #include <vips/vips8>
 
@@ -11,6 +14,7 @@
 #include "app/shellmenus.h"
 #include "app/updatercontroller.h"
 #include "imagefile/imagefile.h"
+#include "ui/contentview.h"
 
 int main(int argc, char* argv[])
 {
@@ -35,6 +39,17 @@ int main(int argc, char* argv[])
     window.show();
     window.raise();
     window.activateWindow();
+    // Files and folders named on the command line (a file manager's "Open
+    // With") join the queue as a drop would, once the window is on screen so
+    // that a long open shows its progress.
+    QList<QUrl> urls;
+    const QStringList arguments = app.arguments().mid(1);
+    for (const QString& argument : arguments) {
+        if (!argument.startsWith(QLatin1Char('-')))
+            urls.append(QUrl::fromLocalFile(QDir::current().absoluteFilePath(argument)));
+    }
+    if (!urls.isEmpty())
+        QTimer::singleShot(0, window.contentView(), [&window, urls] { window.contentView()->openUrls(urls); });
     // Last step of the launch: background update checks start now.
     orvane::UpdaterController::shared().start();
 
