@@ -88,6 +88,16 @@ std::optional<std::vector<std::optional<DecodedFile>>> decodeAll(const QList<QUr
     };
 
     const int workerCount = std::clamp(threads, 1, std::max(total, 1));
+    // With one file per core in flight, libvips' own helper threads inside
+    // each decode only compete with the other workers for the same cores
+    // (measured: a batch opens about a quarter faster without them). A lone
+    // file keeps them. The setting is read as a decode starts, so it is put
+    // back once the workers have finished.
+    struct VipsConcurrency {
+        int saved = vips_concurrency_get();
+        explicit VipsConcurrency(bool single) { if (single) vips_concurrency_set(1); }
+        ~VipsConcurrency() { vips_concurrency_set(saved); }
+    } concurrency(workerCount > 1);
     std::vector<std::thread> workers;
     workers.reserve(std::size_t(workerCount));
     try {
