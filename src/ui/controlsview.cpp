@@ -40,7 +40,7 @@ QString rgba(const QColor& colour)
 } // namespace
 
 ControlsView::ControlsView(CropModel* model, QWidget* parent)
-    : QWidget(parent)
+    : BarWidget(parent)
     , m_model(model)
 {
     setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
@@ -195,22 +195,10 @@ void ControlsView::updateColours()
                  rgba(QColor(text.red(), text.green(), text.blue(), 200))));
 }
 
-void ControlsView::changeEvent(QEvent* event)
+void ControlsView::paletteChanged()
 {
-    QWidget::changeEvent(event);
-    // Sent once the inherited palette has changed (a new desktop theme).
-    if (event->type() == QEvent::PaletteChange) {
-        updateColours();
-        refresh();
-    }
-}
-
-void ControlsView::paintEvent(QPaintEvent*)
-{
-    // The bar colour is painted rather than set as the palette's Window
-    // colour, so that the widget keeps inheriting the desktop's palette.
-    QPainter painter(this);
-    painter.fillRect(rect(), Theme::bar(palette()));
+    updateColours();
+    refresh();
 }
 
 } // namespace orvane

@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include <QWidget>
+#include "ui/barwidget.h"
 
 class QLabel;
 class QPushButton;
@@ -17,7 +17,7 @@ class CropModel;
 /// Shows the model's messages and tolerance and calls its commands. Holds no
 /// state of its own; reads the model afresh on every change it announces. Does
 /// not own the model, which must outlive it.
-class ControlsView : public QWidget {
+class ControlsView : public BarWidget {
     Q_OBJECT
 
 public:
@@ -47,8 +47,7 @@ Q_SIGNALS:
     void openRequested();
 
 protected:
-    void changeEvent(QEvent* event) override;
-    void paintEvent(QPaintEvent* event) override;
+    void paletteChanged() override;
 
 private:
     void updateColours();

@@ -36,7 +36,7 @@ QString rgba(const QColor& colour)
 } // namespace
 
 HeaderView::HeaderView(CropModel* model, QWidget* parent)
-    : QWidget(parent)
+    : BarWidget(parent)
     , m_model(model)
 {
     using namespace HeaderMetrics;
@@ -169,22 +169,10 @@ void HeaderView::resizeEvent(QResizeEvent* event)
     updateArrangement();
 }
 
-void HeaderView::changeEvent(QEvent* event)
+void HeaderView::paletteChanged()
 {
-    QWidget::changeEvent(event);
-    // Sent once the inherited palette has changed (a new desktop theme).
-    if (event->type() == QEvent::PaletteChange) {
-        updateColours();
-        refresh();
-    }
-}
-
-void HeaderView::paintEvent(QPaintEvent*)
-{
-    // The bar colour is painted rather than set as the palette's Window
-    // colour, so that the widget keeps inheriting the desktop's palette.
-    QPainter painter(this);
-    painter.fillRect(rect(), Theme::bar(palette()));
+    updateColours();
+    refresh();
 }
 
 } // namespace orvane

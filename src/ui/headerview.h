@@ -2,8 +2,7 @@
 // queue and its size before and after trimming.
 #pragma once
 
-#include <QWidget>
-
+#include "ui/barwidget.h"
 #include "ui/headerlayout.h"
 
 class QBoxLayout;
@@ -18,7 +17,7 @@ class ElidedLabel;
 /// Shows the model's active item; the window shows the header only while there
 /// is one. Reads the model afresh on every change it announces. Does not own
 /// the model, which must outlive it.
-class HeaderView : public QWidget {
+class HeaderView : public BarWidget {
     Q_OBJECT
 
 public:
@@ -32,8 +31,7 @@ public:
 
 protected:
     void resizeEvent(QResizeEvent* event) override;
-    void changeEvent(QEvent* event) override;
-    void paintEvent(QPaintEvent* event) override;
+    void paletteChanged() override;
 
 private:
     void updateArrangement();
