@@ -1,4 +1,6 @@
 #include "imagefile/imagefile.h"
+#include "imagefile/pngdecoder.h"
+#include "imagefile/pngencoder.h"
 
 #include <algorithm>
 #include <array>
@@ -276,6 +278,28 @@ std::optional<LoadResult> loadBmp(QFile& file, const QByteArray& head)
     return LoadResult{image.copy_memory(), ImageType::bmp()};
 }
 
+// PNGs of the common kinds through our own decoder; absent when it doesn't
+// take the file, which libvips then reads (and refuses, if it is damaged).
+std::optional<LoadResult> loadCommonPng(QFile& file, const QByteArray& head)
+{
+    const QByteArray start = head.left(8 + 25);
+    const std::optional<PngDecoder::Header> header = PngDecoder::header(start);
+    if (!header)
+        return std::nullopt;
+    // The whole file and the inflated rows are held besides the image.
+    const std::int64_t bytesPerPixel = header->bands * header->depth / 8;
+    if (!fitsInMemory(header->width, header->height, bytesPerPixel, bytesPerPixel)
+        || file.size() > std::int64_t(availableMemory() / 4) || !file.seek(0))
+        return std::nullopt;
+    const QByteArray bytes = file.readAll();
+    if (bytes.size() != file.size())
+        return std::nullopt;
+    std::optional<vips::VImage> image = PngDecoder::decode(bytes);
+    if (!image)
+        return std::nullopt;
+    return LoadResult{*image, ImageType::png()};
+}
+
 std::optional<LoadResult> loadUnchecked(const QString& path)
 {
     const QFileInfo info(path);
@@ -295,6 +319,10 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
         return std::nullopt;
     if (*type == ImageType::bmp())
         return loadBmp(file, head);
+    if (*type == ImageType::png()) {
+        if (std::optional<LoadResult> fast = loadCommonPng(file, head))
+            return fast;
+    }
     file.close();
 
     const QByteArray name = QFile::encodeName(path);
@@ -388,74 +416,55 @@ QByteArray fromBlob(VipsBlob* blob)
     return bytes;
 }
 
-// The number of distinct pixels (alpha included) of an 8-bit colour image
-// when there are at most 256; absent otherwise. Stops at the 257th, so
-// photographs cost a few hundred pixels.
-std::optional<int> paletteSize(const vips::VImage& image)
+// libvips' PNG writer, for what our own doesn't take: other sample formats
+// and colour spaces, which libvips converts, and images too large to hold a
+// second time in memory, which libvips streams. Adaptive row filters at zlib
+// level 7, ImageMagick's default strength.
+QByteArray encodePngWithLibvips(const vips::VImage& image)
 {
-    if (image.format() != VIPS_FORMAT_UCHAR || image.bands() < 3 || image.bands() > 4)
-        return std::nullopt;
-    const vips::VImage memory = image.copy_memory();
-    const auto* pixel = static_cast<const std::uint8_t*>(vips_image_get_data(memory.get_image()));
-    if (!pixel)
-        return std::nullopt;
-    const int bands = memory.bands();
-    const std::size_t count = std::size_t(memory.width()) * std::size_t(memory.height());
-    // Open addressing over 1024 slots; a colour is its bytes, plus one so
-    // that 0 marks an empty slot.
-    std::array<std::uint64_t, 1024> slots{};
-    int distinct = 0;
-    for (std::size_t i = 0; i < count; ++i, pixel += bands) {
-        const std::uint64_t key = (std::uint64_t(pixel[0]) | std::uint64_t(pixel[1]) << 8 | std::uint64_t(pixel[2]) << 16
-                                   | std::uint64_t(bands == 4 ? pixel[3] : 255) << 24) + 1;
-        std::size_t slot = std::size_t((key * 0x9E3779B97F4A7C15ull) >> 54);
-        while (slots[slot] != 0 && slots[slot] != key)
-            slot = (slot + 1) & 1023;
-        if (slots[slot] == 0) {
-            if (++distinct > 256)
-                return std::nullopt;
-            slots[slot] = key;
-        }
-    }
-    return distinct;
+    return fromBlob(image.pngsave_buffer(
+        vips::VImage::option()->set("compression", PngEncoder::referenceZlibLevel)->set("filter", VIPS_FOREIGN_PNG_FILTER_ALL)->set("strip", false)));
 }
 
 QByteArray encodePng(const vips::VImage& image)
 {
-    // Adaptive row filters at zlib level 7, the strength ImageMagick writes by
-    // default. Level 9 saves a fraction of a percent on photographs and
-    // artwork alike but takes about twice the time, which a user waiting on a
-    // save or a batch of hundreds feels more than the bytes.
-    auto options = [] {
-        return vips::VImage::option()->set("compression", 7)->set("filter", VIPS_FOREIGN_PNG_FILTER_ALL)->set("strip", false);
-    };
-    // Screenshots, diagrams and scans of few colours take a fraction of the
-    // space as indexed colour. The palette comes from libimagequant, which is
-    // made for lossy quantising, so the result is decoded and compared, and
-    // used only when every pixel came through exactly (the colour of a fully
-    // transparent pixel aside: the quantiser may change it, and it shows nowhere).
-    if (const std::optional<int> colours = paletteSize(image)) {
-        // The fewest bits per index that hold every colour.
-        const int depth = *colours <= 2 ? 1 : *colours <= 4 ? 2 : *colours <= 16 ? 4 : 8;
-        try {
-            const QByteArray indexed = fromBlob(image.pngsave_buffer(
-                options()->set("palette", true)->set("bitdepth", depth)->set("Q", 100)->set("dither", 0.0)->set("effort", 10)));
-            VipsBlob* blob = vips_blob_new(nullptr, indexed.constData(), size_t(indexed.size()));
-            const vips::VImage decoded = vips::VImage::pngload_buffer(blob);
-            vips_area_unref(VIPS_AREA(blob));
-            if (decoded.width() == image.width() && decoded.height() == image.height()
-                && decoded.bands() == image.bands() && decoded.format() == image.format()) {
-                vips::VImage same = (decoded == image).bandand();
-                if (image.bands() == 4)
-                    same = same | ((image[3] == 0) & (decoded[3] == 0));
-                if (same.min() == 255.0)
-                    return indexed;
-            }
-        } catch (const vips::VError&) {
-            vips_error_clear(); // the truecolour file below will do
-        }
+    const VipsInterpretation kind = image.interpretation();
+    const int depth = image.format() == VIPS_FORMAT_UCHAR ? 8 : image.format() == VIPS_FORMAT_USHORT ? 16 : 0;
+    const bool grey = image.bands() <= 2 && kind == (depth == 8 ? VIPS_INTERPRETATION_B_W : VIPS_INTERPRETATION_GREY16);
+    const bool colour = (image.bands() == 3 || image.bands() == 4)
+        && kind == (depth == 8 ? VIPS_INTERPRETATION_sRGB : VIPS_INTERPRETATION_RGB16);
+    if (depth == 0 || !(grey || colour))
+        return encodePngWithLibvips(image);
+
+    PngEncoder::Pixels pixels;
+    pixels.width = image.width();
+    pixels.height = image.height();
+    pixels.bands = image.bands();
+    pixels.depth = depth;
+    // A trimmed image is cut from a decoded one and the region below points
+    // into it; anything else is computed into the region, which is counted
+    // here either way.
+    const std::size_t imageBytes = std::size_t(VIPS_IMAGE_SIZEOF_IMAGE(image.get_image()));
+    if (PngEncoder::workingMemory(pixels) + imageBytes > availableMemory() / 2)
+        return encodePngWithLibvips(image);
+
+    PngEncoder::Metadata metadata;
+    if (image.get_typeof(VIPS_META_ICC_NAME) != 0) {
+        const void* data = nullptr;
+        size_t length = 0;
+        if (vips_image_get_blob(image.get_image(), VIPS_META_ICC_NAME, &data, &length) == 0)
+            metadata.iccProfile = QByteArray(static_cast<const char*>(data), qsizetype(length));
     }
-    return fromBlob(image.pngsave_buffer(options()));
+    // libvips keeps the resolution in pixels per millimetre.
+    metadata.xPixelsPerMetre = std::uint32_t(std::clamp(std::lround(image.xres() * 1000.0), 0L, long(INT32_MAX)));
+    metadata.yPixelsPerMetre = std::uint32_t(std::clamp(std::lround(image.yres() * 1000.0), 0L, long(INT32_MAX)));
+
+    const vips::VRegion region = vips::VRegion::new_from_image(image);
+    region.prepare(0, 0, image.width(), image.height());
+    pixels.data = static_cast<const std::uint8_t*>(static_cast<const void*>(region.addr()));
+    pixels.stride = std::size_t(region.stride());
+    QByteArray bytes = PngEncoder::encode(pixels, metadata);
+    return bytes.isEmpty() ? encodePngWithLibvips(image) : bytes;
 }
 
 QByteArray encode(const vips::VImage& image, const ImageType& written)

@@ -92,6 +92,39 @@ inline bool hasSaver(const char* suffix)
     return found;
 }
 
+/// libvips' own sRGB profile.
+inline QByteArray iccProfile()
+{
+    VipsBlob* blob = nullptr;
+    if (vips_profile_load("srgb", &blob, nullptr) != 0)
+        return {};
+    size_t length = 0;
+    const void* data = vips_blob_get(blob, &length);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
+    vips_area_unref(VIPS_AREA(blob));
+    return bytes;
+}
+
+/// A blob field's bytes; empty when the image has none.
+inline QByteArray blobField(const vips::VImage& image, const char* name)
+{
+    if (image.get_typeof(name) == 0)
+        return {};
+    const void* data = nullptr;
+    size_t length = 0;
+    if (vips_image_get_blob(image.get_image(), name, &data, &length) != 0)
+        return {};
+    return QByteArray(static_cast<const char*>(data), qsizetype(length));
+}
+
+/// A copy of the image carrying the profile.
+inline vips::VImage withProfile(vips::VImage image, const QByteArray& profile)
+{
+    image = image.copy();
+    image.set(VIPS_META_ICC_NAME, nullptr, const_cast<char*>(profile.constData()), size_t(profile.size()));
+    return image;
+}
+
 } // namespace orvane::test
 
 namespace orvane {
