@@ -1,0 +1,136 @@
+// libFuzzer target: Orvane's own PNG reader and writer against libpng.
+//
+// Any bytes are, at once, a file for the reader and, after a 4-byte header
+// (width, bands, depth), pixels for the writer:
+// - a file the reader takes must be one libvips decodes too, to the same image;
+// - every file the writer makes must decode in libvips, and in the reader
+//   when it is of the reader's kinds, to exactly the pixels it was given.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include <QByteArray>
+
+#include <vips/vips8>
+
+#include "imagefile/imagefile.h"
+#include "imagefile/pngdecoder.h"
+#include "imagefile/pngencoder.h"
+
+namespace {
+
+[[noreturn]] void fault(const char* what)
+{
+    std::fprintf(stderr, "fuzz_png: %s\n", what);
+    std::abort();
+}
+
+std::optional<vips::VImage> libvipsDecode(const void* data, size_t size)
+{
+    try {
+        VipsBlob* blob = vips_blob_copy(data, size);
+        vips::VImage image = vips::VImage::pngload_buffer(blob, vips::VImage::option()->set("fail_on", VIPS_FAIL_ON_ERROR));
+        vips_area_unref(VIPS_AREA(blob));
+        return image.copy_memory();
+    } catch (const vips::VError&) {
+        vips_error_clear();
+        return std::nullopt;
+    }
+}
+
+QByteArray bytesOf(const vips::VImage& image)
+{
+    size_t size = 0;
+    void* data = image.write_to_memory(&size);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
+    g_free(data);
+    return bytes;
+}
+
+QByteArray profileOf(const vips::VImage& image)
+{
+    const void* data = nullptr;
+    size_t length = 0;
+    if (image.get_typeof(VIPS_META_ICC_NAME) == 0
+        || vips_image_get_blob(image.get_image(), VIPS_META_ICC_NAME, &data, &length) != 0)
+        return {};
+    return QByteArray(static_cast<const char*>(data), qsizetype(length));
+}
+
+bool sameImage(const vips::VImage& a, const vips::VImage& b)
+{
+    return a.width() == b.width() && a.height() == b.height() && a.bands() == b.bands() && a.format() == b.format()
+        && a.interpretation() == b.interpretation() && a.xres() == b.xres() && a.yres() == b.yres()
+        && profileOf(a) == profileOf(b) && bytesOf(a) == bytesOf(b);
+}
+
+void checkReader(const uint8_t* data, size_t size)
+{
+    const QByteArray file(reinterpret_cast<const char*>(data), qsizetype(size));
+    const std::optional<orvane::PngDecoder::Header> header = orvane::PngDecoder::header(file);
+    // Keep the fuzzer to images it can decode in a moment.
+    if (!header || std::int64_t(header->width) * header->height > (std::int64_t(1) << 20))
+        return;
+    const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(file);
+    if (!ours)
+        return;
+    const std::optional<vips::VImage> theirs = libvipsDecode(data, size);
+    if (!theirs)
+        fault("the reader took a file libvips refuses");
+    if (!sameImage(*ours, *theirs))
+        fault("the reader and libvips disagree");
+}
+
+void checkWriter(const uint8_t* data, size_t size)
+{
+    if (size < 5)
+        return;
+    const int width = 1 + data[0] % 64 + (data[1] & 1) * 64;
+    const int bands = 1 + data[2] % 4;
+    const int depth = data[3] & 1 ? 16 : 8;
+    const std::size_t row = std::size_t(width) * std::size_t(bands) * std::size_t(depth / 8);
+    const std::size_t height = (size - 4) / row;
+    if (height == 0)
+        return;
+    orvane::PngEncoder::Pixels pixels;
+    pixels.data = data + 4;
+    pixels.stride = row;
+    pixels.width = width;
+    pixels.height = int(height);
+    pixels.bands = bands;
+    pixels.depth = depth;
+    const QByteArray png = orvane::PngEncoder::encode(pixels);
+    if (png.isEmpty())
+        fault("the writer wrote nothing");
+    const QByteArray given(reinterpret_cast<const char*>(data + 4), qsizetype(row * height));
+    const std::optional<vips::VImage> theirs = libvipsDecode(png.constData(), size_t(png.size()));
+    if (!theirs)
+        fault("libvips refuses what the writer wrote");
+    if (theirs->bands() != bands || bytesOf(*theirs) != given)
+        fault("the writer's file holds other pixels");
+    const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(png);
+    const bool indexed = png.at(25) == 3;
+    if (!indexed && (!ours || bytesOf(*ours) != given))
+        fault("the reader does not read back what the writer wrote");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+    (void)argc;
+    if (VIPS_INIT((*argv)[0]) != 0)
+        fault("libvips does not start");
+    vips_concurrency_set(1);
+    orvane::ImageFile::initialise();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    checkReader(data, size);
+    checkWriter(data, size);
+    return 0;
+}
