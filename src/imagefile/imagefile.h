@@ -62,7 +62,7 @@ ImageType writableType(const ImageType& type);
 /// Writes image to path in writableType(type): JPEG at quality 92; PNG with
 /// adaptive filters, compressed about as well as zlib at level 7 or better,
 /// as indexed colour with the exact palette when an 8-bit colour image has
-/// at most 256 distinct pixels; 16-bit samples stay
+/// at most 256 distinct pixels and that is smaller; 16-bit samples stay
 /// 16-bit where the format holds them; no metadata of the source but the ICC
 /// profile (libvips adds a minimal EXIF block of its own to JPEG and WebP).
 /// An existing file is replaced atomically, keeping its permissions (and, for

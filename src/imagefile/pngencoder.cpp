@@ -282,17 +282,13 @@ std::size_t workingMemory(const Pixels& px)
     return 3 * filtered + filtered / 64 + 4 * rowBytes(px, px.bands * px.depth) + (std::size_t(1) << 20);
 }
 
-QByteArray encode(const Pixels& px, const Metadata& metadata)
-{
-    if (!validPixels(px))
-        return {};
-    const std::unique_ptr<libdeflate_compressor, CompressorDeleter> compressor(
-        libdeflate_alloc_compressor(compressionLevel));
-    if (!compressor)
-        return {};
+namespace {
 
-    ColourTable table;
-    const std::optional<Palette> palette = exactPalette(px, table);
+// The file, as indexed colour when a palette is given (table then numbers
+// its colours), else as grey or truecolour. Empty when memory runs out.
+QByteArray encodeAs(const Pixels& px, const Metadata& metadata, const Palette* palette, ColourTable& table,
+                    libdeflate_compressor* compressor)
+{
     const int bitsPerPixel = palette ? palette->bits : px.bands * px.depth;
     const std::size_t n = rowBytes(px, bitsPerPixel);
     const std::size_t filteredSize = std::size_t(px.height) * (n + 1);
@@ -351,7 +347,7 @@ QByteArray encode(const Pixels& px, const Metadata& metadata)
         }
     }
 
-    const QByteArray stream = zlibCompress(compressor.get(), filtered.get(), filteredSize);
+    const QByteArray stream = zlibCompress(compressor, filtered.get(), filteredSize);
     filtered.reset();
     if (stream.isEmpty())
         return {};
@@ -372,7 +368,7 @@ QByteArray encode(const Pixels& px, const Metadata& metadata)
     appendChunk(file, "IHDR", header, sizeof header);
 
     if (!metadata.iccProfile.isEmpty()) {
-        const QByteArray profile = zlibCompress(compressor.get(),
+        const QByteArray profile = zlibCompress(compressor,
                                                 reinterpret_cast<const std::uint8_t*>(metadata.iccProfile.constData()),
                                                 std::size_t(metadata.iccProfile.size()));
         if (profile.isEmpty())
@@ -406,6 +402,30 @@ QByteArray encode(const Pixels& px, const Metadata& metadata)
         appendChunk(file, "IDAT", data + at, std::min(idatChunkBytes, std::size_t(stream.size()) - at));
     appendChunk(file, "IEND", nullptr, 0);
     return file;
+}
+
+} // namespace
+
+QByteArray encode(const Pixels& px, const Metadata& metadata)
+{
+    if (!validPixels(px))
+        return {};
+    const std::unique_ptr<libdeflate_compressor, CompressorDeleter> compressor(
+        libdeflate_alloc_compressor(compressionLevel));
+    if (!compressor)
+        return {};
+    ColourTable table;
+    const std::optional<Palette> palette = exactPalette(px, table);
+    QByteArray truecolour = encodeAs(px, metadata, nullptr, table, compressor.get());
+    if (!palette)
+        return truecolour;
+    // Indexed colour usually wins, but not always: small icons with soft
+    // edges pay more for the palette than they save, and smooth gradients
+    // predict better as colours than as indices. The smaller file is kept.
+    QByteArray indexed = encodeAs(px, metadata, &*palette, table, compressor.get());
+    if (truecolour.isEmpty() || indexed.isEmpty())
+        return {};
+    return indexed.size() <= truecolour.size() ? indexed : truecolour;
 }
 
 } // namespace orvane::PngEncoder

@@ -35,12 +35,12 @@ inline constexpr int referenceZlibLevel = 7;
 /// The bytes of memory encode() needs besides the pixels and its result, at most.
 std::size_t workingMemory(const Pixels& pixels);
 
-/// A PNG file of the pixels, byte for byte lossless. 8-bit RGB and RGBA
-/// images of at most 256 distinct pixels (alpha included) are written as
-/// indexed colour with the exact palette, in 1, 2, 4 or 8 bits per pixel;
-/// everything else as grey or truecolour at its own depth, each row with the
-/// filter whose output has the smallest sum of magnitudes. Empty when the
-/// pixels are not of a kind described above or memory runs out.
+/// A PNG file of the pixels, byte for byte lossless: grey or truecolour at
+/// their own depth, each row with the filter whose output has the smallest
+/// sum of magnitudes. An 8-bit RGB or RGBA image of at most 256 distinct
+/// pixels (alpha included) is also written as indexed colour with the exact
+/// palette, in 1, 2, 4 or 8 bits per pixel, and the smaller file is kept.
+/// Empty when the pixels are not of a kind described above or memory runs out.
 /// Thread-safe.
 QByteArray encode(const Pixels& pixels, const Metadata& metadata = {});
 

@@ -355,7 +355,7 @@ TEST(PngEncoder, RowsAreReadThroughTheStride)
     EXPECT_EQ(samples(*back), samples(wide.extract_area(7, 3, 30, 12)));
 }
 
-TEST(PngEncoder, FewColoursBecomeAnExactPaletteOfTheFewestBits)
+TEST(PngEncoder, FewScatteredColoursBecomeAnExactPaletteOfTheFewestBits)
 {
     const struct {
         int colours;
@@ -363,7 +363,7 @@ TEST(PngEncoder, FewColoursBecomeAnExactPaletteOfTheFewestBits)
         int depth;      // expected bits per index; 8 with colour type 2 or 6 past 256
         int colourType; // expected
     } cases[] = {
-        {1, 3, 1, 3}, {2, 3, 1, 3}, {3, 3, 2, 3}, {4, 4, 2, 3}, {5, 3, 4, 3},
+        {2, 3, 1, 3}, {3, 3, 2, 3}, {4, 4, 2, 3}, {5, 3, 4, 3},
         {16, 4, 4, 3}, {17, 3, 8, 3}, {256, 4, 8, 3}, {257, 3, 8, 2}, {257, 4, 8, 6},
     };
     for (const auto& c : cases) {
@@ -372,10 +372,17 @@ TEST(PngEncoder, FewColoursBecomeAnExactPaletteOfTheFewestBits)
                 continue;
             SCOPED_TRACE(::testing::Message() << c.colours << " colours, " << c.bands << " bands"
                                               << (translucent ? ", some translucent" : ""));
-            // Colour k fills column k % colours of a 37-wide image (odd, so
-            // that packed rows end inside a byte).
-            const vips::VImage xy = vips::VImage::xyz(37, 11);
-            const vips::VImage k = (xy[0] + xy[1] * 37) % c.colours;
+            // Colour numbers scattered at random (each one at least once)
+            // over a 37-wide image: odd, so that packed rows end inside a byte.
+            constexpr int width = 37, height = 40;
+            std::vector<std::int32_t> numbers(width * height);
+            std::uint32_t state = 12345;
+            for (std::size_t i = 0; i < numbers.size(); ++i) {
+                state = state * 1664525u + 1013904223u;
+                numbers[i] = i < std::size_t(c.colours) ? int(i) : int((state >> 8) % std::uint32_t(c.colours));
+            }
+            const vips::VImage k = vips::VImage::new_from_memory(numbers.data(), numbers.size() * 4, width, height, 1,
+                                                                 VIPS_FORMAT_INT).copy_memory();
             vips::VImage image = (k % 256).bandjoin(k / 256 * 60 + 7).bandjoin(255 - k % 256);
             if (c.bands == 4)
                 image = image.bandjoin(translucent ? (k % 3 == 0).ifthenelse(k % 200, 255) : k * 0 + 255);
@@ -390,6 +397,22 @@ TEST(PngEncoder, FewColoursBecomeAnExactPaletteOfTheFewestBits)
             EXPECT_EQ(samples(*back), samples(image));
         }
     }
+}
+
+TEST(PngEncoder, AGradientOfFewColoursStaysTruecolourWhenThatIsSmaller)
+{
+    // 256 greys left to right: the Sub filter turns each row into ones, which
+    // beats the palette's 768 bytes.
+    const vips::VImage x = vips::VImage::xyz(256, 64)[0];
+    const vips::VImage image = x.bandjoin(x).bandjoin(x).cast(VIPS_FORMAT_UCHAR)
+                                   .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
+                                   .copy_memory();
+    const QByteArray png = PngEncoder::encode(pixelsOf(image));
+    EXPECT_EQ(ihdrByte(png, 9), 2);
+    EXPECT_LT(png.size(), 768);
+    const std::optional<vips::VImage> back = loadedByLibvips(png);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(samples(*back), samples(image));
 }
 
 TEST(PngEncoder, TheProfileAndTheResolutionAreWritten)
