@@ -225,6 +225,64 @@ std::optional<std::pair<std::int64_t, std::int64_t>> bmpSize(const QByteArray& h
     return std::pair<std::int64_t, std::int64_t>(width, height < 0 ? -height : height);
 }
 
+// Width and height from a TIFF's first directory (classic or BigTIFF, either
+// byte order), read by us: libtiff sizes its strip tables by the height it is
+// told, and a directory claiming a million rows costs it a third of a second
+// and megabytes before the size test would see the header. Absent when the
+// directory cannot be read; libtiff then has its say.
+std::optional<std::pair<std::int64_t, std::int64_t>> tiffSize(QFile& file)
+{
+    if (!file.seek(0))
+        return std::nullopt;
+    const QByteArray header = file.read(16);
+    if (header.size() < 8 || (!header.startsWith("II") && !header.startsWith("MM")))
+        return std::nullopt;
+    const bool little = header.startsWith("II");
+    const auto number = [little](const QByteArray& bytes, qsizetype at, int size) {
+        std::uint64_t value = 0;
+        for (int i = 0; i < size; ++i) {
+            const auto byte = std::uint64_t(std::uint8_t(bytes[at + (little ? size - 1 - i : i)]));
+            value = value << 8 | byte;
+        }
+        return value;
+    };
+    const std::uint64_t magic = number(header, 2, 2);
+    if (magic != 42 && !(magic == 43 && header.size() == 16 && number(header, 4, 2) == 8))
+        return std::nullopt;
+    const bool big = magic == 43;
+    const std::uint64_t directory = big ? number(header, 8, 8) : number(header, 4, 4);
+    const int countSize = big ? 8 : 2;
+    const int entrySize = big ? 20 : 12;
+    if (directory > std::uint64_t(file.size()) || !file.seek(qint64(directory)))
+        return std::nullopt;
+    const QByteArray countBytes = file.read(countSize);
+    if (countBytes.size() != countSize)
+        return std::nullopt;
+    // Tags are sorted, and width and height are the first two of all.
+    const std::uint64_t count = std::min<std::uint64_t>(number(countBytes, 0, countSize), 64);
+    const QByteArray entries = file.read(qint64(count) * entrySize);
+    std::int64_t width = -1, height = -1;
+    for (qsizetype at = 0; at + entrySize <= entries.size(); at += entrySize) {
+        const std::uint64_t tag = number(entries, at, 2);
+        const std::uint64_t type = number(entries, at + 2, 2);
+        const qsizetype value = at + (big ? 12 : 8);
+        std::int64_t size = -1;
+        if (type == 3) // SHORT
+            size = std::int64_t(number(entries, value, 2));
+        else if (type == 4) // LONG
+            size = std::int64_t(number(entries, value, 4));
+        else if (type == 16 && big) // LONG8
+            size = std::int64_t(std::min<std::uint64_t>(number(entries, value, 8), std::uint64_t(INT64_MAX)));
+        if (tag == 256)
+            width = size;
+        else if (tag == 257)
+            height = size;
+    }
+    if (width < 0 || height < 0)
+        return std::nullopt;
+    return std::pair(width, height);
+}
+
 // libvips 8.14's HEIF loader lends the image its profile and metadata blobs
 // from memory that it frees when it goes: with the operation cache off that
 // happens as soon as the image is in memory, and the profile then reads as
@@ -322,6 +380,13 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
     if (*type == ImageType::png()) {
         if (std::optional<LoadResult> fast = loadCommonPng(file, head))
             return fast;
+    }
+    if (*type == ImageType::tiff()) {
+        // At least a byte a pixel, whatever the samples: a size that fails
+        // even that is refused before libtiff reads the directory.
+        const auto size = tiffSize(file);
+        if (size && !fitsInMemory(size->first, size->second, 1, 0))
+            return std::nullopt;
     }
     file.close();
 

@@ -1,6 +1,7 @@
 // Files whose headers claim enormous sizes, and decompression bombs whose
 // small files really decode to enormous images, are refused from the header:
 // promptly, without the memory, alone and through the model.
+#include <algorithm>
 #include <cstring>
 
 #include <QElapsedTimer>
@@ -117,6 +118,48 @@ QByteArray greyTiff(quint32 width, quint32 height, int compression, const QByteA
     }
     put32le(b, 0);
     return b + strip;
+}
+
+// The same TIFF in Motorola byte order: every number of the header and the
+// directory reversed (the SHORT values stay in the first two bytes of their slot).
+QByteArray bigEndianTiff(quint32 width, quint32 height)
+{
+    const QByteArray little = greyTiff(width, height, 1, QByteArray(16, '\0'));
+    QByteArray b("MM\0*", 4);
+    const auto swapped = [&](qsizetype at, int size) {
+        QByteArray part = little.mid(at, size);
+        std::reverse(part.begin(), part.end());
+        return part;
+    };
+    b += swapped(4, 4) + swapped(8, 2);
+    for (qsizetype e = 10; e + 12 <= 10 + 9 * 12; e += 12) {
+        b += swapped(e, 2) + swapped(e + 2, 2) + swapped(e + 4, 4);
+        b += little.at(e + 2) == 3 ? swapped(e + 8, 2) + QByteArray(2, '\0') : swapped(e + 8, 4);
+    }
+    return b + little.mid(10 + 9 * 12);
+}
+
+// An 8-bit grey BigTIFF in one uncompressed strip of zeros, its sizes as LONG8.
+QByteArray bigTiff(quint64 width, quint64 height)
+{
+    const quint64 entries = 9;
+    const quint64 dataOffset = 16 + 8 + entries * 20 + 8;
+    const quint64 stripBytes = std::min<quint64>(width * height, 4096);
+    const std::pair<quint16, quint64> ifd[entries] = {
+        {256, width}, {257, height}, {258, 8}, {259, 1}, {262, 1}, {273, dataOffset}, {277, 1}, {278, height}, {279, stripBytes},
+    };
+    QByteArray b("II+\0\x08\0\0\0", 8);
+    const auto put64 = [&b](quint64 v) { put32le(b, quint32(v)); put32le(b, quint32(v >> 32)); };
+    put64(16);
+    put64(entries);
+    for (const auto& [tag, value] : ifd) {
+        put16le(b, tag);
+        put16le(b, 16); // LONG8
+        put64(1);
+        put64(value);
+    }
+    put64(0);
+    return b + QByteArray(qsizetype(stripBytes), '\0');
 }
 
 QByteArray bmp(qint32 width, qint32 height)
@@ -308,6 +351,8 @@ void HostileSizesTest::buildersMakeLoadableFiles()
         {QStringLiteral("zeros-grey.png"), zerosPng(70, 3000, 0), 70, 3000},
         {QStringLiteral("zeros.tiff"), greyTiff(300, 200, 8, zerosZlib(300 * 200)), 300, 200},
         {QStringLiteral("plain.tiff"), greyTiff(30, 20, 1, QByteArray(600, '\0')), 30, 20},
+        {QStringLiteral("motorola.tiff"), bigEndianTiff(4, 4), 4, 4},
+        {QStringLiteral("big.tiff"), bigTiff(30, 20), 30, 20},
         {QStringLiteral("small.jpeg"), bigJpeg(64, 48), 64, 48},
     };
     for (const auto& file : files) {
@@ -360,6 +405,8 @@ void HostileSizesTest::enormousHeadersAreRefused_data()
     QTest::newRow("PNG 1×2³¹−1") << png(1, 0x7fffffff, 0, someRows) << "ihdr-tall.png" << "image/png";
     QTest::newRow("JPEG 65500×65500") << bigJpeg(65500, 65500) << "sof.jpeg" << "image/jpeg";
     QTest::newRow("TIFF 1000000×1000000") << greyTiff(1000000, 1000000, 1, QByteArray(16, '\0')) << "ifd.tiff" << "image/tiff";
+    QTest::newRow("TIFF 1000000×1000000, Motorola order") << bigEndianTiff(1000000, 1000000) << "ifd-mm.tiff" << "image/tiff";
+    QTest::newRow("BigTIFF 2⁴⁰ square") << bigTiff(1ull << 40, 1ull << 40) << "ifd.btf.tiff" << "image/tiff";
     QTest::newRow("BMP 100000×100000") << bmp(100000, 100000) << "header.bmp" << "image/bmp";
     QTest::newRow("BMP 100000×−100000") << bmp(100000, -100000) << "top-down.bmp" << "image/bmp";
     QTest::newRow("BMP −2³¹ wide") << bmp(qint32(0x80000000u), 1) << "negative.bmp" << "image/bmp";
