@@ -13,6 +13,10 @@ namespace {
 
 constexpr char kSignature[] = "\x89PNG\r\n\x1a\n";
 
+constexpr std::uint32_t kLibpngSideLimit = 1000000;
+// libpng drops an ancillary chunk that needs more memory than this.
+constexpr std::size_t kLibpngChunkLimit = 8000000;
+
 // libvips' resolution when a file has no pHYs chunk: 2834 pixels per metre
 // (72 per inch), kept in pixels per millimetre.
 constexpr double kDefaultResolution = 2.834;
@@ -74,10 +78,12 @@ struct FreeDeleter {
 using Buffer = std::unique_ptr<std::uint8_t[], FreeDeleter>;
 
 // A zlib stream whose inflated size is not known in advance (an ICC
-// profile), grown until it fits; absent when damaged or implausibly large.
+// profile), grown until it fits; absent when damaged or larger than libpng
+// would take.
 std::optional<QByteArray> inflateUnknown(libdeflate_decompressor* d, const std::uint8_t* in, std::size_t length)
 {
-    for (std::size_t room = std::max<std::size_t>(length * 4, 4096); room <= (std::size_t(64) << 20); room *= 4) {
+    for (std::size_t room = std::min(std::max<std::size_t>(length * 4, 4096), kLibpngChunkLimit);;
+         room = std::min(room * 4, kLibpngChunkLimit)) {
         QByteArray out(qsizetype(room), Qt::Uninitialized);
         std::size_t produced = 0;
         const libdeflate_result result = libdeflate_zlib_decompress(d, in, length, out.data(), room, &produced);
@@ -85,10 +91,9 @@ std::optional<QByteArray> inflateUnknown(libdeflate_decompressor* d, const std::
             out.truncate(qsizetype(produced));
             return out;
         }
-        if (result != LIBDEFLATE_INSUFFICIENT_SPACE)
+        if (result != LIBDEFLATE_INSUFFICIENT_SPACE || room == kLibpngChunkLimit)
             return std::nullopt;
     }
-    return std::nullopt;
 }
 
 // ---------------------------------------------------------------- row filters
@@ -170,7 +175,9 @@ std::optional<Header> header(const QByteArray& file)
     const std::uint32_t height = bigEndian32(p + 12);
     const int depth = p[16];
     const int colourType = p[17];
-    if (width == 0 || height == 0 || width > 0x7fffffffu || height > 0x7fffffffu)
+    // libpng refuses sides of more than a million pixels unless told
+    // otherwise, and libvips doesn't tell it: such files stay libpng's.
+    if (width == 0 || height == 0 || width > kLibpngSideLimit || height > kLibpngSideLimit)
         return std::nullopt;
     if ((depth != 8 && depth != 16) || p[18] != 0 || p[19] != 0 || p[20] != 0)
         return std::nullopt; // compression and filter methods 0, not interlaced
