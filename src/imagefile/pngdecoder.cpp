@@ -208,7 +208,7 @@ std::optional<vips::VImage> decode(const QByteArray& file)
     const std::uint8_t* profile = nullptr;
     std::size_t profileLength = 0;
     double xres = kDefaultResolution, yres = kDefaultResolution;
-    bool idatSeen = false, idatEnded = false, ended = false, colourChunks = false;
+    bool idatSeen = false, idatEnded = false, ended = false, colourChunks = false, physicalSeen = false;
     while ((chunk = reader.next())) {
         const std::uint32_t type = chunk->type;
         if (type == tag("IDAT")) {
@@ -239,7 +239,8 @@ std::optional<vips::VImage> decode(const QByteArray& file)
                 return std::nullopt;
             profile = terminator + 2;
             profileLength = chunk->length - std::size_t(profile - chunk->data);
-        } else if (type == tag("pHYs") && !idatSeen) {
+        } else if (type == tag("pHYs") && !idatSeen && !physicalSeen) { // libpng skips a second one
+            physicalSeen = true;
             if (chunk->length != 9 || chunk->data[8] > 1)
                 return std::nullopt;
             // As libvips reads it: per millimetre when the unit is the

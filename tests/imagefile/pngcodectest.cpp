@@ -213,6 +213,7 @@ TEST(PngDecoder, ResolutionAndProfileAreReadAsLibvipsReadsThem)
         {"pixels per metre", {perMetre}},
         {"unknown unit: a pixel aspect only", {unknownUnit}},
         {"a profile", {{"iCCP", compressedProfile}}},
+        {"a second pHYs is skipped", {perMetre, unknownUnit}},
         {"text, time and a private chunk are skipped",
          {{"tEXt", QByteArray("Comment\0hello", 13)}, {"prVt", "anything"}, perMetre}},
     };
