@@ -162,6 +162,26 @@ Unfilter unfilterFor(std::size_t bpp)
     }
 }
 
+// libpng's own rules for any chunk, which end the file there when broken:
+// a type of four ASCII letters, and a size within its limit (8 MB, or for
+// image data what the rows could take when barely compressed).
+bool validChunk(const Chunk& chunk, const Header& head)
+{
+    for (int shift = 0; shift < 32; shift += 8) {
+        const auto c = char(chunk.type >> shift);
+        if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z')))
+            return false;
+    }
+    std::size_t limit = kLibpngChunkLimit;
+    if (chunk.type == tag("IDAT")) {
+        const std::size_t rowFactor = std::size_t(head.width) * std::size_t(head.bands * head.depth / 8) + 1;
+        std::size_t idatLimit = std::size_t(head.height) * rowFactor;
+        idatLimit += 6 + 5 * (idatLimit / std::min<std::size_t>(rowFactor, 32566) + 1);
+        limit = std::max(limit, std::min<std::size_t>(idatLimit, 0x7fffffff));
+    }
+    return chunk.length <= limit;
+}
+
 } // namespace
 
 std::optional<Header> header(const QByteArray& file)
@@ -211,6 +231,8 @@ std::optional<vips::VImage> decode(const QByteArray& file)
     bool idatSeen = false, idatEnded = false, ended = false, colourChunks = false, physicalSeen = false;
     while ((chunk = reader.next())) {
         const std::uint32_t type = chunk->type;
+        if (!validChunk(*chunk, *head))
+            return std::nullopt;
         if (type == tag("IDAT")) {
             if (idatEnded)
                 return std::nullopt;

@@ -273,6 +273,8 @@ TEST(PngDecoder, LeavesDamagedAndUncommonFilesToLibvips)
         {"a profile beside sRGB", rgbFile(plainRows(), {{"iCCP", QByteArray("icc\0\0", 5) + zlibCompressed(iccProfile())}, {"sRGB", QByteArray(1, '\0')}})},
         {"a grey profile on a colour image", rgbFile(plainRows(), {{"iCCP", QByteArray("icc\0\0", 5) + zlibCompressed(iccProfile().replace(16, 4, "GRAY"))}})},
         {"a palette image", test::readFile(kSuite + "/basn3p08.png")},
+        {"a chunk type that is not four letters", rgbFile(plainRows(), {{"gAM:", QByteArray(4, '\1')}})},
+        {"a text chunk over libpng's 8 MB", rgbFile(plainRows(), {{"tEXt", QByteArray("Comment\0", 8) + QByteArray(8000000, 'x')}})},
         {"wider than libpng takes", fileOf({{"IHDR", bigEndian32(1000001) + bigEndian32(1) + QByteArray("\x08\x00\x00\x00\x00", 5)},
                                             {"IDAT", zlibCompressed(QByteArray(1000002, '\0'))}, {"IEND", {}}})},
         {"one bit per pixel", test::readFile(kSuite + "/basn0g01.png")},
