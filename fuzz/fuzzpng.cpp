@@ -86,6 +86,43 @@ QByteArray withFixedChecksums(QByteArray file)
     return file;
 }
 
+// The IDAT chunks' data, joined.
+QByteArray idatStream(const QByteArray& file)
+{
+    QByteArray stream;
+    for (qsizetype at = 8; at + 12 <= file.size();) {
+        const auto* p = reinterpret_cast<const uint8_t*>(file.constData() + at);
+        const std::uint64_t length = std::uint64_t(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
+        if (length > std::uint64_t(file.size() - at - 12))
+            break;
+        if (std::memcmp(p + 4, "IDAT", 4) == 0)
+            stream.append(file.constData() + at + 8, qsizetype(length));
+        at += 12 + qsizetype(length);
+    }
+    return stream;
+}
+
+// Whether zlib inflates the stream to its end without an error. libdeflate
+// accepts a few streams that zlib calls invalid (length codes 286 and 287,
+// for one); what it makes of them must still pass the Adler-32 check.
+bool zlibInflates(const QByteArray& stream)
+{
+    z_stream z{};
+    if (inflateInit(&z) != Z_OK)
+        return false;
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(stream.constData()));
+    z.avail_in = uInt(stream.size());
+    std::vector<Bytef> out(1 << 16);
+    int result = Z_OK;
+    while (result == Z_OK) {
+        z.next_out = out.data();
+        z.avail_out = uInt(out.size());
+        result = inflate(&z, Z_NO_FLUSH);
+    }
+    inflateEnd(&z);
+    return result == Z_STREAM_END;
+}
+
 void checkReader(const QByteArray& file)
 {
     const std::optional<orvane::PngDecoder::Header> header = orvane::PngDecoder::header(file);
@@ -96,8 +133,10 @@ void checkReader(const QByteArray& file)
     if (!ours)
         return;
     const std::optional<vips::VImage> theirs = libvipsDecode(file.constData(), size_t(file.size()));
-    if (!theirs)
+    if (!theirs && zlibInflates(idatStream(file)))
         fault("the reader took a file libvips refuses");
+    if (!theirs)
+        return; // one of the streams libdeflate forgives and zlib doesn't
     if (!sameImage(*ours, *theirs))
         fault("the reader and libvips disagree");
 }

@@ -292,6 +292,10 @@ std::optional<vips::VImage> decode(const QByteArray& file)
     Buffer filtered(static_cast<std::uint8_t*>(std::malloc(filteredSize)));
     if (!filtered)
         return std::nullopt;
+    // The rows must fill the buffer exactly and the stream end with the
+    // chunks. libdeflate forgives a few codes zlib calls invalid (lengths 286
+    // and 287, for one); the Adler-32 check still has to pass, so a file that
+    // libpng refuses for them is read here with the data it was made from.
     std::size_t consumed = 0;
     if (libdeflate_zlib_decompress_ex(decompressor.get(), stream.constData(), std::size_t(stream.size()),
                                       filtered.get(), filteredSize, &consumed, nullptr)
