@@ -294,8 +294,8 @@ std::optional<vips::VImage> decode(const QByteArray& file)
         return std::nullopt;
     // The rows must fill the buffer exactly and the stream end with the
     // chunks. libdeflate forgives a few codes zlib calls invalid (lengths 286
-    // and 287, for one); the Adler-32 check still has to pass, so a file that
-    // libpng refuses for them is read here with the data it was made from.
+    // and 287, for one), but what it makes of them must still pass the
+    // stream's Adler-32 check: such a file, which libpng refuses, is read.
     std::size_t consumed = 0;
     if (libdeflate_zlib_decompress_ex(decompressor.get(), stream.constData(), std::size_t(stream.size()),
                                       filtered.get(), filteredSize, &consumed, nullptr)
