@@ -20,6 +20,10 @@ namespace orvane::ImageFile {
 
 namespace {
 
+// Set by load() on an image whose file stored it without loss where its
+// format also allows lossy storage (WebP), so that save() keeps it that way.
+constexpr const char* kLosslessSourceField = "orvane-lossless-source";
+
 // Enough for every signature and for QMimeDatabase's usual magic offsets.
 constexpr qint64 kHeadBytes = 4096;
 
@@ -283,6 +287,31 @@ std::optional<std::pair<std::int64_t, std::int64_t>> tiffSize(QFile& file)
     return std::pair(width, height);
 }
 
+// Whether a WebP file's (first) image is stored losslessly: a VP8L bitstream
+// rather than a VP8 one, at the top level or in the first animation frame.
+bool webpIsLossless(QFile& file)
+{
+    const auto littleEndian = [](const QByteArray& b, qsizetype at) {
+        return std::uint32_t(std::uint8_t(b[at])) | std::uint32_t(std::uint8_t(b[at + 1])) << 8
+            | std::uint32_t(std::uint8_t(b[at + 2])) << 16 | std::uint32_t(std::uint8_t(b[at + 3])) << 24;
+    };
+    qint64 at = 12; // after "RIFF", the size and "WEBP"
+    for (int chunks = 0; chunks < 64 && file.seek(at); ++chunks) {
+        const QByteArray header = file.read(8);
+        if (header.size() != 8)
+            return false;
+        const QByteArray fourcc = header.left(4);
+        if (fourcc == "VP8L")
+            return true;
+        if (fourcc == "VP8 ")
+            return false;
+        // A frame: 16 bytes of position, size and timing, then its own chunks.
+        const qint64 skip = fourcc == "ANMF" ? 16 : (qint64(littleEndian(header, 4)) + 1) & ~qint64(1);
+        at += 8 + skip;
+    }
+    return false;
+}
+
 // libvips 8.14's HEIF loader lends the image its profile and metadata blobs
 // from memory that it frees when it goes: with the operation cache off that
 // happens as soon as the image is in memory, and the profile then reads as
@@ -417,7 +446,13 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
     if (!fitsInMemory(header.width(), header.height(), bytesPerPixel, extraPerPixel))
         return std::nullopt;
     ownBlobs(header);
-    return LoadResult{header.copy_memory(), *type};
+    vips::VImage image = header.copy_memory();
+    if (*type == ImageType::webP()) {
+        QFile webp(path);
+        if (webp.open(QIODevice::ReadOnly) && webpIsLossless(webp))
+            image.set(kLosslessSourceField, 1);
+    }
+    return LoadResult{image, *type};
 }
 
 // ---------------------------------------------------------------- saving
@@ -532,8 +567,13 @@ QByteArray encodePng(const vips::VImage& image)
     return bytes.isEmpty() ? encodePngWithLibvips(image) : bytes;
 }
 
-QByteArray encode(const vips::VImage& image, const ImageType& written)
+QByteArray encode(const vips::VImage& image, const ImageType& written, bool losslessSource)
 {
+    if (written == ImageType::webP() && losslessSource) {
+        // A lossless WebP (a screenshot, artwork) stays lossless: a lossy
+        // copy would blur the very edges that were just trimmed to.
+        return fromBlob(image.webpsave_buffer(vips::VImage::option()->set("lossless", true)->set("strip", false)));
+    }
     if (written == ImageType::jpeg()) {
         // Optimised Huffman tables cost nothing in quality and shrink the file.
         return fromBlob(image.jpegsave_buffer(
@@ -684,7 +724,8 @@ ImageType writableType(const ImageType& type)
 bool save(const vips::VImage& image, const QString& path, const ImageType& type)
 {
     try {
-        const QByteArray bytes = encode(withoutMetadata(image), writableType(type));
+        const bool losslessSource = image.get_typeof(kLosslessSourceField) != 0 && image.get_int(kLosslessSourceField) != 0;
+        const QByteArray bytes = encode(withoutMetadata(image), writableType(type), losslessSource);
         vips_error_clear();
         return !bytes.isEmpty() && writeAtomically(path, bytes);
     } catch (const vips::VError&) {

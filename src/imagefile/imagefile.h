@@ -65,6 +65,8 @@ ImageType writableType(const ImageType& type);
 /// at most 256 distinct pixels and that is smaller; 16-bit samples stay
 /// 16-bit where the format holds them; no metadata of the source but the ICC
 /// profile (libvips adds a minimal EXIF block of its own to JPEG and WebP).
+/// An image loaded from a lossless WebP is written as lossless WebP; other
+/// WebP, HEIC and HEIF images at libvips' default quality.
 /// An existing file is replaced atomically, keeping its permissions (and, for
 /// root, its owner): on failure the old file stays byte for byte and no
 /// partial file is left. True when the file was written completely.

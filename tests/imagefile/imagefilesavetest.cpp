@@ -331,6 +331,32 @@ TEST_F(Save, FewColoursAreWrittenAsIndexedColourExactly)
     EXPECT_EQ(samples(loaded->image), samples(distinct));
 }
 
+TEST_F(Save, AWebpStoredLosslesslyStaysLosslessAndALossyOneLossy)
+{
+    if (!hasSaver(".webp"))
+        GTEST_SKIP() << "no WebP encoder";
+    const vips::VImage image = pattern(60, 40, 4);
+    for (const bool lossless : {true, false}) {
+        SCOPED_TRACE(lossless ? "lossless source" : "lossy source");
+        const QString source = path(QStringLiteral("source%1.webp").arg(lossless));
+        ASSERT_TRUE(writeFile(source, encoded(image, lossless ? ".webp[lossless=true]" : ".webp")));
+        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(source);
+        ASSERT_TRUE(loaded);
+        // Trimmed as the window and orvane-trim trim: a window onto the loaded image.
+        const vips::VImage trimmed = loaded->image.extract_area(5, 4, 40, 30);
+        const QString file = path(QStringLiteral("trimmed%1.webp").arg(lossless));
+        ASSERT_TRUE(ImageFile::save(trimmed, file, ImageType::webP()));
+        const QByteArray bytes = readFile(file);
+        EXPECT_EQ(bytes.contains("VP8L"), lossless);
+        EXPECT_FALSE(bytes.contains("orvane")) << "a private field was written";
+        if (lossless) {
+            const std::optional<ImageFile::LoadResult> back = ImageFile::load(file);
+            ASSERT_TRUE(back);
+            EXPECT_EQ(samples(back->image), samples(image.extract_area(5, 4, 40, 30)));
+        }
+    }
+}
+
 TEST_F(Save, PngsOurWriterDoesNotTakeAreWrittenByLibvips)
 {
     // Too large to hold a second time in memory: libvips streams it out.

@@ -252,9 +252,13 @@ TEST(PngDecoder, LeavesDamagedAndUncommonFilesToLibvips)
     ASSERT_FALSE(exif.data.isEmpty());
     const QByteArray longRows = plainRows() + QByteArray(13, '\0');
 
+    // A sound file must then load exactly as libvips loads it. How libvips
+    // fares with damage partway through the rows varies with its threads, so
+    // damaged files are only checked to be left to it.
     const struct {
         const char* what;
         QByteArray png;
+        bool sound = false;
     } cases[] = {
         {"cut short before IEND", good.chopped(6)},
         {"a flipped bit (wrong CRC)", flipped},
@@ -266,22 +270,24 @@ TEST(PngDecoder, LeavesDamagedAndUncommonFilesToLibvips)
         {"IDAT chunks apart", fileOf(split)},
         {"no IEND", fileOf(noEnd)},
         {"interlaced", fileOf(interlaced)},
-        {"transparency", rgbFile(plainRows(), {{"tRNS", QByteArray(6, '\0')}})},
-        {"a suggested palette", rgbFile(plainRows(), {{"PLTE", QByteArray(6, '\7')}})},
+        {"transparency", rgbFile(plainRows(), {{"tRNS", QByteArray(6, '\0')}}), true},
+        {"a suggested palette", rgbFile(plainRows(), {{"PLTE", QByteArray(6, '\7')}}), true},
         {"an unknown critical chunk", rgbFile(plainRows(), {{"QUUX", "x"}})},
-        {"EXIF, which libvips reads the resolution from", rgbFile(plainRows(), {exif})},
-        {"a profile beside sRGB", rgbFile(plainRows(), {{"iCCP", QByteArray("icc\0\0", 5) + zlibCompressed(iccProfile())}, {"sRGB", QByteArray(1, '\0')}})},
-        {"a grey profile on a colour image", rgbFile(plainRows(), {{"iCCP", QByteArray("icc\0\0", 5) + zlibCompressed(iccProfile().replace(16, 4, "GRAY"))}})},
-        {"a palette image", test::readFile(kSuite + "/basn3p08.png")},
+        {"EXIF, which libvips reads the resolution from", rgbFile(plainRows(), {exif}), true},
+        {"a profile beside sRGB", rgbFile(plainRows(), {{"iCCP", QByteArray("icc\0\0", 5) + zlibCompressed(iccProfile())}, {"sRGB", QByteArray(1, '\0')}}), true},
+        {"a grey profile on a colour image", rgbFile(plainRows(), {{"iCCP", QByteArray("icc\0\0", 5) + zlibCompressed(iccProfile().replace(16, 4, "GRAY"))}}), true},
+        {"a palette image", test::readFile(kSuite + "/basn3p08.png"), true},
         {"a chunk type that is not four letters", rgbFile(plainRows(), {{"gAM:", QByteArray(4, '\1')}})},
         {"a text chunk over libpng's 8 MB", rgbFile(plainRows(), {{"tEXt", QByteArray("Comment\0", 8) + QByteArray(8000000, 'x')}})},
         {"wider than libpng takes", fileOf({{"IHDR", bigEndian32(1000001) + bigEndian32(1) + QByteArray("\x08\x00\x00\x00\x00", 5)},
-                                            {"IDAT", zlibCompressed(QByteArray(1000002, '\0'))}, {"IEND", {}}})},
-        {"one bit per pixel", test::readFile(kSuite + "/basn0g01.png")},
+                                            {"IDAT", zlibCompressed(QByteArray(1000002, '\0'))}, {"IEND", {}}}), true},
+        {"one bit per pixel", test::readFile(kSuite + "/basn0g01.png"), true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         EXPECT_FALSE(PngDecoder::decode(c.png));
+        if (!c.sound)
+            continue;
         // Loading it is then libvips' decision alone.
         const QString file = QDir::temp().filePath(QStringLiteral("orvane-pngcodec-%1.png").arg(QCoreApplication::applicationPid()));
         ASSERT_TRUE(test::writeFile(file, c.png));
