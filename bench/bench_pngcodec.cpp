@@ -104,7 +104,7 @@ int main(int argc, char* argv[])
         const std::optional<vips::VImage> theirs = libvipsDecode(file);
         const double theirsMs = millisecondsSince(start);
         start = Clock::now();
-        const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(file);
+        const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(file).image;
         const double oursMs = millisecondsSince(start);
         if (!theirs) {
             if (ours) {

@@ -129,7 +129,7 @@ void checkReader(const QByteArray& file)
     // Keep the fuzzer to images it can decode in a moment.
     if (!header || std::int64_t(header->width) * header->height > (std::int64_t(1) << 20))
         return;
-    const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(file);
+    const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(file).image;
     if (!ours)
         return;
     const std::optional<vips::VImage> theirs = libvipsDecode(file.constData(), size_t(file.size()));
@@ -168,7 +168,7 @@ void checkWriter(const uint8_t* data, size_t size)
         fault("libvips refuses what the writer wrote");
     if (theirs->bands() != bands || bytesOf(*theirs) != given)
         fault("the writer's file holds other pixels");
-    const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(png);
+    const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(png).image;
     const bool indexed = png.at(25) == 3;
     if (!indexed && (!ours || bytesOf(*ours) != given))
         fault("the reader does not read back what the writer wrote");

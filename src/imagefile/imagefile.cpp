@@ -211,6 +211,36 @@ std::uint32_t littleEndian32(const QByteArray& bytes, qsizetype offset)
     return std::uint32_t(p[0]) | std::uint32_t(p[1]) << 8 | std::uint32_t(p[2]) << 16 | std::uint32_t(p[3]) << 24;
 }
 
+// The image decoded into memory on the calling thread, in strips from the
+// top. copy_memory() decodes on libvips' pool of threads, and libvips 8.14
+// then loses a loader's error now and then: a PNG with a broken checksum
+// loaded about half the time. Here every error reaches the caller (as a
+// VError), and each decode takes one thread, which is what parallel opening
+// wants anyway.
+vips::VImage decodedInMemory(const vips::VImage& lazy)
+{
+    constexpr int kStripRows = 128;
+    vips::VImage memory = vips::VImage::new_memory();
+    VipsImage* in = lazy.get_image();
+    VipsImage* out = memory.get_image();
+    if (vips_image_pipelinev(out, VIPS_DEMAND_STYLE_THINSTRIP, in, nullptr) != 0 || vips_image_write_prepare(out) != 0)
+        throw vips::VError();
+    VipsRegion* source = vips_region_new(in);
+    VipsRegion* target = vips_region_new(out);
+    bool ok = source && target;
+    for (int top = 0; ok && top < in->Ysize; top += kStripRows) {
+        VipsRect strip{0, top, in->Xsize, std::min(kStripRows, in->Ysize - top)};
+        ok = vips_region_image(target, &strip) == 0 && vips_region_prepare_to(source, target, &strip, 0, top) == 0;
+    }
+    if (source)
+        g_object_unref(source);
+    if (target)
+        g_object_unref(target);
+    if (!ok)
+        throw vips::VError();
+    return memory;
+}
+
 // Width and height from a BMP header, read by us so that the size test is
 // made before ImageMagick sees the file at all.
 std::optional<std::pair<std::int64_t, std::int64_t>> bmpSize(const QByteArray& head)
@@ -362,29 +392,26 @@ std::optional<LoadResult> loadBmp(QFile& file, const QByteArray& head)
     if (image.width() != size->first || image.height() != size->second)
         return std::nullopt;
     ownBlobs(image);
-    return LoadResult{image.copy_memory(), ImageType::bmp()};
+    return LoadResult{decodedInMemory(image), ImageType::bmp()};
 }
 
-// PNGs of the common kinds through our own decoder; absent when it doesn't
-// take the file, which libvips then reads (and refuses, if it is damaged).
-std::optional<LoadResult> loadCommonPng(QFile& file, const QByteArray& head)
+// PNGs of the common kinds through our own decoder. Without an image and
+// not damaged when it doesn't take the file, which libvips then reads.
+PngDecoder::Decoded decodeCommonPng(QFile& file, const QByteArray& head)
 {
     const QByteArray start = head.left(8 + 25);
     const std::optional<PngDecoder::Header> header = PngDecoder::header(start);
     if (!header)
-        return std::nullopt;
+        return {};
     // The whole file and the inflated rows are held besides the image.
     const std::int64_t bytesPerPixel = header->bands * header->depth / 8;
     if (!fitsInMemory(header->width, header->height, bytesPerPixel, bytesPerPixel)
         || file.size() > std::int64_t(availableMemory() / 4) || !file.seek(0))
-        return std::nullopt;
+        return {};
     const QByteArray bytes = file.readAll();
     if (bytes.size() != file.size())
-        return std::nullopt;
-    std::optional<vips::VImage> image = PngDecoder::decode(bytes);
-    if (!image)
-        return std::nullopt;
-    return LoadResult{*image, ImageType::png()};
+        return {};
+    return PngDecoder::decode(bytes);
 }
 
 std::optional<LoadResult> loadUnchecked(const QString& path)
@@ -407,8 +434,11 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
     if (*type == ImageType::bmp())
         return loadBmp(file, head);
     if (*type == ImageType::png()) {
-        if (std::optional<LoadResult> fast = loadCommonPng(file, head))
-            return fast;
+        const PngDecoder::Decoded fast = decodeCommonPng(file, head);
+        if (fast.image)
+            return LoadResult{*fast.image, ImageType::png()};
+        if (fast.damaged)
+            return std::nullopt;
     }
     if (*type == ImageType::tiff()) {
         // At least a byte a pixel, whatever the samples: a size that fails
@@ -446,7 +476,7 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
     if (!fitsInMemory(header.width(), header.height(), bytesPerPixel, extraPerPixel))
         return std::nullopt;
     ownBlobs(header);
-    vips::VImage image = header.copy_memory();
+    vips::VImage image = decodedInMemory(header);
     if (*type == ImageType::webP()) {
         QFile webp(path);
         if (webp.open(QIODevice::ReadOnly) && webpIsLossless(webp))

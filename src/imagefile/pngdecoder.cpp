@@ -47,7 +47,8 @@ public:
     {
     }
 
-    // The next chunk; absent at the end of the file or on any damage.
+    // The next chunk; absent at the end of the file, at a chunk cut short
+    // and at a wrong CRC.
     std::optional<Chunk> next()
     {
         if (m_end - m_at < 12)
@@ -56,15 +57,23 @@ public:
         if (length > 0x7fffffffu || std::size_t(m_end - m_at - 12) < length)
             return std::nullopt;
         Chunk chunk{bigEndian32(m_at + 4), m_at + 8, length};
-        if (libdeflate_crc32(0, m_at + 4, length + 4) != bigEndian32(m_at + 8 + length))
+        if (libdeflate_crc32(0, m_at + 4, length + 4) != bigEndian32(m_at + 8 + length)) {
+            m_badAncillaryCrc = (chunk.type & 0x20000000u) != 0;
             return std::nullopt;
+        }
         m_at += 12 + length;
         return chunk;
     }
 
+    // Whether the walk stopped at a wrong CRC on an ancillary chunk, which
+    // libpng only drops; any other stop before IEND (the file cut short, a
+    // wrong CRC on a critical chunk) is damage libpng gives up at.
+    bool stoppedAtAncillaryCrc() const { return m_badAncillaryCrc; }
+
 private:
     const std::uint8_t* m_at;
     const std::uint8_t* m_end;
+    bool m_badAncillaryCrc = false;
 };
 
 struct DecompressorDeleter {
@@ -212,18 +221,19 @@ std::optional<Header> header(const QByteArray& file)
     return Header{int(width), int(height), bands, depth};
 }
 
-std::optional<vips::VImage> decode(const QByteArray& file)
+Decoded decode(const QByteArray& file)
 {
+    const Decoded kDamaged{std::nullopt, true};
     const std::optional<Header> head = header(file);
     if (!head)
-        return std::nullopt;
+        return {};
 
     // First the chunks: the image data must be one run of IDAT chunks, and
     // nothing may come that changes the pixels.
     ChunkReader reader(file);
     std::optional<Chunk> chunk = reader.next(); // IHDR, checked above but for its CRC
     if (!chunk)
-        return std::nullopt;
+        return kDamaged;
     QByteArray stream;
     const std::uint8_t* profile = nullptr;
     std::size_t profileLength = 0;
@@ -232,10 +242,10 @@ std::optional<vips::VImage> decode(const QByteArray& file)
     while ((chunk = reader.next())) {
         const std::uint32_t type = chunk->type;
         if (!validChunk(*chunk, *head))
-            return std::nullopt;
+            return {};
         if (type == tag("IDAT")) {
             if (idatEnded)
-                return std::nullopt;
+                return {};
             idatSeen = true;
             stream.append(reinterpret_cast<const char*>(chunk->data), qsizetype(chunk->length));
             continue;
@@ -248,60 +258,65 @@ std::optional<vips::VImage> decode(const QByteArray& file)
         // Transparency or a palette change the pixels; libvips takes the
         // resolution from EXIF when there is some.
         if (type == tag("tRNS") || type == tag("PLTE") || type == tag("IHDR") || type == tag("eXIf"))
-            return std::nullopt;
+            return {};
         if (type == tag("sRGB") || type == tag("gAMA") || type == tag("cHRM"))
             colourChunks = true;
         if (type == tag("iCCP") && !idatSeen) {
             if (profile)
-                return std::nullopt;
+                return {};
             // A name of 1–79 bytes, its terminator, compression method 0, the stream.
             const auto* terminator = static_cast<const std::uint8_t*>(std::memchr(chunk->data, 0, chunk->length));
             if (!terminator || terminator == chunk->data || terminator - chunk->data > 79
                 || std::size_t(terminator - chunk->data) + 2 > chunk->length || terminator[1] != 0)
-                return std::nullopt;
+                return {};
             profile = terminator + 2;
             profileLength = chunk->length - std::size_t(profile - chunk->data);
         } else if (type == tag("pHYs") && !idatSeen && !physicalSeen) { // libpng skips a second one
             physicalSeen = true;
             if (chunk->length != 9 || chunk->data[8] > 1)
-                return std::nullopt;
+                return {};
             // As libvips reads it: per millimetre when the unit is the
             // metre, the bare numbers when the unit is unknown.
             const double scale = chunk->data[8] == 1 ? 1000.0 : 1.0;
             xres = bigEndian32(chunk->data) / scale;
             yres = bigEndian32(chunk->data + 4) / scale;
         } else if (!(type & 0x20000000u)) {
-            return std::nullopt; // an unknown critical chunk (upper-case first letter)
+            return {}; // an unknown critical chunk (upper-case first letter)
         }
         // Other ancillary chunks (text, gamma, time, animation control …)
         // change nothing in the default image.
     }
-    if (!ended || !idatSeen)
-        return std::nullopt;
+    if (!ended)
+        return Decoded{std::nullopt, !reader.stoppedAtAncillaryCrc()};
+    if (!idatSeen)
+        return {};
     // libpng weighs a profile against these chunks and may drop it.
     if (profile && colourChunks)
-        return std::nullopt;
+        return {};
 
     const Decompressor decompressor(libdeflate_alloc_decompressor());
     if (!decompressor)
-        return std::nullopt;
+        return {};
 
     const std::size_t bpp = std::size_t(head->bands * head->depth / 8);
     const std::size_t n = std::size_t(head->width) * bpp;
     const std::size_t filteredSize = std::size_t(head->height) * (n + 1);
     Buffer filtered(static_cast<std::uint8_t*>(std::malloc(filteredSize)));
     if (!filtered)
-        return std::nullopt;
+        return {};
     // The rows must fill the buffer exactly and the stream end with the
     // chunks. libdeflate forgives a few codes zlib calls invalid (lengths 286
     // and 287, for one), but what it makes of them must still pass the
     // stream's Adler-32 check: such a file, which libpng refuses, is read.
     std::size_t consumed = 0;
-    if (libdeflate_zlib_decompress_ex(decompressor.get(), stream.constData(), std::size_t(stream.size()),
-                                      filtered.get(), filteredSize, &consumed, nullptr)
-            != LIBDEFLATE_SUCCESS
-        || consumed != std::size_t(stream.size()))
-        return std::nullopt;
+    const libdeflate_result inflated = libdeflate_zlib_decompress_ex(
+        decompressor.get(), stream.constData(), std::size_t(stream.size()), filtered.get(), filteredSize, &consumed, nullptr);
+    if (inflated == LIBDEFLATE_BAD_DATA)
+        return kDamaged; // libpng stops at a broken stream or checksum
+    // Rows too short or too many, or bytes after the stream: libpng reads
+    // on with a warning, and libvips decides what that means.
+    if (inflated != LIBDEFLATE_SUCCESS || consumed != std::size_t(stream.size()))
+        return {};
     stream = QByteArray();
 
     QByteArray iccProfile;
@@ -312,7 +327,7 @@ std::optional<vips::VImage> decode(const QByteArray& file)
         if (!inflated || inflated->size() < 132
             || bigEndian32(reinterpret_cast<const std::uint8_t*>(inflated->constData())) != std::uint32_t(inflated->size())
             || inflated->mid(36, 4) != "acsp" || inflated->mid(16, 4) != (head->bands <= 2 ? "GRAY" : "RGB "))
-            return std::nullopt;
+            return {};
         iccProfile = *inflated;
     }
 
@@ -321,12 +336,12 @@ std::optional<vips::VImage> decode(const QByteArray& file)
     const std::size_t imageSize = std::size_t(head->height) * n;
     auto* pixels = static_cast<std::uint8_t*>(std::malloc(imageSize));
     if (!pixels)
-        return std::nullopt;
+        return {};
     Buffer owned(pixels);
     const Unfilter unfilter = unfilterFor(bpp);
     const Buffer zeros(static_cast<std::uint8_t*>(std::calloc(n, 1)));
     if (!unfilter || !zeros)
-        return std::nullopt;
+        return {};
 
     const std::uint8_t* prev = zeros.get();
     for (int y = 0; y < head->height; ++y) {
@@ -334,13 +349,13 @@ std::optional<vips::VImage> decode(const QByteArray& file)
         if (head->depth == 8) {
             std::uint8_t* out = pixels + std::size_t(y) * n;
             if (!unfilter(in[0], in + 1, prev, out, n))
-                return std::nullopt;
+                return kDamaged; // an unknown filter type, which libpng stops at
             prev = out;
         } else {
             // Reconstructed in place, big-endian as filtered, then swapped
             // into the machine's order.
             if (!unfilter(in[0], in + 1, prev, in + 1, n))
-                return std::nullopt;
+                return kDamaged;
             prev = in + 1;
             std::uint8_t* out = pixels + std::size_t(y) * n;
             for (std::size_t i = 0; i < n; i += 2) {
@@ -355,7 +370,7 @@ std::optional<vips::VImage> decode(const QByteArray& file)
                                                 head->depth == 8 ? VIPS_FORMAT_UCHAR : VIPS_FORMAT_USHORT);
     if (!raw) {
         vips_error_clear();
-        return std::nullopt;
+        return {};
     }
     g_signal_connect(raw, "postclose", G_CALLBACK(+[](VipsImage*, gpointer data) { std::free(data); }), owned.release());
     const bool grey = head->bands <= 2;
@@ -365,7 +380,7 @@ std::optional<vips::VImage> decode(const QByteArray& file)
     raw->Yres = yres;
     if (!iccProfile.isEmpty())
         vips_image_set_blob_copy(raw, VIPS_META_ICC_NAME, iccProfile.constData(), std::size_t(iccProfile.size()));
-    return vips::VImage(raw);
+    return Decoded{vips::VImage(raw), false};
 }
 
 } // namespace orvane::PngDecoder

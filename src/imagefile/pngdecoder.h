@@ -26,13 +26,23 @@ struct Header {
 /// Reads the signature and the first chunk only.
 std::optional<Header> header(const QByteArray& file);
 
-/// The image in memory, as libvips' own PNG loader gives it: one uchar or
-/// ushort band per sample, interpreted as B_W, GREY16, sRGB or RGB16, with
-/// the resolution of a pHYs chunk and the profile of an iCCP chunk. Absent
-/// when the file is not of the kind header() accepts, holds chunks that
-/// would change its pixels (a palette, transparency), or is damaged in any
-/// way: a wrong checksum, a short or overlong stream, an unknown filter.
+struct Decoded {
+    /// The image in memory, as libvips' own PNG loader gives it: one uchar
+    /// or ushort band per sample, interpreted as B_W, GREY16, sRGB or RGB16,
+    /// with the resolution of a pHYs chunk and the profile of an iCCP chunk.
+    std::optional<vips::VImage> image;
+    /// The file is of the kind taken but damaged where libpng gives up: cut
+    /// short, a wrong CRC on a critical chunk, a broken compressed stream or
+    /// checksum, an unknown row filter. It is to be refused: libvips, left
+    /// to itself, refuses such files only some of the time.
+    bool damaged = false;
+};
+
+/// Reads a PNG of the kind header() accepts. Without an image, and not
+/// damaged, when the file is of another kind, holds chunks that would change
+/// its pixels (a palette, transparency) or anything libpng treats otherwise
+/// than this reader would: such files are for libvips.
 /// Thread-safe.
-std::optional<vips::VImage> decode(const QByteArray& file);
+Decoded decode(const QByteArray& file);
 
 } // namespace orvane::PngDecoder
