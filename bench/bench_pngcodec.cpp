@@ -21,46 +21,19 @@
 #include "imagefile/imagefile.h"
 #include "imagefile/pngdecoder.h"
 #include "imagefile/pngencoder.h"
+#include "support/libvipspng.h"
 
 namespace {
+
+using orvane::test::loadedByLibvips;
+using orvane::test::pixelBytes;
+using orvane::test::sameImage;
 
 using Clock = std::chrono::steady_clock;
 
 double millisecondsSince(Clock::time_point start)
 {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-QByteArray bytesOf(const vips::VImage& image)
-{
-    size_t size = 0;
-    void* data = image.write_to_memory(&size);
-    QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
-    g_free(data);
-    return bytes;
-}
-
-QByteArray profileOf(const vips::VImage& image)
-{
-    const void* data = nullptr;
-    size_t length = 0;
-    if (image.get_typeof(VIPS_META_ICC_NAME) == 0
-        || vips_image_get_blob(image.get_image(), VIPS_META_ICC_NAME, &data, &length) != 0)
-        return {};
-    return QByteArray(static_cast<const char*>(data), qsizetype(length));
-}
-
-std::optional<vips::VImage> libvipsDecode(const QByteArray& file)
-{
-    try {
-        VipsBlob* blob = vips_blob_copy(file.constData(), size_t(file.size()));
-        vips::VImage image = vips::VImage::pngload_buffer(blob, vips::VImage::option()->set("fail_on", VIPS_FAIL_ON_ERROR));
-        vips_area_unref(VIPS_AREA(blob));
-        return image.copy_memory();
-    } catch (const vips::VError&) {
-        vips_error_clear();
-        return std::nullopt;
-    }
 }
 
 QStringList pngsUnder(const QStringList& paths)
@@ -101,7 +74,7 @@ int main(int argc, char* argv[])
             continue;
         const QByteArray file = f.readAll();
         auto start = Clock::now();
-        const std::optional<vips::VImage> theirs = libvipsDecode(file);
+        const std::optional<vips::VImage> theirs = loadedByLibvips(file);
         const double theirsMs = millisecondsSince(start);
         start = Clock::now();
         const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(file).image;
@@ -118,10 +91,7 @@ int main(int argc, char* argv[])
             ++taken;
             oursReadMs += oursMs;
             theirsReadMs += theirsMs;
-            if (ours->width() != theirs->width() || ours->height() != theirs->height() || ours->bands() != theirs->bands()
-                || ours->format() != theirs->format() || ours->interpretation() != theirs->interpretation()
-                || ours->xres() != theirs->xres() || ours->yres() != theirs->yres() || profileOf(*ours) != profileOf(*theirs)
-                || bytesOf(*ours) != bytesOf(*theirs)) {
+            if (!sameImage(*ours, *theirs)) {
                 std::printf("decoded differently: %s\n", qPrintable(path));
                 ++disagreements;
             }
@@ -150,8 +120,8 @@ int main(int argc, char* argv[])
         size_t length = 0;
         vips_blob_get(blob, &length);
         vips_area_unref(VIPS_AREA(blob));
-        const std::optional<vips::VImage> back = libvipsDecode(mine);
-        if (mine.isEmpty() || !back || back->bands() != image.bands() || bytesOf(*back) != bytesOf(image)) {
+        const std::optional<vips::VImage> back = loadedByLibvips(mine);
+        if (mine.isEmpty() || !back || back->bands() != image.bands() || pixelBytes(*back) != pixelBytes(image)) {
             std::printf("written differently: %s\n", qPrintable(path));
             ++disagreements;
             continue;

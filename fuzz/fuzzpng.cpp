@@ -20,52 +20,18 @@
 #include "imagefile/imagefile.h"
 #include "imagefile/pngdecoder.h"
 #include "imagefile/pngencoder.h"
+#include "support/libvipspng.h"
 
 namespace {
+
+using orvane::test::loadedByLibvips;
+using orvane::test::pixelBytes;
+using orvane::test::sameImage;
 
 [[noreturn]] void fault(const char* what)
 {
     std::fprintf(stderr, "fuzz_png: %s\n", what);
     std::abort();
-}
-
-std::optional<vips::VImage> libvipsDecode(const void* data, size_t size)
-{
-    try {
-        VipsBlob* blob = vips_blob_copy(data, size);
-        vips::VImage image = vips::VImage::pngload_buffer(blob, vips::VImage::option()->set("fail_on", VIPS_FAIL_ON_ERROR));
-        vips_area_unref(VIPS_AREA(blob));
-        return image.copy_memory();
-    } catch (const vips::VError&) {
-        vips_error_clear();
-        return std::nullopt;
-    }
-}
-
-QByteArray bytesOf(const vips::VImage& image)
-{
-    size_t size = 0;
-    void* data = image.write_to_memory(&size);
-    QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
-    g_free(data);
-    return bytes;
-}
-
-QByteArray profileOf(const vips::VImage& image)
-{
-    const void* data = nullptr;
-    size_t length = 0;
-    if (image.get_typeof(VIPS_META_ICC_NAME) == 0
-        || vips_image_get_blob(image.get_image(), VIPS_META_ICC_NAME, &data, &length) != 0)
-        return {};
-    return QByteArray(static_cast<const char*>(data), qsizetype(length));
-}
-
-bool sameImage(const vips::VImage& a, const vips::VImage& b)
-{
-    return a.width() == b.width() && a.height() == b.height() && a.bands() == b.bands() && a.format() == b.format()
-        && a.interpretation() == b.interpretation() && a.xres() == b.xres() && a.yres() == b.yres()
-        && profileOf(a) == profileOf(b) && bytesOf(a) == bytesOf(b);
 }
 
 // The bytes with every complete chunk's CRC recomputed: random changes
@@ -132,7 +98,7 @@ void checkReader(const QByteArray& file)
     const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(file).image;
     if (!ours)
         return;
-    const std::optional<vips::VImage> theirs = libvipsDecode(file.constData(), size_t(file.size()));
+    const std::optional<vips::VImage> theirs = loadedByLibvips(file.constData(), size_t(file.size()));
     if (!theirs && zlibInflates(idatStream(file)))
         fault("the reader took a file libvips refuses");
     if (!theirs)
@@ -163,14 +129,14 @@ void checkWriter(const uint8_t* data, size_t size)
     if (png.isEmpty())
         fault("the writer wrote nothing");
     const QByteArray given(reinterpret_cast<const char*>(data + 4), qsizetype(row * height));
-    const std::optional<vips::VImage> theirs = libvipsDecode(png.constData(), size_t(png.size()));
+    const std::optional<vips::VImage> theirs = loadedByLibvips(png.constData(), size_t(png.size()));
     if (!theirs)
         fault("libvips refuses what the writer wrote");
-    if (theirs->bands() != bands || bytesOf(*theirs) != given)
+    if (theirs->bands() != bands || pixelBytes(*theirs) != given)
         fault("the writer's file holds other pixels");
     const std::optional<vips::VImage> ours = orvane::PngDecoder::decode(png).image;
     const bool indexed = png.at(25) == 3;
-    if (!indexed && (!ours || bytesOf(*ours) != given))
+    if (!indexed && (!ours || pixelBytes(*ours) != given))
         fault("the reader does not read back what the writer wrote");
 }
 

@@ -11,10 +11,12 @@
 #include <zlib.h>
 
 #include "imagefiletestsupport.h"
+#include "support/libvipspng.h"
 
 using namespace orvane;
 using orvane::test::blobField;
 using orvane::test::iccProfile;
+using orvane::test::loadedByLibvips;
 using orvane::test::pattern;
 using orvane::test::samples;
 using orvane::test::withProfile;
@@ -97,19 +99,6 @@ QByteArray savedByLibvips(const vips::VImage& image, int filter = VIPS_FOREIGN_P
     QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
     vips_area_unref(VIPS_AREA(blob));
     return bytes;
-}
-
-std::optional<vips::VImage> loadedByLibvips(const QByteArray& png)
-{
-    try {
-        VipsBlob* blob = vips_blob_copy(png.constData(), size_t(png.size()));
-        vips::VImage image = vips::VImage::pngload_buffer(blob, vips::VImage::option()->set("fail_on", VIPS_FAIL_ON_ERROR));
-        vips_area_unref(VIPS_AREA(blob));
-        return image.copy_memory();
-    } catch (const vips::VError&) {
-        vips_error_clear();
-        return std::nullopt;
-    }
 }
 
 // Everything of a decoded image that the rest of Orvane reads.

@@ -1,0 +1,64 @@
+// libpng through libvips as the reference for Orvane's own PNG reader and
+// writer: shared by the codec tests, the fuzz target and the benchmark.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include <QByteArray>
+
+#include <vips/vips8>
+
+namespace orvane::test {
+
+/// The PNG decoded by libvips' own loader (libpng) into memory, refusing
+/// files with errors as Orvane's loading does; absent when refused.
+inline std::optional<vips::VImage> loadedByLibvips(const void* data, std::size_t size)
+{
+    try {
+        VipsBlob* blob = vips_blob_copy(data, size);
+        vips::VImage image = vips::VImage::pngload_buffer(blob, vips::VImage::option()->set("fail_on", VIPS_FAIL_ON_ERROR));
+        vips_area_unref(VIPS_AREA(blob));
+        return image.copy_memory();
+    } catch (const vips::VError&) {
+        vips_error_clear();
+        return std::nullopt;
+    }
+}
+
+inline std::optional<vips::VImage> loadedByLibvips(const QByteArray& png)
+{
+    return loadedByLibvips(png.constData(), std::size_t(png.size()));
+}
+
+/// The image's pixels, row after row, as stored.
+inline QByteArray pixelBytes(const vips::VImage& image)
+{
+    size_t size = 0;
+    void* data = image.write_to_memory(&size);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
+    g_free(data);
+    return bytes;
+}
+
+/// The ICC profile's bytes; empty when the image has none.
+inline QByteArray iccProfileOf(const vips::VImage& image)
+{
+    const void* data = nullptr;
+    size_t length = 0;
+    if (image.get_typeof(VIPS_META_ICC_NAME) == 0
+        || vips_image_get_blob(image.get_image(), VIPS_META_ICC_NAME, &data, &length) != 0)
+        return {};
+    return QByteArray(static_cast<const char*>(data), qsizetype(length));
+}
+
+/// Whether two decoded images agree in everything the rest of Orvane reads:
+/// size, bands, format, interpretation, resolution, profile and pixels.
+inline bool sameImage(const vips::VImage& a, const vips::VImage& b)
+{
+    return a.width() == b.width() && a.height() == b.height() && a.bands() == b.bands() && a.format() == b.format()
+        && a.interpretation() == b.interpretation() && a.xres() == b.xres() && a.yres() == b.yres()
+        && iccProfileOf(a) == iccProfileOf(b) && pixelBytes(a) == pixelBytes(b);
+}
+
+} // namespace orvane::test
