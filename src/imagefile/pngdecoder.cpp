@@ -7,9 +7,14 @@
 
 #include <libdeflate.h>
 
+#include "imagefile/pngrows.h"
+
 namespace orvane::PngDecoder {
 
 namespace {
+
+using PngRows::Buffer;
+using PngRows::paeth;
 
 constexpr char kSignature[] = "\x89PNG\r\n\x1a\n";
 
@@ -81,11 +86,6 @@ struct DecompressorDeleter {
 };
 using Decompressor = std::unique_ptr<libdeflate_decompressor, DecompressorDeleter>;
 
-struct FreeDeleter {
-    void operator()(void* p) const { std::free(p); }
-};
-using Buffer = std::unique_ptr<std::uint8_t[], FreeDeleter>;
-
 // A zlib stream whose inflated size is not known in advance (an ICC
 // profile), grown until it fits; absent when damaged or larger than libpng
 // would take.
@@ -110,14 +110,6 @@ std::optional<QByteArray> inflateUnknown(libdeflate_decompressor* d, const std::
 // Undoing a filter depends on the byte one pixel to the left, so the loops
 // run byte by byte; with the pixel size a constant the compiler keeps a
 // pixel's bytes in flight together.
-
-inline std::uint8_t paeth(std::uint8_t a, std::uint8_t b, std::uint8_t c)
-{
-    const int pa = std::abs(int(b) - int(c));
-    const int pb = std::abs(int(a) - int(c));
-    const int pc = std::abs(int(a) + int(b) - 2 * int(c));
-    return pa <= pb && pa <= pc ? a : pb <= pc ? b : c;
-}
 
 // Reconstructs one row into out from its filtered bytes in and the row
 // above, prev (all zeros for the first row). in and out may be the same.

@@ -10,9 +10,14 @@
 
 #include <libdeflate.h>
 
+#include "imagefile/pngrows.h"
+
 namespace orvane::PngEncoder {
 
 namespace {
+
+using PngRows::Buffer;
+using PngRows::paeth;
 
 // Against zlib at level 7 (see referenceZlibLevel) with the same filters,
 // libdeflate's level 8 writes artwork about a quarter smaller and grainy
@@ -24,11 +29,6 @@ constexpr int compressionLevel = 8;
 // IDAT chunks of 1 MiB: small enough for any decoder's buffers, large enough
 // that the 12 bytes of each chunk's frame don't count.
 constexpr std::size_t idatChunkBytes = std::size_t(1) << 20;
-
-struct FreeDeleter {
-    void operator()(void* p) const { std::free(p); }
-};
-using Buffer = std::unique_ptr<std::uint8_t[], FreeDeleter>;
 
 Buffer allocate(std::size_t bytes)
 {
@@ -77,22 +77,14 @@ QByteArray zlibCompress(libdeflate_compressor* compressor, const std::uint8_t* d
 // ---------------------------------------------------------------- row filters
 //
 // Each row is written with the filter whose output bytes, read as signed,
-// have the smallest sum of magnitudes: the heuristic the PNG specification
-// recommends and libpng uses, so files come out about as small as theirs.
+// have the smallest sum of magnitudes: libpng's rule, so that files come
+// out as small as theirs for the same compression.
 // The loops are written so that the compiler vectorises them; the AVX2 clone
 // is picked at load time where the processor has it.
 
 inline std::uint32_t magnitude(std::uint8_t v)
 {
     return std::uint32_t(std::abs(int(std::int8_t(v))));
-}
-
-inline std::uint8_t paeth(std::uint8_t a, std::uint8_t b, std::uint8_t c)
-{
-    const int pa = std::abs(int(b) - int(c));
-    const int pb = std::abs(int(a) - int(c));
-    const int pc = std::abs(int(a) + int(b) - 2 * int(c));
-    return pa <= pb && pa <= pc ? a : pb <= pc ? b : c;
 }
 
 enum Filter : std::uint8_t { None = 0, Sub = 1, Up = 2, Average = 3, Paeth = 4 };
