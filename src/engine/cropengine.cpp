@@ -398,6 +398,8 @@ std::int64_t Buffer::height() const { return d->height; }
 const std::uint8_t* Buffer::pixels() const { return d->pixels; }
 std::size_t Buffer::byteCount() const { return static_cast<std::size_t>(d->width * d->height * 4); }
 
+const ToleranceIndex& Buffer::index() const { return d->index; }
+
 std::size_t Buffer::extraBytes() const
 {
     return (d->owned ? byteCount() : 0) + d->index.byteCount();
@@ -420,6 +422,17 @@ namespace {
 PixelRect wholeImage(const Buffer& buffer) { return {0, 0, buffer.width(), buffer.height()}; }
 
 } // namespace
+
+std::optional<PixelRect> contentRect(const ToleranceIndex& index, std::int64_t width, std::int64_t height,
+                                     double threshold)
+{
+    if (threshold <= 0)
+        return PixelRect{0, 0, width, height};
+    const CutOffs c = cutOffs(threshold);
+    const auto key = ToleranceIndex::threshold(c.alpha, c.whiteness);
+    // Every pair of cut-offs a tolerance yields has a key threshold.
+    return key ? index.contentRect(*key) : std::nullopt;
+}
 
 std::optional<PixelRect> contentRect(const Buffer& buffer, double threshold)
 {

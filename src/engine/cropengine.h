@@ -20,6 +20,8 @@ struct PixelRect {
     friend bool operator==(const PixelRect&, const PixelRect&) = default;
 };
 
+class ToleranceIndex;
+
 namespace CropEngine {
 
 /// One decoded image with its raster: 8-bit sRGB, premultiplied alpha, bytes
@@ -55,6 +57,8 @@ public:
     /// Bytes held by the raster and the index on top of the decoded image;
     /// 0 for the raster when it shares the decoded image's memory.
     std::size_t extraBytes() const;
+    /// The tolerance index of the raster.
+    const ToleranceIndex& index() const;
 
     struct Data;
 
@@ -79,6 +83,12 @@ CutOffs cutOffs(double threshold);
 /// tolerance (0 to 100; 0 or less gives the whole image). Absent when no pixel
 /// counts as content. Answered from the buffer's index: no pixel is read.
 std::optional<PixelRect> contentRect(const Buffer& buffer, double threshold);
+
+/// The content rectangle of an image of width × height pixels (both at
+/// least 1) whose raster has this index, as contentRect() above would answer
+/// it for the buffer itself.
+std::optional<PixelRect> contentRect(const ToleranceIndex& index, std::int64_t width, std::int64_t height,
+                                     double threshold);
 
 /// The plain scan over every pixel, kept as the reference the index must match.
 std::optional<PixelRect> contentRectByScan(const Buffer& buffer, double threshold);
