@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 
 namespace orvane {
 
@@ -16,11 +18,35 @@ public:
     /// The process's pool: one thread per core, budget from the memory available.
     static WorkerPool& shared();
 
+    /// A pool of threads threads (at least 1). With a budget, that many bytes
+    /// always; without, half of ImageFile::availableMemory(), read again
+    /// whenever no job is running.
+    explicit WorkerPool(int threads, std::optional<std::uint64_t> budget = std::nullopt);
+    /// Drops the jobs that have not started and waits for the running ones.
+    ~WorkerPool();
+    WorkerPool(const WorkerPool&) = delete;
+    WorkerPool& operator=(const WorkerPool&) = delete;
+
     /// Queues job. It runs on a worker thread; exceptions must not escape it.
     void run(std::uint64_t bytes, std::function<void()> job);
 
+    /// Identifies a queued job for cancel(); never 0.
+    using Ticket = std::uint64_t;
+    /// As run(), and returns the job's ticket.
+    Ticket queue(std::uint64_t bytes, std::function<void()> job);
+    /// Removes the job from the queue if it has not started. True when it was
+    /// removed (it will never run); false when it started, ended or is unknown.
+    bool cancel(Ticket ticket);
+
     /// Blocks until every queued job has finished. For tests and the CLI's end.
     void waitForDone();
+
+    /// Threads of the pool.
+    int threadCount() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> d;
 };
 
 } // namespace orvane
