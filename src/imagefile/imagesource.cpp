@@ -56,7 +56,7 @@ std::optional<Indexed> indexUnchecked(const QString& path, bool withPreview)
     return indexOpened(*opened, *identity, withPreview);
 }
 
-std::optional<Decoded> decodeUnchecked(const QString& path)
+std::optional<Decoded> decodeUnchecked(const QString& path, bool withPreview)
 {
     const std::optional<FileIdentity> identity = identify(path);
     if (!identity)
@@ -67,7 +67,7 @@ std::optional<Decoded> decodeUnchecked(const QString& path)
         = detail::open(path, hold ? detail::Access::Whole : detail::Access::Sequential);
     if (!opened)
         return std::nullopt;
-    std::optional<Indexed> indexed = indexOpened(*opened, *identity, true);
+    std::optional<Indexed> indexed = indexOpened(*opened, *identity, withPreview);
     if (!indexed)
         return std::nullopt;
     Decoded decoded;
@@ -111,8 +111,13 @@ std::optional<Indexed> index(const QString& path, bool withPreview)
 
 std::optional<Decoded> decode(const QString& path)
 {
+    return decode(path, true);
+}
+
+std::optional<Decoded> decode(const QString& path, bool withPreview)
+{
     try {
-        std::optional<Decoded> decoded = decodeUnchecked(path);
+        std::optional<Decoded> decoded = decodeUnchecked(path, withPreview);
         vips_error_clear();
         return decoded;
     } catch (const std::exception&) {

@@ -102,6 +102,8 @@ struct Decoded {
 /// Decodes the whole file into memory (unless it is too large to hold, see
 /// Decoded). Absent as for index().
 std::optional<Decoded> decode(const QString& path);
+/// As above; without a preview when withPreview is false (orvane-trim).
+std::optional<Decoded> decode(const QString& path, bool withPreview);
 
 /// The most bytes a decoded image may take for decode() to hold it: the
 /// smaller of 1 GiB and a quarter of availableMemory().
