@@ -427,7 +427,8 @@ PngDecoder::Decoded decodeCommonPng(QFile& file, const QByteArray& head)
     if (!header)
         return {};
     // The whole file and the inflated rows are held besides the image.
-    const std::int64_t bytesPerPixel = header->bands * header->depth / 8;
+    // Samples of fewer than 8 bits are decoded to a byte each.
+    const std::int64_t bytesPerPixel = header->bands * (header->depth > 8 ? 2 : 1);
     if (!affordable(Cost{header->width, header->height, bytesPerPixel, bytesPerPixel, file.size()},
                     detail::Access::Whole)
         || !file.seek(0))
