@@ -1,6 +1,5 @@
 #include "imagefile/imagefile.h"
 #include "imagefile/opening.h"
-#include "imagefile/pngdecoder.h"
 #include "imagefile/pngencoder.h"
 
 #include <algorithm>
@@ -418,27 +417,6 @@ std::optional<detail::Opened> openBmp(QFile& file, const QByteArray& head, detai
     return detail::Opened{image, ImageType::bmp(), cost.whole(), cost.sequential()};
 }
 
-// PNGs of the common kinds through our own decoder. Without an image and
-// not damaged when it doesn't take the file, which libvips then reads.
-PngDecoder::Decoded decodeCommonPng(QFile& file, const QByteArray& head)
-{
-    const QByteArray start = head.left(8 + 25);
-    const std::optional<PngDecoder::Header> header = PngDecoder::header(start);
-    if (!header)
-        return {};
-    // The whole file and the inflated rows are held besides the image.
-    // Samples of fewer than 8 bits are decoded to a byte each.
-    const std::int64_t bytesPerPixel = header->bands * (header->depth > 8 ? 2 : 1);
-    if (!affordable(Cost{header->width, header->height, bytesPerPixel, bytesPerPixel, file.size()},
-                    detail::Access::Whole)
-        || !file.seek(0))
-        return {};
-    const QByteArray bytes = file.readAll();
-    if (bytes.size() != file.size())
-        return {};
-    return PngDecoder::decode(bytes);
-}
-
 std::optional<detail::Opened> openUnchecked(const QString& path, detail::Access access)
 {
     const QFileInfo info(path);
@@ -458,16 +436,6 @@ std::optional<detail::Opened> openUnchecked(const QString& path, detail::Access 
         return std::nullopt;
     if (*type == ImageType::bmp())
         return openBmp(file, head, access);
-    if (*type == ImageType::png() && access == detail::Access::Whole) {
-        const PngDecoder::Decoded fast = decodeCommonPng(file, head);
-        if (fast.image) {
-            const vips::VImage& image = *fast.image;
-            const std::uint64_t bytes = VIPS_IMAGE_SIZEOF_IMAGE(image.get_image());
-            return detail::Opened{image, ImageType::png(), bytes, 0};
-        }
-        if (fast.damaged)
-            return std::nullopt;
-    }
     if (*type == ImageType::tiff()) {
         // At least a byte a pixel, whatever the samples: a size that fails
         // even that is refused before libtiff reads the directory.
