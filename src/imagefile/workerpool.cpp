@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include <vips/vips.h>
+
 #include "imagefile/imagefile.h"
 
 namespace orvane {
@@ -67,6 +69,9 @@ struct WorkerPool::Impl {
             } catch (...) {
             }
             job.work = nullptr; // whatever the job captured goes before it counts as done
+            // libvips keeps buffers per thread; give them back between jobs,
+            // so that an idle pool holds no image memory.
+            vips_thread_shutdown();
             lock.lock();
             --running;
             runningBytes -= job.bytes;

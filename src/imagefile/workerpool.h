@@ -12,7 +12,9 @@ namespace orvane {
 /// Runs jobs on a few threads. A job states how many bytes of memory it may
 /// need at most; jobs start in the order they were queued, each when a
 /// thread is free and its bytes fit the memory budget beside the jobs
-/// running (a job larger than the whole budget runs alone). Thread-safe.
+/// running (a job larger than the whole budget runs alone). libvips' buffers
+/// of a worker thread are given back after each job, so libvips must be
+/// started (VIPS_INIT) before the first job is queued. Thread-safe.
 class WorkerPool {
 public:
     /// The process's pool: one thread per core, budget from the memory available.

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vips/vips8>
+
 #include "imagefile/workerpool.h"
 
 using namespace orvane;
@@ -121,4 +123,13 @@ TEST(WorkerPool, AQueuedJobCanBeCancelledARunningOneCannot)
     recorder.release();
     pool.waitForDone();
     EXPECT_EQ(recorder.started(), (std::vector<int>{1, 3}));
+}
+
+int main(int argc, char** argv)
+{
+    // The pool gives libvips' per-thread buffers back after each job.
+    if (VIPS_INIT(argv[0]))
+        return 2;
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
 }
