@@ -618,9 +618,11 @@ QByteArray encode(const vips::VImage& image, const ImageType& written, bool loss
         return fromBlob(image.webpsave_buffer(vips::VImage::option()->set("lossless", true)->set("strip", false)));
     }
     if (written == ImageType::jpeg()) {
-        // Optimised Huffman tables cost nothing in quality and shrink the file.
+        // Optimised Huffman tables cost nothing in quality and shrink the
+        // file, but libjpeg then holds every coefficient of the image: not
+        // for an image too large to hold.
         return fromBlob(image.jpegsave_buffer(
-            vips::VImage::option()->set("Q", 92)->set("optimize_coding", true)->set("strip", false)));
+            vips::VImage::option()->set("Q", 92)->set("optimize_coding", !writingSequentialImage)->set("strip", false)));
     }
     if (written == ImageType::png())
         return encodePng(image);
