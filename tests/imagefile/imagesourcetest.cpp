@@ -167,6 +167,11 @@ TEST_F(Source, AQueuedImageHoldsNoFullSizePixels)
     const std::optional<ImageFile::Indexed> indexed = ImageFile::index(file, true);
     ASSERT_TRUE(indexed);
     EXPECT_LE(indexed->summary.byteCount(), std::size_t(256) << 10);
+    // A long strip of gradients: as many distinct keys along it as there are.
+    const vips::VImage strip = framed(120000, 30, 4, VIPS_FORMAT_UCHAR);
+    const std::optional<ImageFile::Indexed> long_ = ImageFile::index(save(strip, QStringLiteral("strip.png")), false);
+    ASSERT_TRUE(long_);
+    EXPECT_LE(long_->summary.byteCount(), std::size_t(256) << 10);
     const std::optional<ImageFile::Decoded> decoded = ImageFile::decode(file);
     ASSERT_TRUE(decoded);
     EXPECT_GE(decoded->byteCount(), std::size_t(6000) * 4000);
