@@ -645,11 +645,17 @@ QByteArray encode(const vips::VImage& image, const ImageType& written, const Sou
         return fromBlob(image.tiffsave_buffer(tiffSaveOptions(source, image)->set("strip", false)));
     if (written == ImageType::webP()) {
         return fromBlob(image.webpsave_buffer(
-            vips::VImage::option()->set("Q", lossyWebpQuality)->set("strip", false)));
+            vips::VImage::option()->set("Q", lossyWebpQuality)->set("smart_subsample", true)->set("strip", false)));
     }
     if (written == ImageType::heic() || written == ImageType::heif()) {
+        // Halving the chroma of a 4:4:4 source would cost far more than the
+        // quality setting saves; a 4:2:0 source is re-encoded on its own grid.
+        const bool fullChroma = source.fullChroma.value_or(false);
         return fromBlob(image.heifsave_buffer(
-            vips::VImage::option()->set("Q", heifQuality)->set("strip", false)));
+            vips::VImage::option()
+                ->set("Q", heifQuality)
+                ->set("subsample_mode", fullChroma ? VIPS_FOREIGN_SUBSAMPLE_OFF : VIPS_FOREIGN_SUBSAMPLE_ON)
+                ->set("strip", false)));
     }
     if (written == ImageType::bmp())
         return fromBlob(image.magicksave_buffer(vips::VImage::option()->set("format", "bmp")->set("strip", false)));

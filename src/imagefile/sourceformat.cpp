@@ -13,6 +13,7 @@ namespace {
 // operation's input to its output, so a crop carries them along.
 constexpr const char* kResolutionField = "orvane-source-resolution";
 constexpr const char* kTiffField = "orvane-source-tiff";
+constexpr const char* kChromaField = "orvane-source-full-chroma";
 
 static_assert(std::is_trivially_copyable_v<TiffDirectory>, "kept on an image as raw bytes");
 
@@ -35,6 +36,19 @@ bool pngHasResolution(QFile& file)
         at += 12 + length; // length, type, data, checksum
     }
     return false;
+}
+
+// Whether the first HEVC configuration (an hvcC box) in a HEIF file's
+// metadata says 4:4:4. Its chroma_format_idc is the low two bits of the
+// record's 17th byte. The metadata sits at the start of the files phones
+// and libheif write; absent when no hvcC is found there.
+std::optional<bool> heifHasFullChroma(QFile& file)
+{
+    const QByteArray head = file.read(256 * 1024);
+    const qsizetype box = head.indexOf("hvcC");
+    if (box < 4 || box + 4 + 17 > head.size())
+        return std::nullopt;
+    return (std::uint8_t(head[box + 4 + 16]) & 3) == 3;
 }
 
 VipsForeignTiffCompression compressionFor(int code)
@@ -70,6 +84,8 @@ SourceFormat SourceFormat::read(const QString& path, const ImageType& type)
         format.tiff = TiffDirectory::read(file);
         if (format.tiff)
             format.hasResolution = format.tiff->hasResolution;
+    } else if (type == ImageType::heic() || type == ImageType::heif()) {
+        format.fullChroma = heifHasFullChroma(file);
     }
     return format;
 }
@@ -80,6 +96,8 @@ void SourceFormat::attachTo(vips::VImage& image) const
         image.set(kResolutionField, *hasResolution ? 1 : 0);
     if (tiff)
         vips_image_set_blob_copy(image.get_image(), kTiffField, &*tiff, sizeof(TiffDirectory));
+    if (fullChroma)
+        image.set(kChromaField, *fullChroma ? 1 : 0);
 }
 
 SourceFormat SourceFormat::of(const vips::VImage& image)
@@ -87,6 +105,8 @@ SourceFormat SourceFormat::of(const vips::VImage& image)
     SourceFormat format;
     if (image.get_typeof(kResolutionField) != 0)
         format.hasResolution = image.get_int(kResolutionField) != 0;
+    if (image.get_typeof(kChromaField) != 0)
+        format.fullChroma = image.get_int(kChromaField) != 0;
     const void* data = nullptr;
     size_t length = 0;
     if (image.get_typeof(kTiffField) != 0 && vips_image_get_blob(image.get_image(), kTiffField, &data, &length) == 0

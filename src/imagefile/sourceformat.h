@@ -15,10 +15,12 @@
 namespace orvane::ImageFile {
 
 /// Quality at which lossy formats other than JPEG are written: HEIC and HEIF
-/// (HEVC) and lossy WebP, chosen so that a re-encoded photo stays as close to
-/// its decoded source as JPEG at quality 92 does (bench/bench_reencode).
+/// (HEVC, chroma as the source had it) and lossy WebP (with libwebp's sharp
+/// conversion to YUV), chosen so that a re-encoded photo stays at least about
+/// as close to its decoded source as JPEG at quality 92 does
+/// (bench/bench_reencode).
 inline constexpr int heifQuality = 75;
-inline constexpr int lossyWebpQuality = 92;
+inline constexpr int lossyWebpQuality = 100;
 
 struct SourceFormat {
     /// Whether the file stated a resolution (PNG's pHYs chunk, TIFF's
@@ -26,6 +28,9 @@ struct SourceFormat {
     std::optional<bool> hasResolution;
     /// The first directory of a TIFF source.
     std::optional<TiffDirectory> tiff;
+    /// Whether a HEIC or HEIF source's HEVC stream keeps chroma at full
+    /// resolution (4:4:4) rather than halved (4:2:0, what phones write).
+    std::optional<bool> fullChroma;
 
     /// Reads what matters for type (found from the content) from the file's
     /// header. Nothing is known when the file cannot be read. Thread-safe.

@@ -124,8 +124,9 @@ TEST_P(TiffSave, KeepsTheSourcesStorageAndShrinksWithTheArea)
 
     const double share = double(rect->width * rect->height) / double(decoded->summary.width * decoded->summary.height);
     const qint64 sourceBytes = QFileInfo(source).size();
-    if (c.lossless)
+    if (c.lossless) {
         EXPECT_LE(QFileInfo(target).size(), qint64(sourceBytes * share) + 1024) << "source " << sourceBytes;
+    }
 
     const VImage back = VImage::new_from_file(QFile::encodeName(target).constData());
     const VImage expected = decoded->image.extract_area(int(rect->x), int(rect->y), int(rect->width), int(rect->height));
@@ -254,8 +255,9 @@ TEST_P(PngResolution, WrittenOnlyWhenTheSourceHadOne)
     ImageFile::setAvailableMemoryForTesting(std::nullopt);
     const VImage back = VImage::new_from_file(QFile::encodeName(target).constData());
     EXPECT_EQ(samples(back), samples(content.extract_area(5, 4, 60, 40)));
-    if (c.sourceHasResolution)
+    if (c.sourceHasResolution) {
         EXPECT_NEAR(back.xres(), 11.811, 0.001);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Sources, PngResolution,
@@ -263,5 +265,34 @@ INSTANTIATE_TEST_SUITE_P(Sources, PngResolution,
                                            ResolutionCase{"with_libvips_writing", true, true},
                                            ResolutionCase{"without_libvips_writing", false, true}),
                          [](const ::testing::TestParamInfo<ResolutionCase>& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------- HEIC chroma
+
+// The chroma format of the first HEVC configuration in a HEIF file: 1 for
+// 4:2:0, 3 for 4:4:4; -1 when there is none.
+static int heifChroma(const QByteArray& file)
+{
+    const qsizetype box = file.indexOf("hvcC");
+    return box < 0 || box + 21 > file.size() ? -1 : std::uint8_t(file[box + 20]) & 3;
+}
+
+TEST(HeicSave, KeepsTheSourcesChromaResolution)
+{
+    if (!test::hasSaver(".heic"))
+        GTEST_SKIP() << "no HEIC encoder";
+    QTemporaryDir dir;
+    const VImage image = pattern(64, 48, 3).embed(8, 8, 80, 64, VImage::option()->set("extend", VIPS_EXTEND_WHITE));
+    for (const char* mode : {"on", "off"}) {
+        const QString source = dir.filePath("source.heic");
+        const QString target = dir.filePath("trimmed.heic");
+        image.write_to_file((QFile::encodeName(source) + "[Q=80,subsample_mode=" + mode + "]").constData());
+        const int chroma = heifChroma(readFile(source));
+        ASSERT_NE(chroma, -1);
+        const std::optional<ImageFile::Decoded> decoded = ImageFile::decode(source);
+        ASSERT_TRUE(decoded);
+        ASSERT_TRUE(ImageFile::saveCropped(*decoded, PixelRect{8, 8, 64, 48}, target, ImageType::heic()));
+        EXPECT_EQ(heifChroma(readFile(target)), chroma) << "subsample_mode=" << mode;
+    }
+}
 
 ORVANE_IMAGEFILE_TEST_MAIN({})
