@@ -139,6 +139,12 @@ vips::VOption* tiffSaveOptions(const SourceFormat& source, const vips::VImage& i
         else
             compression = VIPS_FOREIGN_TIFF_COMPRESSION_LZW;
     }
+    // JPEG and WebP take 8-bit samples only (WebP also only colour); a
+    // 16-bit, float or Lab image in such a file is kept lossless instead.
+    const bool eightBit = image.format() == VIPS_FORMAT_UCHAR && image.coding() == VIPS_CODING_NONE;
+    if ((compression == VIPS_FOREIGN_TIFF_COMPRESSION_JPEG && !(eightBit && (image.bands() == 1 || image.bands() == 3)))
+        || (compression == VIPS_FOREIGN_TIFF_COMPRESSION_WEBP && !(eightBit && image.bands() >= 3)))
+        compression = VIPS_FOREIGN_TIFF_COMPRESSION_DEFLATE;
     options->set("compression", compression);
     if (packedBits > 0)
         options->set("bitdepth", packedBits);

@@ -19,7 +19,7 @@ namespace orvane::ImageFile {
 /// conversion to YUV), chosen so that a re-encoded photo stays at least about
 /// as close to its decoded source as JPEG at quality 92 does
 /// (bench/bench_reencode).
-inline constexpr int heifQuality = 75;
+inline constexpr int heifQuality = 80;
 inline constexpr int lossyWebpQuality = 100;
 
 struct SourceFormat {
@@ -49,7 +49,8 @@ struct SourceFormat {
 /// Huffman writer, so those become Group 4, and codecs libvips lacks become
 /// LZW), its predictor, 1, 2 or 4 bits per sample for such a grey source,
 /// min-is-white, and its tiles. JPEG is written at quality 92, WebP as
-/// lossy WebP files are. Without a TIFF source, libvips' defaults.
+/// lossy WebP files are; an image those cannot hold (16-bit, float, Lab)
+/// gets Deflate. Without a TIFF source, libvips' defaults.
 vips::VOption* tiffSaveOptions(const SourceFormat& source, const vips::VImage& image);
 
 } // namespace orvane::ImageFile
