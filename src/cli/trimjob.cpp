@@ -7,6 +7,7 @@
 #include <QSaveFile>
 
 #include "imagefile/imagefile.h"
+#include "imagefile/imagesource.h"
 
 namespace orvane {
 
@@ -67,19 +68,17 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
     result.path = task.path;
     if (!task.error.isEmpty()) {
         result.error = task.error;
+        result.reason = task.reason;
         return result;
     }
 
     const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(task.path);
-    if (!loaded) {
-        // The file may have gone between listing and decoding.
-        result.error = QFileInfo::exists(task.path) ? QStringLiteral("Couldn’t be opened.")
-                                                    : QStringLiteral("No such file or folder.");
-        return result;
-    }
-    const std::optional<CropEngine::Buffer> buffer = CropEngine::Buffer::make(loaded->image);
+    const std::optional<CropEngine::Buffer> buffer
+        = loaded ? CropEngine::Buffer::make(loaded->image) : std::nullopt;
     if (!buffer) {
-        result.error = QStringLiteral("Couldn’t be opened.");
+        const ImageFile::Failure failure = ImageFile::whyNotOpened(task.path);
+        result.error = failure.message;
+        result.reason = failure.reason;
         return result;
     }
 

@@ -41,6 +41,8 @@ struct TrimResult {
     QString existing;
     /// Why the image failed; empty otherwise.
     QString error;
+    /// Why the file could not be opened, when that is why it failed.
+    std::optional<ImageFile::FailureReason> reason;
 };
 
 /// Turns one task into its result: decode once, measure every tolerance,

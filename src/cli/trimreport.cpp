@@ -5,6 +5,8 @@
 #include <QLocale>
 #include <QStringList>
 
+#include "imagefile/imagesource.h"
+
 namespace orvane {
 
 namespace {
@@ -107,6 +109,10 @@ QByteArray TrimReport::jsonLine(const TrimResult& result, bool writing)
     if (!result.error.isEmpty()) {
         out += ",\"error\":";
         appendString(out, result.error);
+        if (result.reason) {
+            out += ",\"reason\":";
+            appendString(out, ImageFile::reasonCode(*result.reason));
+        }
     }
     if (writing) {
         out += ",\"output\":";
@@ -148,6 +154,8 @@ QString TrimReport::textLine(const TrimResult& r)
         return QStringLiteral("exists     %1 (%2 is already there; --overwrite replaces it)\n")
             .arg(r.path, r.existing);
     case TrimResult::Status::Failed:
+        if (r.reason)
+            return QStringLiteral("orvane-trim: %1: %2 (%3)\n").arg(r.path, r.error, ImageFile::reasonCode(*r.reason));
         return QStringLiteral("orvane-trim: %1: %2\n").arg(r.path, r.error);
     }
     return {};

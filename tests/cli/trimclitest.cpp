@@ -332,7 +332,7 @@ TEST_F(TrimCli, DryRunReportsNullForNoContentAndErrorObjectsForFailures)
     ASSERT_EQ(objects.size(), 4);
     EXPECT_EQ(objects[0].value("rects").toArray().first().toObject().value("rect"), QJsonValue(QJsonValue::Null));
     for (int i : {1, 2}) {
-        EXPECT_EQ(sortedKeys(objects[i]), (QStringList{"error", "path"}));
+        EXPECT_EQ(sortedKeys(objects[i]), (QStringList{"error", "path", "reason"}));
         EXPECT_FALSE(objects[i].value("error").toString().isEmpty());
     }
     EXPECT_EQ(objects[1].value("path").toString(), QStringLiteral("gone.png"));
@@ -352,7 +352,7 @@ TEST_F(TrimCli, PlainTextOutputAndSummaryWithoutATerminal)
     const TrimRun run = trim({QStringLiteral("a.png"), QStringLiteral("missing.png")});
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(run.out, "trimmed    a.png -> a-cropped.png (40x30 -> 7x8)\n");
-    EXPECT_EQ(run.err, "orvane-trim: missing.png: No such file or folder.\n"
+    EXPECT_EQ(run.err, "orvane-trim: missing.png: There’s no file by that name; it may have been moved or deleted. (missing)\n"
                        "1 trimmed, 0 unchanged, 0 without content, 0 already there, 1 failed\n");
 }
 
