@@ -8,6 +8,7 @@
 
 #include "imagefile/imagefile.h"
 #include "imagefile/imagesource.h"
+#include "imagefile/losslessjpeg.h"
 
 namespace orvane {
 
@@ -104,7 +105,21 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         return result;
     }
 
-    const bool whole = rect->width == result.width && rect->height == result.height;
+    // --lossless: a JPEG is cut on its block grid, which may keep a little
+    // more than the rectangle asked for.
+    QByteArray jpeg;
+    std::optional<PixelRect> onGrid;
+    if (options.lossless && loaded->type == ImageType::jpeg()) {
+        QFile source(task.path);
+        if (source.open(QIODevice::ReadOnly))
+            jpeg = source.readAll();
+        const std::optional<LosslessJpeg::Grid> grid = LosslessJpeg::grid(jpeg);
+        if (grid && grid->width == result.width && grid->height == result.height)
+            onGrid = LosslessJpeg::writtenRect(*rect, *grid);
+    }
+    const PixelRect& kept = onGrid ? *onGrid : *rect;
+
+    const bool whole = kept.width == result.width && kept.height == result.height;
     const bool overSource = options.destination == TrimOptions::Destination::InPlace;
     if (whole && options.destination != TrimOptions::Destination::Folder) {
         result.status = TrimResult::Status::Unchanged;
@@ -124,6 +139,21 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         result.status = TrimResult::Status::Unchanged;
         result.output = task.output;
         return result;
+    }
+
+    if (onGrid) {
+        const std::optional<QByteArray> cut = LosslessJpeg::crop(jpeg, *onGrid);
+        if (cut) {
+            if (!ImageFile::write(*cut, task.output)) {
+                result.error = writeFailure(task.output);
+                return result;
+            }
+            result.status = TrimResult::Status::Trimmed;
+            result.output = task.output;
+            result.written = onGrid;
+            return result;
+        }
+        // A file libjpeg-turbo cannot transform is written as usual.
     }
 
     const std::optional<vips::VImage> cropped = CropEngine::crop(*buffer, *rect);

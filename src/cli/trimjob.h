@@ -35,6 +35,9 @@ struct TrimResult {
     /// Per tolerance, in the order asked: the rectangle that is (or would be)
     /// kept, margin included; absent when nothing counts as content.
     QList<std::pair<double, std::optional<PixelRect>>> rects;
+    /// The rectangle a lossless JPEG cut wrote (--lossless), which holds the
+    /// kept one; absent when the image was written otherwise.
+    std::optional<PixelRect> written;
     /// The file written (trimmed, or copied when unchanged); empty when none.
     QString output;
     /// The output that already exists, for Exists.

@@ -43,6 +43,12 @@ QByteArray number(double value)
     return QByteArray::number(value, 'g', QLocale::FloatingPointShortest);
 }
 
+QByteArray jsonRect(const PixelRect& r)
+{
+    return '[' + QByteArray::number(qint64(r.x)) + ',' + QByteArray::number(qint64(r.y)) + ','
+        + QByteArray::number(qint64(r.width)) + ',' + QByteArray::number(qint64(r.height)) + ']';
+}
+
 QString geometry(const PixelRect& r)
 {
     return QStringLiteral("%1x%2+%3+%4").arg(r.width).arg(r.height).arg(r.x).arg(r.y);
@@ -95,16 +101,12 @@ QByteArray TrimReport::jsonLine(const TrimResult& result, bool writing)
             if (i > 0)
                 out += ',';
             out += "{\"tolerance\":" + number(tolerance) + ",\"rect\":";
-            if (rect) {
-                out += '[' + QByteArray::number(qint64(rect->x)) + ',' + QByteArray::number(qint64(rect->y))
-                    + ',' + QByteArray::number(qint64(rect->width)) + ','
-                    + QByteArray::number(qint64(rect->height)) + ']';
-            } else {
-                out += "null";
-            }
+            out += rect ? jsonRect(*rect) : QByteArray("null");
             out += '}';
         }
         out += ']';
+        if (result.written)
+            out += ",\"written\":" + jsonRect(*result.written);
     }
     if (!result.error.isEmpty()) {
         out += ",\"error\":";
@@ -141,6 +143,10 @@ QString TrimReport::textLine(const TrimResult& r)
     }
     case TrimResult::Status::Trimmed: {
         const PixelRect& rect = *r.rects.first().second;
+        if (r.written) {
+            return QStringLiteral("trimmed    %1 -> %2 (%3 -> %4, lossless: %5)\n")
+                .arg(r.path, r.output, size(r.width, r.height), size(rect.width, rect.height), geometry(*r.written));
+        }
         return QStringLiteral("trimmed    %1 -> %2 (%3 -> %4)\n")
             .arg(r.path, r.output, size(r.width, r.height), size(rect.width, rect.height));
     }

@@ -23,9 +23,10 @@ struct TrimCounts {
 namespace TrimReport {
 
 /// One JSON object and a newline, UTF-8, keys in a fixed order: path, then
-/// either type, width, height, rects or error (a result that was decoded but
-/// failed to be written has both), with reason after error when the file
-/// could not be opened, then output and status when writing.
+/// either type, width, height, rects (and written, the rectangle of a
+/// lossless JPEG cut) or error (a result that was decoded but failed to be
+/// written has both), with reason after error when the file could not be
+/// opened, then output and status when writing.
 QByteArray jsonLine(const TrimResult& result, bool writing);
 
 /// One line for a person, with a newline. Failures are meant for stderr and

@@ -797,6 +797,11 @@ ImageType writableType(const ImageType& type)
     return ImageType::png();
 }
 
+bool write(const QByteArray& bytes, const QString& path)
+{
+    return writeAtomically(path, bytes);
+}
+
 bool save(const vips::VImage& image, const QString& path, const ImageType& type)
 {
     try {

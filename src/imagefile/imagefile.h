@@ -61,21 +61,26 @@ ImageType writableType(const ImageType& type);
 
 /// Writes image to path in writableType(type): JPEG at quality 92; PNG with
 /// adaptive filters, compressed about as well as zlib at level 7 or better,
-/// as indexed colour with the exact palette when an 8-bit colour image has
-/// at most 256 distinct pixels and that is smaller, with a resolution only
-/// when its source had one; a TIFF with its source's compression, predictor,
-/// bit depth and tiles (see tiffSaveOptions()), Lab staying Lab; 16-bit
-/// samples stay 16-bit where the format holds them; no metadata of the source
-/// but the ICC profile (libvips adds a minimal EXIF block of its own to JPEG
-/// and WebP). An image loaded from a lossless WebP is written as lossless
-/// WebP; other WebP at lossyWebpQuality, HEIC and HEIF at heifQuality.
-/// What is known of the source travels on the image from load() (see
-/// SourceFormat).
+/// in the fewest bands and bits that hold the pixels exactly (see
+/// PngEncoder::encode), with a resolution only when its source had one; a
+/// TIFF with its source's compression, predictor, bit depth and tiles (see
+/// tiffSaveOptions()), Lab staying Lab; 16-bit samples stay 16-bit where the
+/// format holds them and something would be lost in 8; no metadata of the
+/// source but the ICC profile (libvips adds a minimal EXIF block of its own
+/// to JPEG and WebP). An image loaded from a lossless WebP is written as
+/// lossless WebP; other WebP at lossyWebpQuality, HEIC and HEIF at
+/// heifQuality. What is known of the source travels on the image from load()
+/// (see SourceFormat).
 /// An existing file is replaced atomically, keeping its permissions (and, for
 /// root, its owner): on failure the old file stays byte for byte and no
 /// partial file is left. True when the file was written completely.
 /// Thread-safe; produces no messages.
 bool save(const vips::VImage& image, const QString& path, const ImageType& type);
+
+/// Writes an encoded file to path as save() does: atomically, keeping the
+/// permissions (and, for root, the owner) of a file it replaces. True when
+/// the file was written completely. Thread-safe; produces no messages.
+bool write(const QByteArray& bytes, const QString& path);
 
 /// Test seam: when bytes is set, availableMemory() answers it instead of
 /// asking the system; nullopt restores the real answer. Thread-safe.
