@@ -119,6 +119,7 @@ int main(int argc, char* argv[])
     ProgressLine progress(tasks.size());
     TrimCounts counts;
     const bool writing = !options.dryRun;
+    bool losslessNoted = false;
 
     catchInterrupts();
     const BatchRunner runner(options.jobs, options.jobs * 2 + 2, WorkerPool::shared(),
@@ -140,6 +141,11 @@ int main(int argc, char* argv[])
         [&](qsizetype index, TrimResult&& result) {
             counts.add(result.status);
             progress.clear();
+            if (options.lossless && writing && !losslessNoted && result.decoded
+                && result.type != ImageType::jpeg().mimeName()) {
+                losslessNoted = true;
+                write(stderr, "orvane-trim: --lossless applies to JPEG images only; other types are written as usual\n");
+            }
             if (options.json)
                 write(stdout, TrimReport::jsonLine(result, writing));
             else if (result.status == TrimResult::Status::Failed)

@@ -8,6 +8,7 @@
 
 #include "imagefile/imagefile.h"
 #include "imagefile/imagesource.h"
+#include "imagefile/losslessjpeg.h"
 
 namespace orvane {
 
@@ -80,6 +81,7 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
     result.path = task.path;
     if (!task.error.isEmpty()) {
         result.error = task.error;
+        result.reason = task.reason;
         return result;
     }
 
@@ -95,9 +97,9 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         summary = decoded->summary;
     }
     if (!summary) {
-        // The file may have gone between listing and decoding.
-        result.error = QFileInfo::exists(task.path) ? QStringLiteral("Couldn’t be opened.")
-                                                    : QStringLiteral("No such file or folder.");
+        const ImageFile::Failure failure = ImageFile::whyNotOpened(task.path);
+        result.error = failure.message;
+        result.reason = failure.reason;
         return result;
     }
 
@@ -123,7 +125,21 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         return result;
     }
 
-    const bool whole = rect->width == result.width && rect->height == result.height;
+    // --lossless: a JPEG is cut on its block grid, which may keep a little
+    // more than the rectangle asked for.
+    QByteArray jpeg;
+    std::optional<PixelRect> onGrid;
+    if (options.lossless && summary->type == ImageType::jpeg()) {
+        QFile source(task.path);
+        if (source.open(QIODevice::ReadOnly))
+            jpeg = source.readAll();
+        const std::optional<LosslessJpeg::Grid> grid = LosslessJpeg::grid(jpeg);
+        if (grid && grid->width == result.width && grid->height == result.height)
+            onGrid = LosslessJpeg::writtenRect(*rect, *grid);
+    }
+    const PixelRect& kept = onGrid ? *onGrid : *rect;
+
+    const bool whole = kept.width == result.width && kept.height == result.height;
     const bool overSource = options.destination == TrimOptions::Destination::InPlace;
     if (whole && options.destination != TrimOptions::Destination::Folder) {
         result.status = TrimResult::Status::Unchanged;
@@ -143,6 +159,21 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         result.status = TrimResult::Status::Unchanged;
         result.output = task.output;
         return result;
+    }
+
+    if (onGrid) {
+        const std::optional<QByteArray> cut = LosslessJpeg::crop(jpeg, *onGrid);
+        if (cut) {
+            if (!ImageFile::write(*cut, task.output)) {
+                result.error = writeFailure(task.output);
+                return result;
+            }
+            result.status = TrimResult::Status::Trimmed;
+            result.output = task.output;
+            result.written = onGrid;
+            return result;
+        }
+        // A file libjpeg-turbo cannot transform is written as usual.
     }
 
     if (!ImageFile::saveCropped(*decoded, *rect, task.output, summary->type)) {

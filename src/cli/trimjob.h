@@ -35,12 +35,17 @@ struct TrimResult {
     /// Per tolerance, in the order asked: the rectangle that is (or would be)
     /// kept, margin included; absent when nothing counts as content.
     QList<std::pair<double, std::optional<PixelRect>>> rects;
+    /// The rectangle a lossless JPEG cut wrote (--lossless), which holds the
+    /// kept one; absent when the image was written otherwise.
+    std::optional<PixelRect> written;
     /// The file written (trimmed, or copied when unchanged); empty when none.
     QString output;
     /// The output that already exists, for Exists.
     QString existing;
     /// Why the image failed; empty otherwise.
     QString error;
+    /// Why the file could not be opened, when that is why it failed.
+    std::optional<ImageFile::FailureReason> reason;
 };
 
 /// Turns one task into its result: decode once, measure every tolerance,

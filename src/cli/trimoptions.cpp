@@ -82,6 +82,9 @@ TrimOptions::Parsed TrimOptions::parse(const QStringList& arguments, int default
         QStringLiteral("Replace outputs that already exist."));
     const QCommandLineOption marginOption(QStringLiteral("margin"),
         QStringLiteral("Keep PX more pixels on every side, within the image."), QStringLiteral("PX"));
+    const QCommandLineOption losslessOption(QStringLiteral("lossless"),
+        QStringLiteral("JPEG: cut without re-encoding; the left and top edges move out to the JPEG’s block grid "
+                       "(8 or 16 pixels) and the rectangle written is reported. Other types are written as usual."));
     const QCommandLineOption jobsOption({QStringLiteral("j"), QStringLiteral("jobs")},
         QStringLiteral("Images processed in parallel (default: the number of cores)."), QStringLiteral("N"));
     const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")},
@@ -89,7 +92,7 @@ TrimOptions::Parsed TrimOptions::parse(const QStringList& arguments, int default
     const QCommandLineOption versionOption(QStringLiteral("version"),
         QStringLiteral("Show the version and exit."));
     parser.addOptions({toleranceOption, dryRunOption, jsonOption, outputOption, inPlaceOption,
-        overwriteOption, marginOption, jobsOption, helpOption, versionOption});
+        overwriteOption, marginOption, losslessOption, jobsOption, helpOption, versionOption});
     parser.addPositionalArgument(QStringLiteral("PATH"), QStringLiteral("Image files and folders."),
         QStringLiteral("PATH..."));
 
@@ -128,6 +131,7 @@ TrimOptions::Parsed TrimOptions::parse(const QStringList& arguments, int default
     o.dryRun = parser.isSet(dryRunOption);
     o.json = parser.isSet(jsonOption);
     o.overwrite = parser.isSet(overwriteOption);
+    o.lossless = parser.isSet(losslessOption);
 
     if (parser.isSet(toleranceOption)) {
         QString error;

@@ -29,6 +29,9 @@ struct TrimOptions {
     bool overwrite = false;
     /// Pixels added to every side of the content rectangle, clipped to the image.
     int margin = 0;
+    /// JPEG sources are cut without decoding and encoding their pixels again,
+    /// on their block grid; other types are written as usual.
+    bool lossless = false;
     /// Images processed at the same time; at least 1.
     int jobs = 1;
 

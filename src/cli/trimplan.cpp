@@ -77,22 +77,22 @@ QList<TrimTask> TrimPlan::make(const TrimOptions& options)
         const QFileInfo info(given);
         if (info.isDir()) {
             if (!canList(given)) {
-                tasks.append({given, {}, QStringLiteral("Couldn’t read the folder.")});
+                tasks.append({given, {}, QStringLiteral("Couldn’t read the folder."), ImageFile::FailureReason::Unreadable});
                 continue;
             }
             for (const QString& path : ImageFile::expandingFolders({given})) {
                 if (options.destination == TrimOptions::Destination::Beside && isEarlierOutput(path))
                     continue;
-                tasks.append({path, {}, {}});
+                tasks.append({path, {}, {}, {}});
             }
             continue;
         }
-        TrimTask task{given, {}, {}};
-        if (!info.exists())
-            task.error = info.isSymLink() ? QStringLiteral("Couldn’t be opened: the link leads nowhere.")
-                                          : QStringLiteral("No such file or folder.");
-        else if (!ImageFile::isAccepted(given))
-            task.error = QStringLiteral("Not an image type Orvane accepts.");
+        TrimTask task{given, {}, {}, {}};
+        if (!info.exists() || !ImageFile::isAccepted(given)) {
+            const ImageFile::Failure failure = ImageFile::whyNotOpened(given);
+            task.error = failure.message;
+            task.reason = failure.reason;
+        }
         tasks.append(task);
     }
 

@@ -1,10 +1,13 @@
 // The list of images one orvane-trim run works on, with where each one goes.
 #pragma once
 
+#include <optional>
+
 #include <QList>
 #include <QString>
 
 #include "cli/trimoptions.h"
+#include "imagefile/imagesource.h"
 
 namespace orvane {
 
@@ -19,6 +22,8 @@ struct TrimTask {
     /// a name Orvane does not accept, an output another image already
     /// claims); empty when it is processed.
     QString error;
+    /// Why the file cannot be opened, when that is the error.
+    std::optional<ImageFile::FailureReason> reason;
 };
 
 /// Expands the command line's paths into tasks and assigns the outputs.

@@ -5,6 +5,8 @@
 #include <QLocale>
 #include <QStringList>
 
+#include "imagefile/imagesource.h"
+
 namespace orvane {
 
 namespace {
@@ -39,6 +41,12 @@ void appendString(QByteArray& out, const QString& text)
 QByteArray number(double value)
 {
     return QByteArray::number(value, 'g', QLocale::FloatingPointShortest);
+}
+
+QByteArray jsonRect(const PixelRect& r)
+{
+    return '[' + QByteArray::number(qint64(r.x)) + ',' + QByteArray::number(qint64(r.y)) + ','
+        + QByteArray::number(qint64(r.width)) + ',' + QByteArray::number(qint64(r.height)) + ']';
 }
 
 QString geometry(const PixelRect& r)
@@ -93,20 +101,20 @@ QByteArray TrimReport::jsonLine(const TrimResult& result, bool writing)
             if (i > 0)
                 out += ',';
             out += "{\"tolerance\":" + number(tolerance) + ",\"rect\":";
-            if (rect) {
-                out += '[' + QByteArray::number(qint64(rect->x)) + ',' + QByteArray::number(qint64(rect->y))
-                    + ',' + QByteArray::number(qint64(rect->width)) + ','
-                    + QByteArray::number(qint64(rect->height)) + ']';
-            } else {
-                out += "null";
-            }
+            out += rect ? jsonRect(*rect) : QByteArray("null");
             out += '}';
         }
         out += ']';
+        if (result.written)
+            out += ",\"written\":" + jsonRect(*result.written);
     }
     if (!result.error.isEmpty()) {
         out += ",\"error\":";
         appendString(out, result.error);
+        if (result.reason) {
+            out += ",\"reason\":";
+            appendString(out, ImageFile::reasonCode(*result.reason));
+        }
     }
     if (writing) {
         out += ",\"output\":";
@@ -135,6 +143,10 @@ QString TrimReport::textLine(const TrimResult& r)
     }
     case TrimResult::Status::Trimmed: {
         const PixelRect& rect = *r.rects.first().second;
+        if (r.written) {
+            return QStringLiteral("trimmed    %1 -> %2 (%3 -> %4, lossless: %5)\n")
+                .arg(r.path, r.output, size(r.width, r.height), size(rect.width, rect.height), geometry(*r.written));
+        }
         return QStringLiteral("trimmed    %1 -> %2 (%3 -> %4)\n")
             .arg(r.path, r.output, size(r.width, r.height), size(rect.width, rect.height));
     }
@@ -148,6 +160,8 @@ QString TrimReport::textLine(const TrimResult& r)
         return QStringLiteral("exists     %1 (%2 is already there; --overwrite replaces it)\n")
             .arg(r.path, r.existing);
     case TrimResult::Status::Failed:
+        if (r.reason)
+            return QStringLiteral("orvane-trim: %1: %2 (%3)\n").arg(r.path, r.error, ImageFile::reasonCode(*r.reason));
         return QStringLiteral("orvane-trim: %1: %2\n").arg(r.path, r.error);
     }
     return {};

@@ -23,11 +23,14 @@ struct TrimCounts {
 namespace TrimReport {
 
 /// One JSON object and a newline, UTF-8, keys in a fixed order: path, then
-/// either type, width, height, rects or error (a result that was decoded but
-/// failed to be written has both), then output and status when writing.
+/// either type, width, height, rects (and written, the rectangle of a
+/// lossless JPEG cut) or error (a result that was decoded but failed to be
+/// written has both), with reason after error when the file could not be
+/// opened, then output and status when writing.
 QByteArray jsonLine(const TrimResult& result, bool writing);
 
-/// One line for a person, with a newline. Failures are meant for stderr.
+/// One line for a person, with a newline. Failures are meant for stderr and
+/// end in their reason code in brackets when the file could not be opened.
 QString textLine(const TrimResult& result);
 
 /// The closing summary with a newline, e.g. "3 trimmed, 1 unchanged, 0 without

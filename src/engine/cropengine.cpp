@@ -395,12 +395,21 @@ std::optional<Buffer> Buffer::make(vips::VImage image)
         data->height = height;
         const auto w = static_cast<std::size_t>(width);
         const auto h = static_cast<std::size_t>(height);
-        const Layout layout = layoutOf(image);
+        // Packed Lab (an 8-bit CIELab TIFF) is read as float Lab for the
+        // raster; the buffer keeps the packed image, so it is written back as Lab.
+        vips::VImage colours = image;
+        if (image.coding() != VIPS_CODING_NONE) {
+            VipsImage* decoded = nullptr;
+            if (vips_image_decode(image.get_image(), &decoded) != 0)
+                throw vips::VError();
+            colours = vips::VImage(decoded);
+        }
+        const Layout layout = layoutOf(colours);
 
         const bool direct = expandsByBytes(image, layout) && pixelsInMemory(image);
 
         if (!direct) {
-            data->owned.reset(rasterByPipeline(image, layout, byteCount));
+            data->owned.reset(rasterByPipeline(colours, layout, byteCount));
             if (!data->owned)
                 return std::nullopt;
             data->pixels = data->owned.get();

@@ -1,6 +1,7 @@
 #include "imagefile/imagefile.h"
 #include "imagefile/opening.h"
 #include "imagefile/pngencoder.h"
+#include "imagefile/sourceformat.h"
 
 #include <algorithm>
 #include <array>
@@ -488,6 +489,7 @@ std::optional<detail::Opened> openUnchecked(const QString& path, detail::Access 
         if (webp.open(QIODevice::ReadOnly) && webpIsLossless(webp))
             image.set(kLosslessSourceField, 1);
     }
+    SourceFormat::read(path, *type).attachTo(image);
     return detail::Opened{image, *type, cost.whole(), cost.sequential()};
 }
 
@@ -567,17 +569,41 @@ QByteArray encodePngWithLibvips(const vips::VImage& image)
 // them row by row, writes it instead of ours, which wants them all at once.
 thread_local bool writingSequentialImage = false;
 
-QByteArray encodePng(const vips::VImage& image)
+// The PNG without its chunks of the given type, for a file libvips wrote.
+QByteArray withoutPngChunks(const QByteArray& png, const char* type)
 {
+    QByteArray out = png.left(8);
+    for (qsizetype at = 8; at + 12 <= png.size();) {
+        const auto* p = reinterpret_cast<const unsigned char*>(png.constData() + at);
+        const qsizetype length = qsizetype(std::uint32_t(p[0]) << 24 | std::uint32_t(p[1]) << 16 | std::uint32_t(p[2]) << 8 | p[3]);
+        if (length > png.size() - at - 12)
+            return png;
+        if (png.mid(at + 4, 4) != type)
+            out += png.mid(at, 12 + length);
+        at += 12 + length;
+    }
+    return out;
+}
+
+QByteArray encodePng(const vips::VImage& image, const SourceFormat& source)
+{
+    // A resolution is written only where the source stated one (or nothing
+    // is known of the source): libvips gives every image one, 72 dpi by default.
+    const bool resolution = source.hasResolution.value_or(true);
+    const auto byLibvips = [&] {
+        const QByteArray bytes = encodePngWithLibvips(image);
+        return resolution ? bytes : withoutPngChunks(bytes, "pHYs");
+    };
+
     if (writingSequentialImage)
-        return encodePngWithLibvips(image);
+        return byLibvips();
     const VipsInterpretation kind = image.interpretation();
     const int depth = image.format() == VIPS_FORMAT_UCHAR ? 8 : image.format() == VIPS_FORMAT_USHORT ? 16 : 0;
     const bool grey = image.bands() <= 2 && kind == (depth == 8 ? VIPS_INTERPRETATION_B_W : VIPS_INTERPRETATION_GREY16);
     const bool colour = (image.bands() == 3 || image.bands() == 4)
         && kind == (depth == 8 ? VIPS_INTERPRETATION_sRGB : VIPS_INTERPRETATION_RGB16);
     if (depth == 0 || !(grey || colour))
-        return encodePngWithLibvips(image);
+        return byLibvips();
 
     PngEncoder::Pixels pixels;
     pixels.width = image.width();
@@ -589,7 +615,7 @@ QByteArray encodePng(const vips::VImage& image)
     // here either way.
     const std::size_t imageBytes = std::size_t(VIPS_IMAGE_SIZEOF_IMAGE(image.get_image()));
     if (PngEncoder::workingMemory(pixels) + imageBytes > availableMemory() / 2)
-        return encodePngWithLibvips(image);
+        return byLibvips();
 
     PngEncoder::Metadata metadata;
     if (image.get_typeof(VIPS_META_ICC_NAME) != 0) {
@@ -599,18 +625,20 @@ QByteArray encodePng(const vips::VImage& image)
             metadata.iccProfile = QByteArray(static_cast<const char*>(data), qsizetype(length));
     }
     // libvips keeps the resolution in pixels per millimetre.
-    metadata.xPixelsPerMetre = std::uint32_t(std::clamp(std::lround(image.xres() * 1000.0), 0L, long(INT32_MAX)));
-    metadata.yPixelsPerMetre = std::uint32_t(std::clamp(std::lround(image.yres() * 1000.0), 0L, long(INT32_MAX)));
+    if (resolution) {
+        metadata.xPixelsPerMetre = std::uint32_t(std::clamp(std::lround(image.xres() * 1000.0), 0L, long(INT32_MAX)));
+        metadata.yPixelsPerMetre = std::uint32_t(std::clamp(std::lround(image.yres() * 1000.0), 0L, long(INT32_MAX)));
+    }
 
     const vips::VRegion region = vips::VRegion::new_from_image(image);
     region.prepare(0, 0, image.width(), image.height());
     pixels.data = static_cast<const std::uint8_t*>(static_cast<const void*>(region.addr()));
     pixels.stride = std::size_t(region.stride());
     QByteArray bytes = PngEncoder::encode(pixels, metadata);
-    return bytes.isEmpty() ? encodePngWithLibvips(image) : bytes;
+    return bytes.isEmpty() ? byLibvips() : bytes;
 }
 
-QByteArray encode(const vips::VImage& image, const ImageType& written, bool losslessSource)
+QByteArray encode(const vips::VImage& image, const ImageType& written, const SourceFormat& source, bool losslessSource)
 {
     if (written == ImageType::webP() && losslessSource) {
         // A lossless WebP (a screenshot, artwork) stays lossless: a lossy
@@ -625,7 +653,23 @@ QByteArray encode(const vips::VImage& image, const ImageType& written, bool loss
             vips::VImage::option()->set("Q", 92)->set("optimize_coding", !writingSequentialImage)->set("strip", false)));
     }
     if (written == ImageType::png())
-        return encodePng(image);
+        return encodePng(image, source);
+    if (written == ImageType::tiff())
+        return fromBlob(image.tiffsave_buffer(tiffSaveOptions(source, image)->set("strip", false)));
+    if (written == ImageType::webP()) {
+        return fromBlob(image.webpsave_buffer(
+            vips::VImage::option()->set("Q", lossyWebpQuality)->set("smart_subsample", true)->set("strip", false)));
+    }
+    if (written == ImageType::heic() || written == ImageType::heif()) {
+        // Halving the chroma of a 4:4:4 source would cost far more than the
+        // quality setting saves; a 4:2:0 source is re-encoded on its own grid.
+        const bool fullChroma = source.fullChroma.value_or(false);
+        return fromBlob(image.heifsave_buffer(
+            vips::VImage::option()
+                ->set("Q", heifQuality)
+                ->set("subsample_mode", fullChroma ? VIPS_FOREIGN_SUBSAMPLE_OFF : VIPS_FOREIGN_SUBSAMPLE_ON)
+                ->set("strip", false)));
+    }
     if (written == ImageType::bmp())
         return fromBlob(image.magicksave_buffer(vips::VImage::option()->set("format", "bmp")->set("strip", false)));
 
@@ -774,11 +818,17 @@ ImageType writableType(const ImageType& type)
     return ImageType::png();
 }
 
+bool write(const QByteArray& bytes, const QString& path)
+{
+    return writeAtomically(path, bytes);
+}
+
 bool save(const vips::VImage& image, const QString& path, const ImageType& type)
 {
     try {
         const bool losslessSource = image.get_typeof(kLosslessSourceField) != 0 && image.get_int(kLosslessSourceField) != 0;
-        const QByteArray bytes = encode(withoutMetadata(image), writableType(type), losslessSource);
+        const QByteArray bytes
+            = encode(withoutMetadata(image), writableType(type), SourceFormat::of(image), losslessSource);
         vips_error_clear();
         return !bytes.isEmpty() && writeAtomically(path, bytes);
     } catch (const vips::VError&) {
@@ -798,11 +848,11 @@ bool detail::saveSequential(const vips::VImage& image, const QString& path, cons
 
 bool isAccepted(const QString& path)
 {
+    // Only the extensions of the accepted types themselves: a type that
+    // merely inherits from one (a camera raw from TIFF, motion JPEG from
+    // JPEG) is another format, which writing back would destroy.
     const std::optional<ImageType> type = ImageType::fromExtension(extensionOf(path).toLower());
-    if (!type)
-        return false;
-    const QList<ImageType>& accepted = acceptedTypes();
-    return std::any_of(accepted.begin(), accepted.end(), [&](const ImageType& a) { return type->conforms(a); });
+    return type && acceptedTypes().contains(*type);
 }
 
 bool fileNameLessThan(const QString& a, const QString& b)
@@ -827,7 +877,10 @@ QStringList expandingFolders(const QStringList& paths)
         }
         // Without QDir::Hidden, names starting with a full stop are skipped;
         // an unreadable folder lists as empty.
-        const QFileInfoList entries = QDir(path).entryInfoList(QDir::Files | QDir::NoDotAndDotDot, QDir::NoSort);
+        // QDir::System keeps dangling links, pipes, sockets and devices: named
+        // like an image, they are images that fail to open, and are counted so.
+        const QFileInfoList entries
+            = QDir(path).entryInfoList(QDir::Files | QDir::System | QDir::NoDotAndDotDot, QDir::NoSort);
         std::vector<std::pair<QString, QString>> images; // name, path
         for (const QFileInfo& entry : entries) {
             QString name = entry.fileName();

@@ -55,17 +55,26 @@ ImageType writableType(const ImageType& type);
 
 /// Writes image to path in writableType(type): JPEG at quality 92; PNG with
 /// adaptive filters, compressed about as well as zlib at level 7 or better,
-/// as indexed colour with the exact palette when an 8-bit colour image has
-/// at most 256 distinct pixels and that is smaller; 16-bit samples stay
-/// 16-bit where the format holds them; no metadata of the source but the ICC
-/// profile (libvips adds a minimal EXIF block of its own to JPEG and WebP).
-/// An image loaded from a lossless WebP is written as lossless WebP; other
-/// WebP, HEIC and HEIF images at libvips' default quality.
+/// in the fewest bands and bits that hold the pixels exactly (see
+/// PngEncoder::encode), with a resolution only when its source had one; a
+/// TIFF with its source's compression, predictor, bit depth and tiles (see
+/// tiffSaveOptions()), Lab staying Lab; 16-bit samples stay 16-bit where the
+/// format holds them and something would be lost in 8; no metadata of the
+/// source but the ICC profile (libvips adds a minimal EXIF block of its own
+/// to JPEG and WebP). An image loaded from a lossless WebP is written as
+/// lossless WebP; other WebP at lossyWebpQuality, HEIC and HEIF at
+/// heifQuality. What is known of the source travels on the image from load()
+/// (see SourceFormat).
 /// An existing file is replaced atomically, keeping its permissions (and, for
 /// root, its owner): on failure the old file stays byte for byte and no
 /// partial file is left. True when the file was written completely.
 /// Thread-safe; produces no messages.
 bool save(const vips::VImage& image, const QString& path, const ImageType& type);
+
+/// Writes an encoded file to path as save() does: atomically, keeping the
+/// permissions (and, for root, the owner) of a file it replaces. True when
+/// the file was written completely. Thread-safe; produces no messages.
+bool write(const QByteArray& bytes, const QString& path);
 
 /// Test seam: when bytes is set, availableMemory() answers it instead of
 /// asking the system; nullopt restores the real answer. Thread-safe.
@@ -76,8 +85,10 @@ void setAvailableMemoryForTesting(std::optional<std::uint64_t> bytes);
 /// real answer. Thread-safe.
 void setSaverProbeForTesting(std::function<bool(const ImageType&)> probe);
 
-/// Whether the name's lower-cased extension names a type that conforms to
-/// one of the accepted types. Looks at the name only.
+/// Whether the name's lower-cased extension is one of the accepted types'
+/// own (png; jpg, jpeg, jpe; tif, tiff; bmp; gif; heic; heif; webp). Types
+/// that merely inherit from one, such as camera raws, are not accepted.
+/// Looks at the name only.
 bool isAccepted(const QString& path);
 
 /// File-name order: case ignored, runs of digits by value (2.png before 10.png),
@@ -86,9 +97,11 @@ bool isAccepted(const QString& path);
 /// Thread-safe (one collator per thread).
 bool fileNameLessThan(const QString& a, const QString& b);
 
-/// Each folder replaced by the accepted image files directly inside it
-/// (hidden entries skipped, subfolders never entered), sorted by file name;
-/// every other path kept as it is, unchecked. Input order is kept.
+/// Each folder replaced by the entries directly inside it that pass the
+/// accepted test and are not folders (hidden entries skipped, subfolders never
+/// entered), sorted by file name; a dangling link or a pipe named like an
+/// image is kept, to fail when it is opened. Every other path kept as it is,
+/// unchecked. Input order is kept.
 QStringList expandingFolders(const QStringList& paths);
 
 /// The name "Save as New…" proposes: photo.JPG → photo-cropped.JPG,

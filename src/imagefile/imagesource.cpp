@@ -149,26 +149,6 @@ std::optional<FileIdentity> identify(const QString& path)
                         std::int64_t(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec};
 }
 
-QString reasonCode(FailureReason reason)
-{
-    switch (reason) {
-    case FailureReason::Missing: return QStringLiteral("missing");
-    case FailureReason::Unreadable: return QStringLiteral("unreadable");
-    case FailureReason::NotAnImage: return QStringLiteral("not-an-image");
-    case FailureReason::Unsupported: return QStringLiteral("unsupported");
-    case FailureReason::Damaged: return QStringLiteral("damaged");
-    case FailureReason::TooLarge: return QStringLiteral("too-large");
-    }
-    return QStringLiteral("damaged");
-}
-
-Failure whyNotOpened(const QString& path)
-{
-    if (!QFile::exists(path))
-        return {FailureReason::Missing, QStringLiteral("The file isn’t there.")};
-    return {FailureReason::Damaged, QStringLiteral("The file couldn’t be decoded.")};
-}
-
 namespace {
 
 // The image cut to the rectangle (clipped to it); absent when nothing is left.

@@ -144,6 +144,12 @@ bool ImageType::conforms(const ImageType& other) const
         return false;
     if (other.m_mime == QLatin1String("image/heic"))
         return false;
+    // shared-mime-info makes camera raw formats (NEF, DNG, CR2, ARW …)
+    // sub-classes of image/tiff because their containers are TIFF-like; they
+    // are formats of their own, and a TIFF writer would turn one into its
+    // embedded thumbnail.
+    if (other.m_mime == QLatin1String("image/tiff"))
+        return false;
     return mine.inherits(other.m_mime);
 }
 

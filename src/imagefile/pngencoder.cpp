@@ -165,19 +165,197 @@ Filter bestFilter(const std::uint8_t* cur, const std::uint8_t* prev, std::size_t
     return Filter(std::min_element(sums.begin(), sums.end()) - sums.begin());
 }
 
+// ---------------------------------------------------------------- what the pixels allow
+//
+// One look at every sample finds which smaller layouts hold the pixels
+// exactly: 8 bits where 16-bit samples repeat their high byte in the low one,
+// grey where red, green and blue agree, no alpha where it is opaque
+// everywhere. The loops keep running flags so that they vectorise.
+
+inline std::uint16_t sample16(const std::uint8_t* p)
+{
+    std::uint16_t s;
+    std::memcpy(&s, p, 2);
+    return s;
+}
+
+enum Breaks : unsigned { NotEightBits = 1, NotGrey = 2, NotOpaque = 4 };
+
+__attribute__((target_clones("avx2", "default"))) unsigned rowBreaks8(const std::uint8_t* __restrict p,
+                                                                         std::size_t width, int bands)
+{
+    unsigned colour = 0, alpha = 0;
+    switch (bands) {
+    case 2:
+        for (std::size_t i = 0; i < width; ++i)
+            alpha |= p[2 * i + 1] ^ 255u;
+        break;
+    case 3:
+        for (std::size_t i = 0; i < width; ++i)
+            colour |= unsigned(p[3 * i] ^ p[3 * i + 1]) | unsigned(p[3 * i + 1] ^ p[3 * i + 2]);
+        break;
+    case 4:
+        for (std::size_t i = 0; i < width; ++i) {
+            colour |= unsigned(p[4 * i] ^ p[4 * i + 1]) | unsigned(p[4 * i + 1] ^ p[4 * i + 2]);
+            alpha |= p[4 * i + 3] ^ 255u;
+        }
+        break;
+    default:
+        break;
+    }
+    return (colour ? NotGrey : 0u) | (alpha ? NotOpaque : 0u);
+}
+
+__attribute__((target_clones("avx2", "default"))) unsigned rowBreaks16(const std::uint8_t* __restrict p,
+                                                                          std::size_t width, int bands)
+{
+    unsigned wide = 0, colour = 0, alpha = 0;
+    const std::size_t n = width * std::size_t(bands);
+    for (std::size_t i = 0; i < n; ++i) {
+        const unsigned s = sample16(p + 2 * i);
+        wide |= (s >> 8) ^ (s & 255u);
+    }
+    if (bands >= 3) {
+        const std::size_t step = std::size_t(bands) * 2;
+        for (std::size_t i = 0; i < width; ++i) {
+            const std::uint8_t* q = p + i * step;
+            colour |= unsigned(sample16(q) ^ sample16(q + 2)) | unsigned(sample16(q + 2) ^ sample16(q + 4));
+        }
+    }
+    if (bands == 2 || bands == 4) {
+        const std::size_t step = std::size_t(bands) * 2;
+        for (std::size_t i = 0; i < width; ++i)
+            alpha |= sample16(p + i * step + step - 2) ^ 0xffffu;
+    }
+    return (wide ? NotEightBits : 0u) | (colour ? NotGrey : 0u) | (alpha ? NotOpaque : 0u);
+}
+
+// Which of the reductions that apply to the pixels they break; stops once
+// every one is broken.
+unsigned breaks(const Pixels& px)
+{
+    const unsigned relevant = (px.depth == 16 ? NotEightBits : 0u) | (px.bands >= 3 ? NotGrey : 0u)
+        | (px.bands == 2 || px.bands == 4 ? NotOpaque : 0u);
+    unsigned found = 0;
+    for (int y = 0; y < px.height && (found & relevant) != relevant; ++y) {
+        const std::uint8_t* row = px.data + std::size_t(y) * px.stride;
+        found |= px.depth == 8 ? rowBreaks8(row, std::size_t(px.width), px.bands)
+                               : rowBreaks16(row, std::size_t(px.width), px.bands);
+    }
+    return found;
+}
+
+// The pixels in the fewest bands and bits that hold them exactly.
+struct Reduced {
+    Buffer data; // empty when the pixels are already as small as they go
+    Pixels px;
+};
+
+// Reduced pixels; px.data null when memory runs out.
+Reduced reduced(const Pixels& px, unsigned broken, bool greyAllowed)
+{
+    const bool grey = px.bands < 3 || (greyAllowed && !(broken & NotGrey));
+    const bool alpha = (px.bands == 2 || px.bands == 4) && (broken & NotOpaque);
+    const bool narrow = px.depth == 16 && !(broken & NotEightBits);
+    Reduced r;
+    r.px = px;
+    r.px.bands = (grey ? 1 : 3) + (alpha ? 1 : 0);
+    r.px.depth = narrow ? 8 : px.depth;
+    if (r.px.bands == px.bands && r.px.depth == px.depth)
+        return r;
+
+    // Which source sample each written one is.
+    int from[4] = {0, 1, 2, px.bands - 1};
+    if (grey && alpha)
+        from[1] = px.bands - 1;
+    const int inBytes = px.depth / 8, outBytes = r.px.depth / 8;
+    const std::size_t inPixel = std::size_t(px.bands * inBytes), outPixel = std::size_t(r.px.bands * outBytes);
+    r.px.stride = std::size_t(px.width) * outPixel;
+    r.data = allocate(r.px.stride * std::size_t(px.height));
+    r.px.data = r.data.get();
+    if (!r.data)
+        return r;
+    for (int y = 0; y < px.height; ++y) {
+        const std::uint8_t* in = px.data + std::size_t(y) * px.stride;
+        std::uint8_t* out = r.data.get() + std::size_t(y) * r.px.stride;
+        for (int x = 0; x < px.width; ++x, in += inPixel, out += outPixel) {
+            for (int k = 0; k < r.px.bands; ++k) {
+                const std::uint8_t* s = in + from[k] * inBytes;
+                if (narrow)
+                    out[k] = std::uint8_t(sample16(s) >> 8);
+                else if (outBytes == 1)
+                    out[k] = *s;
+                else
+                    std::memcpy(out + 2 * k, s, 2);
+            }
+        }
+    }
+    return r;
+}
+
+// The grey values of 8-bit grey pixels: how many there are, and the fewest
+// bits (1, 2, 4 or 8) per sample that hold every one exactly. PNG scales a
+// sample of b bits to 8 by multiplying it by 255 / (2^b − 1), so 2 bits hold
+// 0, 85, 170 and 255.
+struct GreyLevels {
+    int count = 0;
+    int bits = 1;
+};
+
+GreyLevels greyLevels(const Pixels& px)
+{
+    std::array<bool, 256> seen{};
+    for (int y = 0; y < px.height; ++y) {
+        const std::uint8_t* p = px.data + std::size_t(y) * px.stride;
+        for (int x = 0; x < px.width; ++x)
+            seen[p[x]] = true;
+    }
+    GreyLevels levels;
+    for (int v = 0; v < 256; ++v) {
+        if (!seen[std::size_t(v)])
+            continue;
+        ++levels.count;
+        levels.bits = std::max(levels.bits, v % 255 == 0 ? 1 : v % 85 == 0 ? 2 : v % 17 == 0 ? 4 : 8);
+    }
+    return levels;
+}
+
+// The colour space an ICC profile says it describes ('GRAY', 'RGB ' …);
+// zero when the profile is too short to say.
+std::uint32_t profileColourSpace(const QByteArray& profile)
+{
+    if (profile.size() < 20)
+        return 0;
+    const auto* p = reinterpret_cast<const std::uint8_t*>(profile.constData()) + 16;
+    return std::uint32_t(p[0]) << 24 | std::uint32_t(p[1]) << 16 | std::uint32_t(p[2]) << 8 | p[3];
+}
+
+constexpr std::uint32_t greySpace = 0x47524159; // 'GRAY'
+
 // ---------------------------------------------------------------- indexed colour
 
-struct Palette {
+struct ColourPalette {
     std::vector<std::array<std::uint8_t, 4>> entries; // RGBA; translucent ones first
     int bits = 8;                                    // per index: 1, 2, 4 or 8
 };
 
-// A colour as a hash key: its bytes, plus one so that 0 marks an empty slot.
+int bitsFor(std::size_t count)
+{
+    return count <= 2 ? 1 : count <= 4 ? 2 : count <= 16 ? 4 : 8;
+}
+
+// A pixel of 8-bit samples as a hash key: its RGBA bytes, plus one so that 0
+// marks an empty slot.
 inline std::uint64_t colourKey(const std::uint8_t* p, int bands)
 {
-    return (std::uint64_t(p[0]) | std::uint64_t(p[1]) << 8 | std::uint64_t(p[2]) << 16
-            | std::uint64_t(bands == 4 ? p[3] : 255) << 24)
-        + 1;
+    std::uint64_t r, g, b, a = 255;
+    switch (bands) {
+    case 1: r = g = b = p[0]; break;
+    case 2: r = g = b = p[0]; a = p[1]; break;
+    case 3: r = p[0]; g = p[1]; b = p[2]; break;
+    default: r = p[0]; g = p[1]; b = p[2]; a = p[3]; break;
+    }
+    return (r | g << 8 | b << 16 | a << 24) + 1;
 }
 
 // Open addressing over 1024 slots, enough for 256 colours at a quarter full.
@@ -212,11 +390,11 @@ private:
     int m_count = 0;
 };
 
-// The exact palette of an 8-bit RGB or RGBA image of at most 256 distinct
-// pixels; absent otherwise. Photographs give up within a few hundred pixels.
-std::optional<Palette> exactPalette(const Pixels& px, ColourTable& table)
+// The exact palette of 8-bit pixels of at most 256 distinct values; absent
+// otherwise. Photographs give up within a few hundred pixels.
+std::optional<ColourPalette> exactPalette(const Pixels& px, ColourTable& table)
 {
-    if (px.depth != 8 || px.bands < 3)
+    if (px.depth != 8)
         return std::nullopt;
     std::vector<std::uint64_t> firstSeen;
     for (int y = 0; y < px.height; ++y) {
@@ -236,7 +414,7 @@ std::optional<Palette> exactPalette(const Pixels& px, ColourTable& table)
     }
     // Translucent entries first, so that the tRNS chunk lists only those.
     std::array<std::uint8_t, 256> order{};
-    Palette palette;
+    ColourPalette palette;
     for (const bool translucent : {true, false}) {
         for (std::size_t i = 0; i < firstSeen.size(); ++i) {
             const std::uint64_t colour = firstSeen[i] - 1;
@@ -248,8 +426,7 @@ std::optional<Palette> exactPalette(const Pixels& px, ColourTable& table)
         }
     }
     table.renumber(order);
-    const std::size_t count = palette.entries.size();
-    palette.bits = count <= 2 ? 1 : count <= 4 ? 2 : count <= 16 ? 4 : 8;
+    palette.bits = bitsFor(palette.entries.size());
     return palette;
 }
 
@@ -264,81 +441,148 @@ bool validPixels(const Pixels& px)
         && (px.depth == 8 || px.depth == 16) && px.stride >= std::size_t(px.width) * std::size_t(px.bands * px.depth / 8);
 }
 
+// ---------------------------------------------------------------- writing
+
+// How the (reduced) pixels are written: as indices into a palette, as grey
+// of fewer than 8 bits, or sample for sample.
+struct Layout {
+    const ColourPalette* palette = nullptr;
+    int bits = 8; // per index, or per sample
+};
+
+int bitsPerPixel(const Pixels& px, const Layout& layout)
+{
+    return layout.palette ? layout.palette->bits : px.bands * layout.bits;
+}
+
+// Rows first to last of the image, filtered, each after its filter byte, into
+// out. Packed rows (indices, grey of fewer than 8 bits) are not filtered, as
+// libpng does by default: neighbouring indices say nothing of each other.
+// False when memory runs out.
+bool filterRows(const Pixels& px, const Layout& layout, ColourTable& table, int first, int last, std::uint8_t* out)
+{
+    const int bpp = bitsPerPixel(px, layout);
+    const std::size_t n = rowBytes(px, bpp);
+    if (layout.palette || layout.bits < 8) {
+        const int bits = layout.palette ? layout.palette->bits : layout.bits;
+        const int greyShift = 8 - bits; // a grey value v = k · 255 / (2^bits − 1) packs as its top bits, k
+        for (int y = first; y < last; ++y, out += n + 1) {
+            out[0] = None;
+            std::uint8_t* row = out + 1;
+            std::memset(row, 0, n);
+            const std::uint8_t* p = px.data + std::size_t(y) * px.stride;
+            std::uint64_t lastKey = 0;
+            int lastIndex = 0;
+            for (int x = 0; x < px.width; ++x, p += px.bands) {
+                int value;
+                if (layout.palette) {
+                    const std::uint64_t key = colourKey(p, px.bands);
+                    if (key != lastKey) {
+                        lastKey = key;
+                        lastIndex = table.find(key);
+                    }
+                    value = lastIndex;
+                } else {
+                    value = p[0] >> greyShift;
+                }
+                const std::size_t bit = std::size_t(x) * std::size_t(bits);
+                row[bit / 8] |= std::uint8_t(value << (8 - bits - int(bit % 8)));
+            }
+        }
+        return true;
+    }
+
+    // Rows in PNG's byte order: big-endian samples when 16-bit.
+    const std::size_t bytesPerPixel = std::size_t(bpp / 8);
+    Buffer zeros = allocate(n);
+    Buffer swapped[2] = {allocate(px.depth == 16 ? n : 0), allocate(px.depth == 16 ? n : 0)};
+    if (!zeros || !swapped[0] || !swapped[1])
+        return false;
+    std::memset(zeros.get(), 0, n);
+    const auto inOrder = [&](int y, std::uint8_t* row) -> const std::uint8_t* {
+        const std::uint8_t* cur = px.data + std::size_t(y) * px.stride;
+        if (px.depth != 16)
+            return cur;
+        for (std::size_t i = 0; i < n / 2; ++i) {
+            const std::uint16_t s = sample16(cur + 2 * i);
+            row[2 * i] = std::uint8_t(s >> 8);
+            row[2 * i + 1] = std::uint8_t(s);
+        }
+        return row;
+    };
+    const std::uint8_t* prev = first > 0 ? inOrder(first - 1, swapped[(first - 1) & 1].get()) : zeros.get();
+    for (int y = first; y < last; ++y, out += n + 1) {
+        const std::uint8_t* cur = inOrder(y, swapped[y & 1].get());
+        const Filter filter = bestFilter(cur, prev, n, bytesPerPixel);
+        out[0] = filter;
+        applyFilter(filter, cur, prev, n, bytesPerPixel, out + 1);
+        prev = cur;
+    }
+    return true;
+}
+
+// The bytes a palette adds to the file: PLTE and tRNS with their frames.
+std::size_t paletteBytes(const ColourPalette& palette)
+{
+    std::size_t translucent = 0;
+    for (const std::array<std::uint8_t, 4>& entry : palette.entries)
+        translucent += entry[3] < 255;
+    return 12 + 3 * palette.entries.size() + (translucent ? 12 + translucent : 0);
+}
+
+// Indexed colour against the other layout, judged by compressing the same
+// sample of rows both ways: strips of sampleRows rows spread evenly over the
+// image, about a sixteenth of it, compressed at a fast level. Rows of one
+// image are alike enough that the sample ranks the two as the whole would.
+constexpr int sampleRows = 16;
+constexpr int estimateLevel = 5;
+
+// The compressed size of the sample in the layout, palette included; zero when
+// memory runs out. The strips are compressed as one stream, so that, as in
+// the file, later rows find earlier ones to match.
+std::size_t sampledSize(const Pixels& px, const Layout& layout, ColourTable& table, libdeflate_compressor* compressor)
+{
+    const int wanted = std::clamp((px.height + 16 * sampleRows - 1) / (16 * sampleRows), 4, 32);
+    const int strips = wanted * sampleRows >= px.height ? 1 : wanted;
+    const int rows = strips == 1 ? px.height : sampleRows;
+    const std::size_t stripBytes = std::size_t(rows) * (rowBytes(px, bitsPerPixel(px, layout)) + 1);
+    const std::size_t sampleBytes = stripBytes * std::size_t(strips);
+    const std::size_t bound = libdeflate_zlib_compress_bound(compressor, sampleBytes);
+    Buffer filtered = allocate(sampleBytes);
+    Buffer compressed = allocate(bound);
+    if (!filtered || !compressed)
+        return 0;
+    for (int k = 0; k < strips; ++k) {
+        const int first = strips == 1 ? 0 : int(std::int64_t(k) * (px.height - rows) / (strips - 1));
+        if (!filterRows(px, layout, table, first, first + rows, filtered.get() + std::size_t(k) * stripBytes))
+            return 0;
+    }
+    const std::size_t size = libdeflate_zlib_compress(compressor, filtered.get(), sampleBytes, compressed.get(), bound);
+    return size == 0 ? 0 : size + (layout.palette ? paletteBytes(*layout.palette) : 0);
+}
+
 } // namespace
 
 std::size_t workingMemory(const Pixels& px)
 {
     const std::size_t filtered = std::size_t(px.height) * (rowBytes(px, px.bands * px.depth) + 1);
-    // The filtered rows, the compressed stream (at worst a little more than
-    // its input), the file assembled from it, and a few rows.
-    return 3 * filtered + filtered / 64 + 4 * rowBytes(px, px.bands * px.depth) + (std::size_t(1) << 20);
+    // A reduced copy of the pixels (never larger than they are), the filtered
+    // rows, the compressed stream (at worst a little more than its input),
+    // the file assembled from it, and a few rows and the sample.
+    return 4 * filtered + filtered / 64 + 4 * rowBytes(px, px.bands * px.depth) + (std::size_t(4) << 20);
 }
 
 namespace {
 
-// The file, as indexed colour when a palette is given (table then numbers
-// its colours), else as grey or truecolour. Empty when memory runs out.
-QByteArray encodeAs(const Pixels& px, const Metadata& metadata, const Palette* palette, ColourTable& table,
+// The file of the pixels in the layout. Empty when memory runs out.
+QByteArray encodeAs(const Pixels& px, const Metadata& metadata, const Layout& layout, ColourTable& table,
                     libdeflate_compressor* compressor)
 {
-    const int bitsPerPixel = palette ? palette->bits : px.bands * px.depth;
-    const std::size_t n = rowBytes(px, bitsPerPixel);
+    const std::size_t n = rowBytes(px, bitsPerPixel(px, layout));
     const std::size_t filteredSize = std::size_t(px.height) * (n + 1);
     Buffer filtered = allocate(filteredSize);
-    if (!filtered)
+    if (!filtered || !filterRows(px, layout, table, 0, px.height, filtered.get()))
         return {};
-
-    if (palette) {
-        // Indices packed from the high bits down; no filter, as for every
-        // indexed image: neighbouring indices say nothing of each other.
-        const int bits = palette->bits;
-        for (int y = 0; y < px.height; ++y) {
-            std::uint8_t* out = filtered.get() + std::size_t(y) * (n + 1);
-            *out++ = None;
-            std::memset(out, 0, n);
-            const std::uint8_t* p = px.data + std::size_t(y) * px.stride;
-            std::uint64_t lastKey = 0;
-            int lastIndex = 0;
-            for (int x = 0; x < px.width; ++x, p += px.bands) {
-                const std::uint64_t key = colourKey(p, px.bands);
-                if (key != lastKey) {
-                    lastKey = key;
-                    lastIndex = table.find(key);
-                }
-                const std::size_t bit = std::size_t(x) * std::size_t(bits);
-                out[bit / 8] |= std::uint8_t(lastIndex << (8 - bits - int(bit % 8)));
-            }
-        }
-    } else {
-        const std::size_t bpp = std::size_t(px.bands * px.depth / 8);
-        // Rows in PNG's byte order: big-endian samples when 16-bit.
-        Buffer zeros = allocate(n);
-        Buffer swapped[2] = {allocate(px.depth == 16 ? n : 0), allocate(px.depth == 16 ? n : 0)};
-        if (!zeros || !swapped[0] || !swapped[1])
-            return {};
-        std::memset(zeros.get(), 0, n);
-        const std::uint8_t* prev = zeros.get();
-        for (int y = 0; y < px.height; ++y) {
-            const std::uint8_t* cur = px.data + std::size_t(y) * px.stride;
-            if (px.depth == 16) {
-                std::uint8_t* row = swapped[y & 1].get();
-                const auto* samples = reinterpret_cast<const std::uint16_t*>(cur);
-                for (std::size_t i = 0; i < n / 2; ++i) {
-                    std::uint16_t s;
-                    std::memcpy(&s, samples + i, 2);
-                    row[2 * i] = std::uint8_t(s >> 8);
-                    row[2 * i + 1] = std::uint8_t(s);
-                }
-                cur = row;
-            }
-            std::uint8_t* out = filtered.get() + std::size_t(y) * (n + 1);
-            const Filter filter = bestFilter(cur, prev, n, bpp);
-            out[0] = filter;
-            applyFilter(filter, cur, prev, n, bpp, out + 1);
-            prev = cur;
-        }
-    }
-
     const QByteArray stream = zlibCompress(compressor, filtered.get(), filteredSize);
     filtered.reset();
     if (stream.isEmpty())
@@ -348,14 +592,14 @@ QByteArray encodeAs(const Pixels& px, const Metadata& metadata, const Palette* p
     file.reserve(stream.size() + (stream.size() / qsizetype(idatChunkBytes) + 1) * 12 + metadata.iccProfile.size() + 1024);
     file.append("\x89PNG\r\n\x1a\n", 8);
 
-    const std::uint8_t colourType = palette ? 3 : std::array<std::uint8_t, 4>{0, 4, 2, 6}[std::size_t(px.bands - 1)];
+    const std::uint8_t colourType = layout.palette ? 3 : std::array<std::uint8_t, 4>{0, 4, 2, 6}[std::size_t(px.bands - 1)];
     std::uint8_t header[13] = {};
     const std::uint32_t size[2] = {std::uint32_t(px.width), std::uint32_t(px.height)};
     for (int i = 0; i < 2; ++i) {
         for (int b = 0; b < 4; ++b)
             header[i * 4 + b] = std::uint8_t(size[i] >> (24 - 8 * b));
     }
-    header[8] = std::uint8_t(palette ? palette->bits : px.depth);
+    header[8] = std::uint8_t(layout.palette ? layout.palette->bits : layout.bits);
     header[9] = colourType; // compression, filter method and interlacing stay 0
     appendChunk(file, "IHDR", header, sizeof header);
 
@@ -374,17 +618,13 @@ QByteArray encodeAs(const Pixels& px, const Metadata& metadata, const Palette* p
         physical.append('\1'); // the unit is the metre
         appendChunk(file, "pHYs", physical);
     }
-    if (palette) {
+    if (layout.palette) {
         QByteArray colours, alphas;
-        for (const std::array<std::uint8_t, 4>& entry : palette->entries) {
+        for (const std::array<std::uint8_t, 4>& entry : layout.palette->entries) {
             colours.append(reinterpret_cast<const char*>(entry.data()), 3);
             if (entry[3] < 255)
                 alphas.append(char(entry[3]));
         }
-        // An RGBA image whose pixels are all opaque still gets a tRNS chunk,
-        // so that it reads back with its alpha band.
-        if (alphas.isEmpty() && px.bands == 4)
-            alphas.append('\xff');
         appendChunk(file, "PLTE", colours);
         if (!alphas.isEmpty())
             appendChunk(file, "tRNS", alphas);
@@ -398,26 +638,54 @@ QByteArray encodeAs(const Pixels& px, const Metadata& metadata, const Palette* p
 
 } // namespace
 
-QByteArray encode(const Pixels& px, const Metadata& metadata)
+QByteArray encode(const Pixels& source, const Metadata& metadata, Palette choice)
 {
-    if (!validPixels(px))
+    if (!validPixels(source))
         return {};
-    const std::unique_ptr<libdeflate_compressor, CompressorDeleter> compressor(
-        libdeflate_alloc_compressor(compressionLevel));
+    using Compressor = std::unique_ptr<libdeflate_compressor, CompressorDeleter>;
+    const Compressor compressor(libdeflate_alloc_compressor(compressionLevel));
     if (!compressor)
         return {};
+
+    // A profile for RGB must not go with grey pixels, nor one for grey with a
+    // palette, whose entries are RGB.
+    const std::uint32_t space = profileColourSpace(metadata.iccProfile);
+    const bool greyAllowed = metadata.iccProfile.isEmpty() || space == greySpace;
+    const bool paletteAllowed = choice == Palette::IfSmaller && (metadata.iccProfile.isEmpty() || space != greySpace);
+
+    const Reduced r = reduced(source, breaks(source), greyAllowed);
+    const Pixels& px = r.px;
+    if (!px.data)
+        return {};
+    Layout direct{nullptr, px.depth};
+    // A palette is looked for where it could hold the pixels in fewer bits:
+    // grey only when few values fall between the steps of fewer bits.
+    bool tryPalette = paletteAllowed && px.depth == 8;
+    if (px.bands == 1 && px.depth == 8) {
+        const GreyLevels levels = greyLevels(px);
+        direct.bits = levels.bits;
+        tryPalette = tryPalette && bitsFor(std::size_t(levels.count)) < levels.bits;
+    }
+
     ColourTable table;
-    const std::optional<Palette> palette = exactPalette(px, table);
-    QByteArray truecolour = encodeAs(px, metadata, nullptr, table, compressor.get());
+    std::optional<ColourPalette> palette;
+    if (tryPalette)
+        palette = exactPalette(px, table);
     if (!palette)
-        return truecolour;
+        return encodeAs(px, metadata, direct, table, compressor.get());
+
     // Indexed colour usually wins, but not always: small icons with soft
     // edges pay more for the palette than they save, and smooth gradients
-    // predict better as colours than as indices. The smaller file is kept.
-    QByteArray indexed = encodeAs(px, metadata, &*palette, table, compressor.get());
-    if (truecolour.isEmpty() || indexed.isEmpty())
+    // predict better as colours than as indices.
+    const Layout indexed{&*palette, palette->bits};
+    const Compressor fast(libdeflate_alloc_compressor(estimateLevel));
+    if (!fast)
         return {};
-    return indexed.size() <= truecolour.size() ? indexed : truecolour;
+    const std::size_t asIndexed = sampledSize(px, indexed, table, fast.get());
+    const std::size_t asDirect = sampledSize(px, direct, table, fast.get());
+    if (asIndexed == 0 || asDirect == 0)
+        return {};
+    return encodeAs(px, metadata, asIndexed <= asDirect ? indexed : direct, table, compressor.get());
 }
 
 } // namespace orvane::PngEncoder

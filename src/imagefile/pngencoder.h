@@ -32,16 +32,30 @@ struct Metadata {
 /// writes PNG at 7 by default.
 inline constexpr int referenceZlibLevel = 7;
 
+/// How much larger than the other layout an indexed (or not indexed) file
+/// may come out, as a fraction, for a choice made from a sample of rows.
+inline constexpr double paletteMargin = 0.05;
+
 /// The bytes of memory encode() needs besides the pixels and its result, at most.
 std::size_t workingMemory(const Pixels& pixels);
 
-/// A PNG file of the pixels, byte for byte lossless: grey or truecolour at
-/// their own depth, each row with the filter whose output has the smallest
-/// sum of magnitudes. An 8-bit RGB or RGBA image of at most 256 distinct
-/// pixels (alpha included) is also written as indexed colour with the exact
-/// palette, in 1, 2, 4 or 8 bits per pixel, and the smaller file is kept.
+/// A PNG file of the pixels, lossless: it decodes to exactly these pixels,
+/// in the fewest bands and bits that hold them. 16-bit samples whose low
+/// byte repeats the high one everywhere are written as 8 bits; pixels whose
+/// red, green and blue agree everywhere as grey (unless the profile is for
+/// RGB), grey of 8 bits as 1, 2 or 4 where every value is a step of that
+/// depth; an alpha band that is opaque everywhere is left out. 8-bit pixels
+/// of at most 256 distinct values may be written as indexed colour with the
+/// exact palette (never with a grey profile), in 1, 2, 4 or 8 bits per
+/// pixel: the layout is chosen by compressing a sample of rows both ways,
+/// and the file kept is at most paletteMargin larger than the other layout
+/// would have been. Rows are filtered with the filter whose output has the
+/// smallest sum of magnitudes, indexed and packed grey rows not at all.
+/// With Palette::Never the palette is not considered: the file a palette is
+/// measured against.
 /// Empty when the pixels are not of a kind described above or memory runs out.
 /// Thread-safe.
-QByteArray encode(const Pixels& pixels, const Metadata& metadata = {});
+enum class Palette { IfSmaller, Never };
+QByteArray encode(const Pixels& pixels, const Metadata& metadata = {}, Palette palette = Palette::IfSmaller);
 
 } // namespace orvane::PngEncoder

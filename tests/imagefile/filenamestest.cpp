@@ -125,9 +125,10 @@ TEST_F(Folders, LinksAreFollowed)
     ASSERT_TRUE(QFile::link(path("target.gif"), path("view/linked.gif")));
     ASSERT_TRUE(QFile::link(path("gone.png"), path("view/dangling.png")));
     // A link to a folder given directly is expanded; inside a folder a link
-    // to a file is an image, a link to a folder is a folder, a dangling link nothing.
+    // to a file is an image, a link to a folder is a folder, a dangling link
+    // an image that will fail to open.
     EXPECT_EQ(ImageFile::expandingFolders({path("view/linked-folder")}), QStringList{path("view/linked-folder/x.png")});
-    EXPECT_EQ(ImageFile::expandingFolders({path("view")}), QStringList{path("view/linked.gif")});
+    EXPECT_EQ(ImageFile::expandingFolders({path("view")}), (QStringList{path("view/dangling.png"), path("view/linked.gif")}));
 }
 
 TEST(ProposedName, KeepsTheExtensionAsWritten)

@@ -16,7 +16,9 @@ using orvane::test::blobField;
 using orvane::test::iccProfile;
 using orvane::test::loadedByLibvips;
 using orvane::test::pattern;
+using orvane::test::pixelBytes;
 using orvane::test::samples;
+using orvane::test::widened;
 using orvane::test::withProfile;
 
 namespace {
@@ -76,9 +78,7 @@ TEST(PngEncoder, EveryKindRoundTripsExactly)
                     const QByteArray png = PngEncoder::encode(pixelsOf(image));
                     const std::optional<vips::VImage> back = loadedByLibvips(png);
                     ASSERT_TRUE(back);
-                    EXPECT_EQ(back->bands(), bands);
-                    EXPECT_EQ(back->format(), format);
-                    EXPECT_EQ(samples(*back), samples(image));
+                    EXPECT_EQ(pixelBytes(widened(*back, format)), pixelBytes(widened(image, format)));
                 }
             }
         }
@@ -133,21 +133,20 @@ TEST(PngEncoder, FewScatteredColoursBecomeAnExactPaletteOfTheFewestBits)
 
             const QByteArray png = PngEncoder::encode(pixelsOf(image));
             EXPECT_EQ(ihdrByte(png, 8), c.depth);
-            EXPECT_EQ(ihdrByte(png, 9), c.colourType);
+            EXPECT_EQ(ihdrByte(png, 9), c.colourType == 6 && !translucent ? 2 : c.colourType); // opaque: no alpha
             const std::optional<vips::VImage> back = loadedByLibvips(png);
             ASSERT_TRUE(back);
-            EXPECT_EQ(back->bands(), c.bands) << "an all-opaque RGBA image keeps its alpha band";
-            EXPECT_EQ(samples(*back), samples(image));
+            EXPECT_EQ(pixelBytes(widened(*back, VIPS_FORMAT_UCHAR)), pixelBytes(widened(image, VIPS_FORMAT_UCHAR)));
         }
     }
 }
 
 TEST(PngEncoder, AGradientOfFewColoursStaysTruecolourWhenThatIsSmaller)
 {
-    // 256 greys left to right: the Sub filter turns each row into ones, which
-    // beats the palette's 768 bytes.
+    // 256 colours left to right: the Sub filter turns each row into ones,
+    // which beats the palette's 768 bytes.
     const vips::VImage x = vips::VImage::xyz(256, 64)[0];
-    const vips::VImage image = x.bandjoin(x).bandjoin(x).cast(VIPS_FORMAT_UCHAR)
+    const vips::VImage image = x.bandjoin(x).bandjoin(255 - x).cast(VIPS_FORMAT_UCHAR)
                                    .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB))
                                    .copy_memory();
     const QByteArray png = PngEncoder::encode(pixelsOf(image));

@@ -1,5 +1,5 @@
-// libpng through libvips as the reference for Orvane's own PNG reader and
-// writer: shared by the codec tests, the fuzz target and the benchmark.
+// libpng through libvips as the reference for Orvane's own PNG writer: shared
+// by the codec tests, the fuzz target and the benchmark.
 #pragma once
 
 #include <cstddef>
@@ -59,6 +59,23 @@ inline bool sameImage(const vips::VImage& a, const vips::VImage& b)
     return a.width() == b.width() && a.height() == b.height() && a.bands() == b.bands() && a.format() == b.format()
         && a.interpretation() == b.interpretation() && a.xres() == b.xres() && a.yres() == b.yres()
         && iccProfileOf(a) == iccProfileOf(b) && pixelBytes(a) == pixelBytes(b);
+}
+
+/// The image as four bands of the given sample format: grey spread over red,
+/// green and blue, a missing alpha at its maximum, 8-bit samples scaled to 16
+/// bits as PNG's decoders scale them. Orvane's writer leaves out the bands
+/// and bits that the pixels don't need; widened, what it wrote reads back
+/// as the pixels it was given.
+inline vips::VImage widened(vips::VImage image, VipsBandFormat format)
+{
+    if (format == VIPS_FORMAT_USHORT && image.format() == VIPS_FORMAT_UCHAR)
+        image = image.cast(VIPS_FORMAT_USHORT) * 257;
+    const double max = format == VIPS_FORMAT_USHORT ? 65535.0 : 255.0;
+    if (image.bands() <= 2)
+        image = image[0].bandjoin(image[0]).bandjoin(image[0]).bandjoin(image.bands() == 2 ? image[1] : image[0] * 0 + max);
+    else if (image.bands() == 3)
+        image = image.bandjoin_const({max});
+    return image.cast(format);
 }
 
 } // namespace orvane::test

@@ -1,0 +1,223 @@
+// orvane-trim --lossless end to end: JPEGs cut on their block grid keep every
+// content pixel exactly as the source decodes, and other types are written as
+// usual with one note.
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFileInfo>
+#include <QHash>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <vips/vips8>
+
+namespace {
+
+using vips::VImage;
+
+struct TrimRun {
+    int exitCode = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+TrimRun trim(const QStringList& args)
+{
+    QProcess process;
+    process.start(QStringLiteral(ORVANE_TRIM_BINARY), args);
+    TrimRun run;
+    if (!process.waitForFinished(180'000)) {
+        process.kill();
+        process.waitForFinished();
+        ADD_FAILURE() << "orvane-trim did not finish";
+    }
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
+}
+
+// The JSON objects of a run by file name.
+QHash<QString, QJsonObject> byName(const QByteArray& out)
+{
+    QHash<QString, QJsonObject> objects;
+    for (const QByteArray& line : out.split('\n')) {
+        if (line.isEmpty())
+            continue;
+        const QJsonObject object = QJsonDocument::fromJson(line).object();
+        objects.insert(QFileInfo(object.value(QLatin1String("path")).toString()).fileName(), object);
+    }
+    return objects;
+}
+
+struct Rect {
+    int x = 0, y = 0, w = 0, h = 0;
+    int right() const { return x + w; }
+    int bottom() const { return y + h; }
+};
+
+Rect rectOf(const QJsonValue& value)
+{
+    const QJsonArray a = value.toArray();
+    return a.size() == 4 ? Rect{a[0].toInt(), a[1].toInt(), a[2].toInt(), a[3].toInt()} : Rect{};
+}
+
+QByteArray pixels(const VImage& image)
+{
+    size_t size = 0;
+    void* data = image.write_to_memory(&size);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
+    g_free(data);
+    return bytes;
+}
+
+VImage decoded(const QString& path)
+{
+    return VImage::new_from_file(QFile::encodeName(path).constData()).copy_memory();
+}
+
+// Grainy content (every pixel differs, so any change shows) on white.
+VImage sample(int width, int height, int x, int y, int w, int h, int bands, int seed)
+{
+    VImage content = VImage::gaussnoise(w, h, VImage::option()->set("mean", 110.0)->set("sigma", 50.0)->set("seed", seed));
+    for (int b = 1; b < bands; ++b)
+        content = content.bandjoin(VImage::gaussnoise(w, h, VImage::option()->set("mean", 90.0 + 20 * b)->set("sigma", 50.0)->set("seed", seed + b)));
+    content = content.cast(VIPS_FORMAT_UCHAR);
+    const VImage image = content.embed(x, y, width, height,
+                                       VImage::option()->set("extend", VIPS_EXTEND_WHITE));
+    return image.copy(VImage::option()->set("interpretation", bands == 1 ? VIPS_INTERPRETATION_B_W : VIPS_INTERPRETATION_sRGB));
+}
+
+} // namespace
+
+TEST(LosslessJpeg, EveryContentPixelIsKeptExactlyInARectangleOnTheGrid)
+{
+    const struct {
+        const char* name;
+        int bands;
+        bool subsampled; // 4:2:0, an iMCU of 16 × 16; else 8 × 8
+        bool progressive;
+        int x, y, w, h; // the content
+    } cases[] = {
+        {"on-grid-420.jpg", 3, true, false, 32, 48, 101, 70},   // edges on the grid, an even end
+        {"off-grid-420.jpg", 3, true, false, 37, 21, 90, 57},   // between grid lines
+        {"odd-end-420.jpg", 3, true, true, 17, 33, 60, 40},     // progressive
+        {"on-grid-444.jpg", 3, false, false, 40, 16, 64, 50},
+        {"off-grid-444.jpg", 3, false, true, 13, 27, 77, 31},
+        {"grey.jpg", 1, false, false, 9, 70, 120, 33},
+    };
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString in = dir.filePath(QStringLiteral("in")), out = dir.filePath(QStringLiteral("out"));
+    QDir().mkpath(in);
+    QDir().mkpath(out);
+    int seed = 1;
+    for (const auto& c : cases) {
+        const VImage image = sample(200, 160, c.x, c.y, c.w, c.h, c.bands, seed += 7);
+        image.jpegsave(QFile::encodeName(QDir(in).filePath(QLatin1String(c.name))).constData(),
+                       VImage::option()
+                           ->set("Q", 90)
+                           ->set("subsample_mode", c.subsampled ? VIPS_FOREIGN_SUBSAMPLE_ON : VIPS_FOREIGN_SUBSAMPLE_OFF)
+                           ->set("interlace", c.progressive));
+    }
+
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--lossless"), QStringLiteral("-o"), out, in});
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    EXPECT_FALSE(run.err.contains("--lossless")) << "JPEGs only: no note";
+    const QHash<QString, QJsonObject> results = byName(run.out);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const QJsonObject o = results.value(QLatin1String(c.name));
+        ASSERT_EQ(o.value(QLatin1String("status")).toString(), QStringLiteral("trimmed"));
+        const Rect exact = rectOf(o.value(QLatin1String("rects")).toArray().at(0).toObject().value(QLatin1String("rect")));
+        const Rect written = rectOf(o.value(QLatin1String("written")));
+        const int block = c.subsampled ? 16 : 8;
+        ASSERT_GT(exact.w, 0);
+        EXPECT_EQ(written.x % block, 0);
+        EXPECT_EQ(written.y % block, 0);
+        EXPECT_LE(written.x, exact.x);
+        EXPECT_LE(written.y, exact.y);
+        EXPECT_GT(written.x, exact.x - 2 * block) << "no more than the grid (and one colour sample) asks for";
+        EXPECT_GT(written.y, exact.y - 2 * block);
+        // Where colour is subsampled the pixel after an edge may be kept for
+        // the colour sample the edge pixel is blended with.
+        EXPECT_GE(written.right(), exact.right());
+        EXPECT_LE(written.right(), exact.right() + (c.subsampled ? 1 : 0));
+        EXPECT_GE(written.bottom(), exact.bottom());
+        EXPECT_LE(written.bottom(), exact.bottom() + (c.subsampled ? 1 : 0));
+
+        const VImage source = decoded(QDir(in).filePath(QLatin1String(c.name)));
+        const VImage result = decoded(QDir(out).filePath(QLatin1String(c.name)));
+        ASSERT_EQ(result.width(), written.w);
+        ASSERT_EQ(result.height(), written.h);
+        EXPECT_TRUE(pixels(result.extract_area(exact.x - written.x, exact.y - written.y, exact.w, exact.h))
+                    == pixels(source.extract_area(exact.x, exact.y, exact.w, exact.h)))
+            << "content pixels differ from the decoded source";
+        EXPECT_EQ(result.get_typeof("interlaced") != 0, c.progressive);
+    }
+}
+
+TEST(LosslessJpeg, KeepsTheProfileAndDropsOtherMetadata)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    VipsBlob* blob = nullptr;
+    ASSERT_EQ(vips_profile_load("srgb", &blob, nullptr), 0);
+    size_t profileLength = 0;
+    const void* profile = vips_blob_get(blob, &profileLength);
+    const VImage image = sample(120, 90, 20, 30, 50, 40, 3, 3).copy();
+    vips_image_set_blob_copy(image.get_image(), VIPS_META_ICC_NAME, profile, profileLength);
+    vips_area_unref(VIPS_AREA(blob));
+    const QByteArray xmp = "<x:xmpmeta xmlns:x='adobe:ns:meta/'></x:xmpmeta>";
+    vips_image_set_blob_copy(image.get_image(), VIPS_META_XMP_NAME, xmp.constData(), size_t(xmp.size()));
+    const QString source = dir.filePath(QStringLiteral("p.jpg"));
+    image.jpegsave(QFile::encodeName(source).constData(), VImage::option()->set("Q", 90));
+    ASSERT_NE(decoded(source).get_typeof(VIPS_META_XMP_NAME), 0u);
+
+    const TrimRun run = trim({QStringLiteral("--lossless"), source});
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const VImage original = decoded(source);
+    const VImage result = decoded(dir.filePath(QStringLiteral("p-cropped.jpg")));
+    const auto blobOf = [](const VImage& i, const char* name) {
+        const void* data = nullptr;
+        size_t length = 0;
+        if (i.get_typeof(name) == 0 || vips_image_get_blob(i.get_image(), name, &data, &length) != 0)
+            return QByteArray();
+        return QByteArray(static_cast<const char*>(data), qsizetype(length));
+    };
+    EXPECT_FALSE(blobOf(result, VIPS_META_ICC_NAME).isEmpty());
+    EXPECT_EQ(blobOf(result, VIPS_META_ICC_NAME), blobOf(original, VIPS_META_ICC_NAME));
+    EXPECT_EQ(result.get_typeof(VIPS_META_XMP_NAME), 0u);
+    EXPECT_EQ(result.get_typeof(VIPS_META_EXIF_NAME), 0u);
+}
+
+TEST(LosslessJpeg, OtherTypesAreWrittenAsUsualWithOneNote)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    for (const char* name : {"a.png", "b.png"})
+        sample(80, 60, 10, 12, 30, 20, 3, 5).write_to_file(QFile::encodeName(dir.filePath(QLatin1String(name))).constData());
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--lossless"), dir.path()});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.err.count("--lossless applies to JPEG images only"), 1) << run.err.toStdString();
+    const QHash<QString, QJsonObject> results = byName(run.out);
+    for (const char* name : {"a.png", "b.png"}) {
+        const QJsonObject o = results.value(QLatin1String(name));
+        EXPECT_EQ(o.value(QLatin1String("status")).toString(), QStringLiteral("trimmed"));
+        EXPECT_FALSE(o.contains(QLatin1String("written")));
+        EXPECT_EQ(decoded(dir.filePath(QString::fromLatin1(name).replace(".png", "-cropped.png"))).width(), 30);
+    }
+}
+
+int main(int argc, char** argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    if (VIPS_INIT(argv[0]) != 0)
+        return 1;
+    return RUN_ALL_TESTS();
+}

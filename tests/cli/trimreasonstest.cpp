@@ -1,0 +1,165 @@
+// orvane-trim says why each file could not be opened, in plain text and in
+// JSON, and leaves camera raw files alone: the real binary on files made here.
+#include <sys/stat.h>
+
+#include <functional>
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <vips/vips8>
+
+namespace {
+
+using vips::VImage;
+
+VImage framed()
+{
+    const VImage block = (VImage::black(20, 10, VImage::option()->set("bands", 3)) + std::vector<double>{30, 60, 90});
+    return block.embed(5, 4, 30, 20, VImage::option()->set("extend", VIPS_EXTEND_WHITE))
+        .cast(VIPS_FORMAT_UCHAR)
+        .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+}
+
+// A TIFF of three pages, as a camera raw file is.
+void writeRaw(const QString& path)
+{
+    VImage pages = framed().embed(0, 0, 30, 60, VImage::option()->set("extend", VIPS_EXTEND_COPY));
+    pages.set("page-height", 20);
+    pages.tiffsave(QFile::encodeName(path).constData());
+}
+
+void writeBytes(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    ASSERT_EQ(file.write(bytes), bytes.size());
+}
+
+QByteArray bytesOf(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QByteArray noisyPng()
+{
+    const VImage noise = VImage::gaussnoise(64, 64, VImage::option()->set("sigma", 50.0));
+    void* data = nullptr;
+    size_t length = 0;
+    noise.bandjoin({noise, noise}).cast(VIPS_FORMAT_UCHAR).write_to_buffer(".png", &data, &length);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
+    g_free(data);
+    return bytes;
+}
+
+struct TrimRun {
+    int exitCode = -1;
+    QByteArray out;
+    QByteArray err;
+
+    // path → the JSON object reported for it, in order.
+    QList<QJsonObject> json() const
+    {
+        QList<QJsonObject> objects;
+        for (const QByteArray& line : out.split('\n')) {
+            if (!line.isEmpty())
+                objects.append(QJsonDocument::fromJson(line).object());
+        }
+        return objects;
+    }
+};
+
+class TrimReasons : public ::testing::Test {
+protected:
+    QString path(const QString& name) const { return dir.filePath(name); }
+
+    TrimRun trim(const QStringList& args) const
+    {
+        QProcess process;
+        process.setWorkingDirectory(dir.path());
+        process.start(QStringLiteral(ORVANE_TRIM_BINARY), args);
+        EXPECT_TRUE(process.waitForFinished(120'000));
+        return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+    }
+
+    QTemporaryDir dir;
+};
+
+} // namespace
+
+TEST_F(TrimReasons, EachFileNamedDirectlyGetsItsReason)
+{
+    const struct {
+        const char* name;
+        std::function<void(const QString&)> make;
+        const char* reason;
+    } cases[] = {
+        {"DSC_0001.NEF", writeRaw, "unsupported"},
+        {"scan.dng", writeRaw, "unsupported"},
+        {"gone.png", [](const QString&) {}, "missing"},
+        {"notes.png", [](const QString& p) { writeBytes(p, "not an image\n"); }, "not-an-image"},
+        {"cut.png", [](const QString& p) { writeBytes(p, noisyPng().chopped(3000)); }, "damaged"},
+    };
+    QStringList args{QStringLiteral("-n"), QStringLiteral("--json")};
+    for (const auto& c : cases) {
+        c.make(path(QLatin1String(c.name)));
+        args << QLatin1String(c.name);
+    }
+    const TrimRun run = trim(args);
+    EXPECT_EQ(run.exitCode, 1);
+    const QList<QJsonObject> objects = run.json();
+    ASSERT_EQ(objects.size(), qsizetype(std::size(cases)));
+    for (qsizetype i = 0; i < objects.size(); ++i) {
+        EXPECT_EQ(objects[i].value("path").toString(), QLatin1String(cases[i].name));
+        EXPECT_EQ(objects[i].value("reason").toString(), QLatin1String(cases[i].reason)) << cases[i].name;
+        EXPECT_FALSE(objects[i].value("error").toString().isEmpty()) << cases[i].name;
+    }
+    // The reason follows the message, so that a line reads in order.
+    EXPECT_TRUE(run.out.contains("\",\"reason\":\"unsupported\"}"));
+
+    const TrimRun plain = trim({QStringLiteral("-n"), QStringLiteral("DSC_0001.NEF")});
+    EXPECT_TRUE(plain.err.startsWith("orvane-trim: DSC_0001.NEF: ")) << plain.err.toStdString();
+    EXPECT_TRUE(plain.err.contains(" (unsupported)\n")) << plain.err.toStdString();
+}
+
+TEST_F(TrimReasons, RawFilesInAFolderAreNeitherListedNorCountedAndNeverWritten)
+{
+    ASSERT_TRUE(QDir(dir.path()).mkpath("shots"));
+    framed().write_to_file(QFile::encodeName(path("shots/a.png")).constData());
+    writeRaw(path("shots/b.NEF"));
+    writeRaw(path("shots/c.dng"));
+    writeBytes(path("shots/notes.txt"), "words\n");
+    ASSERT_TRUE(QFile::link(QStringLiteral("nowhere.png"), path("shots/d.png")));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(path("shots/e.png")).constData(), 0600), 0);
+    const QByteArray raw = bytesOf(path("shots/b.NEF"));
+
+    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--in-place"), QStringLiteral("shots")});
+    EXPECT_EQ(run.exitCode, 1);
+    QStringList seen;
+    for (const QJsonObject& object : run.json())
+        seen << QFileInfo(object.value("path").toString()).fileName() + QLatin1Char(':')
+                + object.value("status").toString() + QLatin1Char(':') + object.value("reason").toString();
+    // The dangling link and the pipe are named like images: they count, and say why.
+    EXPECT_EQ(seen, (QStringList{"a.png:trimmed:", "d.png:failed:missing", "e.png:failed:unreadable"}));
+    EXPECT_EQ(bytesOf(path("shots/b.NEF")), raw);
+
+    // Named directly, a raw file fails and stays as it was.
+    const TrimRun direct = trim({QStringLiteral("--in-place"), QStringLiteral("shots/b.NEF")});
+    EXPECT_EQ(direct.exitCode, 1);
+    EXPECT_EQ(bytesOf(path("shots/b.NEF")), raw);
+}
+
+int main(int argc, char** argv)
+{
+    if (VIPS_INIT(argv[0]))
+        return 2;
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
