@@ -490,7 +490,7 @@ TEST_F(TrimCli, StatusesForEveryOutcome)
     EXPECT_EQ(o[3].value("status").toString(), QStringLiteral("exists"));
     EXPECT_EQ(o[3].value("output"), QJsonValue(QJsonValue::Null));
     EXPECT_EQ(bytesOf(QDir(out).filePath(QStringLiteral("taken.png"))), "someone else's file");
-    EXPECT_EQ(sortedKeys(o[4]), (QStringList{"error", "output", "path", "status"}));
+    EXPECT_EQ(sortedKeys(o[4]), (QStringList{"error", "output", "path", "reason", "status"}));
     EXPECT_EQ(o[4].value("status").toString(), QStringLiteral("failed"));
     EXPECT_EQ(entries(out), (QStringList{"full.png", "taken.png", "trim.png"}));
     EXPECT_EQ(run.err, "1 trimmed, 1 unchanged, 1 without content, 1 already there, 1 failed\n");
