@@ -17,11 +17,11 @@ vips::VImage framedNoise(int width, int height, int border)
                        vips::VImage::option()->set("extend", VIPS_EXTEND_BACKGROUND)->set("background", white));
 }
 
-QByteArray encode(const vips::VImage& image, const char* suffix)
+QByteArray encode(const vips::VImage& image, const char* suffix, vips::VOption* options)
 {
     void* data = nullptr;
     size_t size = 0;
-    image.write_to_buffer(suffix, &data, &size);
+    image.write_to_buffer(suffix, &data, &size, options);
     QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
     g_free(data);
     return bytes;

@@ -13,7 +13,7 @@ namespace orvane::TestImages {
 vips::VImage framedNoise(int width, int height, int border);
 
 /// The image encoded by libvips for the file suffix (".png", ".tif" …).
-QByteArray encode(const vips::VImage& image, const char* suffix);
+QByteArray encode(const vips::VImage& image, const char* suffix, vips::VOption* options = nullptr);
 
 /// The whole file; empty when it cannot be read.
 QByteArray readFile(const QString& path);
