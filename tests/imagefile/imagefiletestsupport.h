@@ -85,6 +85,17 @@ inline QByteArray encoded(const vips::VImage& image, const char* suffix)
     return bytes;
 }
 
+/// The image as a BMP file, written by ImageMagick.
+inline QByteArray bmpBytes(const vips::VImage& image)
+{
+    VipsBlob* blob = image.magicksave_buffer(vips::VImage::option()->set("format", "bmp"));
+    size_t length = 0;
+    const void* data = vips_blob_get(blob, &length);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
+    vips_area_unref(VIPS_AREA(blob));
+    return bytes;
+}
+
 inline bool hasSaver(const char* suffix)
 {
     const bool found = vips_foreign_find_save_buffer(suffix) != nullptr;
