@@ -22,8 +22,11 @@
 
 #include <vips/vips8>
 
+#include "support/testfiles.h"
+
 namespace {
 
+using namespace orvane::test;
 using vips::VImage;
 
 struct Box {
@@ -75,26 +78,6 @@ void writeImage(const QString& path, const VImage& image, const char* options = 
 VImage readBack(const QString& path)
 {
     return VImage::new_from_file(QFile::encodeName(path).constData()).copy_memory();
-}
-
-QByteArray bytesOf(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return file.readAll();
-}
-
-void writeBytes(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << path.toStdString();
-    ASSERT_EQ(file.write(bytes), bytes.size());
-}
-
-QStringList entries(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
 }
 
 QJsonArray rectJson(int x, int y, int w, int h)
@@ -337,7 +320,7 @@ TEST_F(TrimCli, DryRunAnswersEveryToleranceAndWritesNothing)
 TEST_F(TrimCli, DryRunReportsNullForNoContentAndErrorObjectsForFailures)
 {
     writeImage(path("clear.png"), clear(20, 20));
-    writeBytes(path("broken.png"), QByteArray("\x89PNG\r\n\x1a\n this is not really a PNG"));
+    ASSERT_TRUE(writeFile(path("broken.png"), QByteArray("\x89PNG\r\n\x1a\n this is not really a PNG")));
     writeImage(path("fine.png"), framed(30, 20, {3, 4, 5, 6}));
 
     const TrimRun run = trim({"-n", "--json", "clear.png", "gone.png", "broken.png", "fine.png"});
@@ -393,7 +376,7 @@ TEST_F(TrimCli, FoldersExpandOneLevelInNameOrderWithSkips)
         QDir(folder).mkpath(QFileInfo(QDir(folder).filePath(name)).path());
         writeImage(QDir(folder).filePath(name), framed(30, 20, {2, 2, 5, 5}, {0, 0, 0}, true));
     }
-    writeBytes(QDir(folder).filePath("notes.txt"), "not an image");
+    ASSERT_TRUE(writeFile(QDir(folder).filePath("notes.txt"), "not an image"));
     writeImage(path("first.png"), framed(30, 20, {2, 2, 5, 5}));
     writeImage(path("last.png"), framed(30, 20, {2, 2, 5, 5}));
 
@@ -448,7 +431,7 @@ TEST_F(TrimCli, WritesBesideTheSourceUnderTheProposedName)
 {
     writeImage(path("photo.JPG"), framed(60, 40, {10, 8, 30, 20}, {0, 0, 0}, true), "[Q=100]");
     writeImage(path("archive.tar.png"), framed(60, 40, {1, 2, 3, 4}, {255, 0, 0}));
-    const QByteArray photoBytes = bytesOf(path("photo.JPG"));
+    const QByteArray photoBytes = readFile(path("photo.JPG"));
 
     const TrimRun run = trim({"--json", "photo.JPG", "archive.tar.png"});
     EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();
@@ -463,7 +446,7 @@ TEST_F(TrimCli, WritesBesideTheSourceUnderTheProposedName)
 
     const QJsonArray jpegRect = firstRect(objects[0]);
     const VImage jpeg = readBack(path("photo-cropped.JPG"));
-    EXPECT_TRUE(bytesOf(path("photo-cropped.JPG")).startsWith("\xff\xd8")) << "a JPEG stays a JPEG";
+    EXPECT_TRUE(readFile(path("photo-cropped.JPG")).startsWith("\xff\xd8")) << "a JPEG stays a JPEG";
     EXPECT_EQ(jpeg.width(), jpegRect.at(2).toInt());
     EXPECT_EQ(jpeg.height(), jpegRect.at(3).toInt());
     EXPECT_NEAR(jpeg.width(), 30, 2) << "JPEG blur may move the edge a pixel";
@@ -472,7 +455,7 @@ TEST_F(TrimCli, WritesBesideTheSourceUnderTheProposedName)
     EXPECT_EQ(png.width(), 3);
     EXPECT_EQ(png.height(), 4);
     EXPECT_EQ(png.getpoint(0, 0), (std::vector<double>{255, 0, 0, 255}));
-    EXPECT_EQ(bytesOf(path("photo.JPG")), photoBytes) << "the source is never touched";
+    EXPECT_EQ(readFile(path("photo.JPG")), photoBytes) << "the source is never touched";
 }
 
 TEST_F(TrimCli, StatusesForEveryOutcome)
@@ -483,8 +466,8 @@ TEST_F(TrimCli, StatusesForEveryOutcome)
     writeImage(path("full.png"), framed(50, 50, {0, 0, 50, 50}), "[compression=1]");
     writeImage(path("clear.png"), clear(50, 50));
     writeImage(path("taken.png"), framed(50, 50, {5, 5, 5, 5}));
-    writeBytes(QDir(out).filePath("taken.png"), "someone else's file");
-    const QByteArray fullBytes = bytesOf(path("full.png"));
+    ASSERT_TRUE(writeFile(QDir(out).filePath("taken.png"), "someone else's file"));
+    const QByteArray fullBytes = readFile(path("full.png"));
 
     const QStringList inputs = {"trim.png", "full.png", "clear.png", "taken.png", "gone.png"};
     const TrimRun run = trim(QStringList{"--json", "-o", "out"} + inputs);
@@ -493,10 +476,10 @@ TEST_F(TrimCli, StatusesForEveryOutcome)
     ASSERT_EQ(statuses(o), (QStringList{"trimmed", "unchanged", "nothing", "exists", "failed"}));
     EXPECT_EQ(str(o[0], "output"), "out/trim.png");
     EXPECT_EQ(str(o[1], "output"), "out/full.png");
-    EXPECT_EQ(bytesOf(path("out/full.png")), fullBytes) << "copied byte for byte";
+    EXPECT_EQ(readFile(path("out/full.png")), fullBytes) << "copied byte for byte";
     EXPECT_EQ(o[2].value("output"), QJsonValue(QJsonValue::Null));
     EXPECT_EQ(o[3].value("output"), QJsonValue(QJsonValue::Null));
-    EXPECT_EQ(bytesOf(path("out/taken.png")), "someone else's file");
+    EXPECT_EQ(readFile(path("out/taken.png")), "someone else's file");
     EXPECT_EQ(sortedKeys(o[4]), (QStringList{"error", "output", "path", "status"}));
     EXPECT_EQ(entries(out), (QStringList{"full.png", "taken.png", "trim.png"}));
     EXPECT_EQ(run.err, "1 trimmed, 1 unchanged, 1 without content, 1 already there, 1 failed\n");
@@ -512,7 +495,7 @@ TEST_F(TrimCli, StatusesForEveryOutcome)
     EXPECT_EQ(str(beside.json().first(), "status"), "unchanged");
     EXPECT_EQ(beside.json().first().value("output"), QJsonValue(QJsonValue::Null));
     EXPECT_FALSE(QFileInfo::exists(path("full-cropped.png")));
-    EXPECT_EQ(bytesOf(path("full.png")), fullBytes);
+    EXPECT_EQ(readFile(path("full.png")), fullBytes);
 }
 
 TEST_F(TrimCli, TwoInputsForOneOutputFailTheSecond)
@@ -532,7 +515,7 @@ TEST_F(TrimCli, TwoInputsForOneOutputFailTheSecond)
 
     // The same file twice (once through a link) when writing over the source.
     ASSERT_TRUE(QFile::link(path("a/x.png"), path("alias.png")));
-    const QByteArray once = bytesOf(path("a/x.png"));
+    const QByteArray once = readFile(path("a/x.png"));
     const TrimRun inPlace = trim({"--json", "--in-place", "a/x.png", "alias.png"});
     EXPECT_EQ(inPlace.exitCode, 1);
     EXPECT_EQ(statuses(inPlace.json()), (QStringList{"trimmed", "failed"}));
@@ -541,11 +524,11 @@ TEST_F(TrimCli, TwoInputsForOneOutputFailTheSecond)
     // An output that is another input of the same run is refused, not raced.
     writeImage(path("c.png"), framed(40, 40, {1, 1, 5, 5}));
     writeImage(path("c-cropped.png"), framed(40, 40, {1, 1, 6, 6}));
-    const QByteArray cropped = bytesOf(path("c-cropped.png"));
+    const QByteArray cropped = readFile(path("c-cropped.png"));
     const TrimRun clash = trim({"--json", "--overwrite", "c.png", "c-cropped.png"});
     EXPECT_EQ(clash.exitCode, 1);
     EXPECT_EQ(statuses(clash.json()), (QStringList{"failed", "trimmed"}));
-    EXPECT_EQ(bytesOf(path("c-cropped.png")), cropped);
+    EXPECT_EQ(readFile(path("c-cropped.png")), cropped);
     EXPECT_TRUE(QFileInfo::exists(path("c-cropped-cropped.png")));
 }
 
@@ -600,15 +583,15 @@ TEST_F(TrimCli, InPlaceReplacesTheSourceCompletely)
     EXPECT_EQ(a.width(), 30);
     EXPECT_EQ(a.height(), 15);
     EXPECT_EQ(a.getpoint(0, 0), (std::vector<double>{1, 2, 3, 255}));
-    EXPECT_TRUE(bytesOf(path("work/b.jpg")).startsWith("\xff\xd8"));
+    EXPECT_TRUE(readFile(path("work/b.jpg")).startsWith("\xff\xd8"));
     EXPECT_NEAR(readBack(path("work/b.jpg")).height(), 16, 2);
     EXPECT_EQ(entries(path("work")), (QStringList{"a.png", "b.jpg"})) << "no temporary files left behind";
 
     // TrimRun again: nothing left to trim, the files are not rewritten.
-    const QByteArray trimmed = bytesOf(path("work/a.png"));
+    const QByteArray trimmed = readFile(path("work/a.png"));
     const TrimRun again = trim({"--json", "--in-place", "work/a.png"});
     EXPECT_EQ(str(again.json().first(), "status"), "unchanged");
-    EXPECT_EQ(bytesOf(path("work/a.png")), trimmed);
+    EXPECT_EQ(readFile(path("work/a.png")), trimmed);
 }
 
 TEST_F(TrimCli, FailedWriteLeavesTheSourceByteForByte)
@@ -618,7 +601,7 @@ TEST_F(TrimCli, FailedWriteLeavesTheSourceByteForByte)
     makeFolder("work");
     writeImage(path("work/big.png"), noisy(300, 300, 10));
     writeImage(path("work/small.png"), framed(30, 30, {2, 2, 3, 3}));
-    const QByteArray original = bytesOf(path("work/big.png"));
+    const QByteArray original = readFile(path("work/big.png"));
     ASSERT_GT(original.size(), 100'000);
 
     // Files above 20 000 bytes cannot be written: big.png's trimmed image is
@@ -630,7 +613,7 @@ TEST_F(TrimCli, FailedWriteLeavesTheSourceByteForByte)
     EXPECT_EQ(str(o[0], "error"), "Couldn’t write to “big.png”.");
     EXPECT_EQ(o[0].value("output"), QJsonValue(QJsonValue::Null));
     EXPECT_EQ(o[0].value("width").toInt(), 300) << "a write failure still reports what was measured";
-    EXPECT_EQ(bytesOf(path("work/big.png")), original);
+    EXPECT_EQ(readFile(path("work/big.png")), original);
     EXPECT_EQ(entries(path("work")), (QStringList{"big.png", "small.png"})) << "no partial file left behind";
 
     // The same through a copy of a file with nothing to trim.
@@ -650,13 +633,13 @@ TEST_F(TrimCli, WriteRefusedByPermissionLeavesTheSource)
     makeFolder("locked");
     writeImage(path("locked/a.png"), framed(40, 40, {4, 4, 8, 8}));
     QFile::setPermissions(path("locked/a.png"), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther);
-    const QByteArray original = bytesOf(path("locked/a.png"));
+    const QByteArray original = readFile(path("locked/a.png"));
 
     const TrimRun run = trim({"--json", "--in-place", "locked/a.png"}, asNobody());
     EXPECT_EQ(run.exitCode, 1) << run.err.toStdString();
     ASSERT_EQ(run.json().size(), 1);
     EXPECT_EQ(str(run.json().first(), "error"), "Couldn’t write to “a.png”.");
-    EXPECT_EQ(bytesOf(path("locked/a.png")), original);
+    EXPECT_EQ(readFile(path("locked/a.png")), original);
     EXPECT_EQ(entries(path("locked")), QStringList{"a.png"});
 }
 
@@ -665,10 +648,10 @@ TEST_F(TrimCli, InterruptFinishesTheImagesInFlightAndStops)
     makeFolder("in");
     makeFolder("out");
     writeImage(path("in/p1.png"), noisy(700, 700, 20));
-    const QByteArray png = bytesOf(path("in/p1.png"));
+    const QByteArray png = readFile(path("in/p1.png"));
     const int count = 300;
     for (int i = 2; i <= count; ++i)
-        writeBytes(path(QStringLiteral("in/p%1.png").arg(i)), png);
+        ASSERT_TRUE(writeFile(path(QStringLiteral("in/p%1.png").arg(i)), png));
 
     QProcess process;
     process.setWorkingDirectory(m_dir.path());
@@ -746,7 +729,7 @@ TEST_F(TrimCli, OddNamesAreReportedAndWritten)
     const std::unique_ptr<const char, int (*)(const char*)> removeRaw(raw.constData(), ::unlink);
     const int fd = ::open(raw.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     ASSERT_GE(fd, 0);
-    const QByteArray png = bytesOf(QDir(folder).filePath("with space.png"));
+    const QByteArray png = readFile(QDir(folder).filePath("with space.png"));
     ASSERT_EQ(::write(fd, png.constData(), png.size()), png.size());
     ::close(fd);
 
@@ -800,9 +783,9 @@ TEST_F(TrimCli, TenThousandFilesInOneFolder)
 {
     const QString folder = makeFolder("huge");
     writeImage(path("one.png"), framed(3, 3, {1, 1, 1, 1}));
-    const QByteArray png = bytesOf(path("one.png"));
+    const QByteArray png = readFile(path("one.png"));
     for (int i = 10'000; i >= 1; --i)
-        writeBytes(QDir(folder).filePath(QStringLiteral("f%1.png").arg(i)), png);
+        ASSERT_TRUE(writeFile(QDir(folder).filePath(QStringLiteral("f%1.png").arg(i)), png));
 
     const TrimRun run = trim({"-n", "--json", "huge"});
     EXPECT_EQ(run.exitCode, 0) << run.err.right(500).toStdString();

@@ -229,7 +229,8 @@ TEST_F(Save, PngIsCompressedAtLeastAsWellAsLibvipsDefault)
 
 TEST_F(Save, FewColoursAreWrittenAsIndexedColourExactly)
 {
-    // Flat blocks of a handful of colours: indexed (colour type 3), pixel for pixel.
+    // Flat blocks of a handful of colours: indexed (colour type 3), pixel for
+    // pixel. Where the palette stops paying is the PNG writer's own test.
     const vips::VImage xy = vips::VImage::xyz(120, 90);
     const vips::VImage index = (xy[0] / 30).cast(VIPS_FORMAT_INT) + (xy[1] / 30).cast(VIPS_FORMAT_INT) * 4;
     const vips::VImage rgb = (index * std::vector<double>{19, 7, 3} + std::vector<double>{10, 20, 30})
@@ -248,18 +249,6 @@ TEST_F(Save, FewColoursAreWrittenAsIndexedColourExactly)
         // Every pixel, the colour hidden under full transparency included.
         EXPECT_EQ(samples(loaded->image), samples(image));
     }
-
-    // 257 colours do not fit: truecolour, still exact.
-    const vips::VImage x = vips::VImage::xyz(257, 3)[0];
-    const vips::VImage distinct = (x & 255).bandjoin(x >> 8).bandjoin(x * 0)
-                                      .cast(VIPS_FORMAT_UCHAR)
-                                      .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
-    const QString file = path("many.png");
-    ASSERT_TRUE(ImageFile::save(distinct, file, ImageType::png()));
-    EXPECT_EQ(int(readFile(file).at(25)), 2) << "not truecolour";
-    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(samples(loaded->image), samples(distinct));
 }
 
 TEST_F(Save, AWebpStoredLosslesslyStaysLosslessAndALossyOneLossy)

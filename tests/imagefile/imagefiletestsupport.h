@@ -1,4 +1,4 @@
-// Helpers shared by the image-file tests: files, generated images, main().
+// Helpers shared by the image-file tests: generated images, encoded files, main().
 #pragma once
 
 #include <cstdint>
@@ -13,22 +13,9 @@
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
+#include "support/testfiles.h"
 
 namespace orvane::test {
-
-inline QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return file.readAll();
-}
-
-inline bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
-}
 
 /// An image whose every pixel differs from its neighbours: red runs along x,
 /// green along y, blue with both; alpha (when asked for) falls along x.

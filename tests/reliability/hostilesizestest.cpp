@@ -16,6 +16,7 @@
 #include "imagefile/imagefile.h"
 #include "model/cropmodel.h"
 #include "support/pngbytes.h"
+#include "support/testfiles.h"
 #include "testimages.h"
 
 using namespace orvane;
@@ -281,7 +282,7 @@ private Q_SLOTS:
         };
         for (const auto& file : files) {
             const QString path = m_dir.filePath(file.name);
-            QVERIFY(TestImages::writeFile(path, file.bytes));
+            QVERIFY(test::writeFile(path, file.bytes));
             const auto loaded = ImageFile::load(path);
             QVERIFY2(loaded, qPrintable(file.name));
             QCOMPARE(loaded->image.width(), file.width);
@@ -383,7 +384,7 @@ private:
         QVERIFY(!bytes.isEmpty());
         QCOMPARE(ImageType::fromContent(bytes.left(4096)), std::optional<ImageType>(type));
         const QString path = m_dir.filePath(name);
-        QVERIFY(TestImages::writeFile(path, bytes));
+        QVERIFY(test::writeFile(path, bytes));
         if (!m_written.contains(path))
             m_written << path;
 

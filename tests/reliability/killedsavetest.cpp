@@ -12,6 +12,7 @@
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
+#include "support/testfiles.h"
 #include "testimages.h"
 
 using namespace orvane;
@@ -51,23 +52,23 @@ private Q_SLOTS:
         const QString name = QStringLiteral("photo") + suffix;
         const QString original = dir.filePath(name);
         const QByteArray oldBytes = TestImages::encode(TestImages::framedNoise(width, height, 40), suffix.toLatin1().constData());
-        QVERIFY(TestImages::writeFile(original, oldBytes));
+        QVERIFY(test::writeFile(original, oldBytes));
 
         // The complete new file, made by the same child on a copy; two runs must
         // agree or "complete new file" would mean nothing.
         QTemporaryDir reference;
         QVERIFY(reference.isValid());
         const QString copy = reference.filePath(name);
-        QVERIFY(TestImages::writeFile(copy, oldBytes));
+        QVERIFY(test::writeFile(copy, oldBytes));
         const qint64 firstTime = saveToEnd(copy);
         QVERIFY2(firstTime >= 0, "the child could not save");
-        const QByteArray newBytes = TestImages::readFile(copy);
-        QVERIFY(TestImages::writeFile(copy, oldBytes));
+        const QByteArray newBytes = test::readFile(copy);
+        QVERIFY(test::writeFile(copy, oldBytes));
         const qint64 secondTime = saveToEnd(copy);
         QVERIFY(secondTime >= 0);
         // Syncing to disk varies most; the slower run covers more of the saves.
         const qint64 saveTime = std::max(firstTime, secondTime);
-        QCOMPARE(TestImages::readFile(copy), newBytes);
+        QCOMPARE(test::readFile(copy), newBytes);
         QVERIFY(newBytes != oldBytes);
         QVERIFY(ImageFile::load(copy).has_value());
 
@@ -82,7 +83,7 @@ private Q_SLOTS:
         int gotNew = 0;
         int leftovers = 0;
         for (int kill = 0; kill < kills; ++kill) {
-            QVERIFY(TestImages::writeFile(original, oldBytes));
+            QVERIFY(test::writeFile(original, oldBytes));
             QProcess child;
             QVERIFY2(startSave(child, original), "the child did not start saving");
             const qint64 delay = kill % 2 == 0 ? qint64(random.bounded(quint64(saveMicroseconds * 5 / 4)))
@@ -91,7 +92,7 @@ private Q_SLOTS:
             child.kill();
             QVERIFY(child.waitForFinished(30000));
 
-            const QByteArray now = TestImages::readFile(original);
+            const QByteArray now = test::readFile(original);
             const QString where = QStringLiteral("kill %1 after %2 µs (seed %3)").arg(kill).arg(delay).arg(seed);
             QVERIFY2(now == oldBytes || now == newBytes,
                      qPrintable(where + QStringLiteral(": the original is neither the old nor the new file (%1 bytes)")
@@ -102,12 +103,12 @@ private Q_SLOTS:
             // once complete and synced, then renamed over the original. A kill
             // between those two steps leaves that name behind: always a complete
             // copy of the new file, never a part of one.
-            for (const QString& entry : TestImages::entries(dir.path())) {
+            for (const QString& entry : test::entries(dir.path())) {
                 if (entry == name)
                     continue;
                 QVERIFY2(entry.startsWith(name + QLatin1Char('.')),
                          qPrintable(where + QStringLiteral(": stray file ") + entry));
-                QVERIFY2(TestImages::readFile(dir.filePath(entry)) == newBytes,
+                QVERIFY2(test::readFile(dir.filePath(entry)) == newBytes,
                          qPrintable(where + QStringLiteral(": partial temporary file ") + entry));
                 ++leftovers;
                 QVERIFY(QFile::remove(dir.filePath(entry)));

@@ -22,6 +22,7 @@
 
 #include "imagefile/imagefile.h"
 #include "model/cropmodel.h"
+#include "support/testfiles.h"
 #include "testimages.h"
 
 using namespace orvane;
@@ -78,7 +79,7 @@ private Q_SLOTS:
         QTemporaryDir dir;
         QVERIFY(dir.isValid());
         const QString path = dir.filePath(kName);
-        QVERIFY(TestImages::writeFile(path, m_original));
+        QVERIFY(test::writeFile(path, m_original));
 
         // The limit is set after the image is read: only the write runs into it.
         const ChildReport report = runChild({}, {QStringLiteral("model"), path, QStringLiteral("2048")});
@@ -87,8 +88,8 @@ private Q_SLOTS:
         QCOMPARE(report.fields.value(QStringLiteral("error")), kRefused);
         QCOMPARE(report.fields.value(QStringLiteral("saved")), QStringLiteral("0"));
         QCOMPARE(report.fields.value(QStringLiteral("confirmation")), QString());
-        QVERIFY(TestImages::readFile(path) == m_original);
-        QCOMPARE(TestImages::entries(dir.path()), QStringList{kName});
+        QVERIFY(test::readFile(path) == m_original);
+        QCOMPARE(test::entries(dir.path()), QStringList{kName});
 
         // Without the limit the same child succeeds: the refusal above was the limit's.
         const ChildReport free = runChild({}, {QStringLiteral("model"), path});
@@ -107,7 +108,7 @@ private Q_SLOTS:
         const auto unmount = qScopeGuard([&] { ::umount2(mountPoint.constData(), MNT_DETACH); });
 
         const QString path = dir.filePath(kName);
-        QVERIFY(TestImages::writeFile(path, m_original));
+        QVERIFY(test::writeFile(path, m_original));
         // Fill every block that is left.
         {
             QFile filler(dir.filePath(QStringLiteral("filler")));
@@ -124,15 +125,15 @@ private Q_SLOTS:
         QCOMPARE(model.errorMessage(), std::optional<QString>(kRefused));
         QVERIFY(!model.items().front().saved);
         QVERIFY(!model.saveConfirmation());
-        QVERIFY(TestImages::readFile(path) == m_original);
-        QCOMPARE(TestImages::entries(dir.path()), (QStringList{QStringLiteral("filler"), kName}));
+        QVERIFY(test::readFile(path) == m_original);
+        QCOMPARE(test::entries(dir.path()), (QStringList{QStringLiteral("filler"), kName}));
 
         // Room again: the same save goes through.
         QVERIFY(QFile::remove(dir.filePath(QStringLiteral("filler"))));
         model.saveOverOriginal();
         QCOMPARE(model.saveConfirmation(), std::optional<QString>(kName));
         QVERIFY(model.items().front().saved);
-        QVERIFY(TestImages::readFile(path) != m_original);
+        QVERIFY(test::readFile(path) != m_original);
     }
 
     void unprivilegedUserIsRefused_data()
@@ -158,7 +159,7 @@ private Q_SLOTS:
         QVERIFY(dir.isValid());
         QVERIFY(::chmod(QFile::encodeName(dir.path()).constData(), 0755) == 0);
         const QString path = dir.filePath(kName);
-        QVERIFY(TestImages::writeFile(path, m_original));
+        QVERIFY(test::writeFile(path, m_original));
         QVERIFY(::chmod(QFile::encodeName(path).constData(), mode_t(fileMode)) == 0);
 
         const ChildReport report = runChild(
@@ -170,8 +171,8 @@ private Q_SLOTS:
         QCOMPARE(report.fields.value(QStringLiteral("items")), QStringLiteral("1"));
         QCOMPARE(report.fields.value(QStringLiteral("error")), kRefused);
         QCOMPARE(report.fields.value(QStringLiteral("saved")), QStringLiteral("0"));
-        QVERIFY(TestImages::readFile(path) == m_original);
-        QCOMPARE(TestImages::entries(dir.path()), QStringList{kName});
+        QVERIFY(test::readFile(path) == m_original);
+        QCOMPARE(test::entries(dir.path()), QStringList{kName});
     }
 
     void replacedFileKeepsModeAndOwner_data()
@@ -196,7 +197,7 @@ private Q_SLOTS:
         QVERIFY(dir.isValid());
         const QString path = dir.filePath(kName);
         const QByteArray name = QFile::encodeName(path);
-        QVERIFY(TestImages::writeFile(path, m_original));
+        QVERIFY(test::writeFile(path, m_original));
         QVERIFY(::chmod(name.constData(), mode_t(mode)) == 0);
         uid_t uid = ::geteuid();
         gid_t gid = ::getegid();
@@ -223,8 +224,8 @@ private Q_SLOTS:
         QCOMPARE(int(after.st_mode & 07777), mode);
         QCOMPARE(after.st_uid, uid);
         QCOMPARE(after.st_gid, gid);
-        QVERIFY(TestImages::readFile(path) != m_original);
-        QCOMPARE(TestImages::entries(dir.path()), QStringList{kName});
+        QVERIFY(test::readFile(path) != m_original);
+        QCOMPARE(test::entries(dir.path()), QStringList{kName});
     }
 
 private:

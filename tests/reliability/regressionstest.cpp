@@ -8,6 +8,7 @@
 #include <vips/vips8>
 
 #include "fuzz/loadcheck.h"
+#include "support/testfiles.h"
 #include "testimages.h"
 
 using namespace orvane;
@@ -63,7 +64,7 @@ private Q_SLOTS:
         const QByteArray bytes = TestImages::encode(rgba, suffix.toLatin1().constData(),
             suffix == QLatin1String(".webp") ? vips::VImage::option()->set("lossless", true) : nullptr);
         const QString path = m_dir.filePath(QStringLiteral("rows") + suffix);
-        QVERIFY(TestImages::writeFile(path, bytes));
+        QVERIFY(test::writeFile(path, bytes));
         const QString fault = LoadCheck::check(path, m_dir.filePath(QStringLiteral("saved") + suffix));
         QVERIFY2(fault.isEmpty(), qPrintable(fault));
     }
