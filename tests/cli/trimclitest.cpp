@@ -80,11 +80,6 @@ VImage readBack(const QString& path)
     return VImage::new_from_file(QFile::encodeName(path).constData()).copy_memory();
 }
 
-QJsonArray rectJson(int x, int y, int w, int h)
-{
-    return QJsonArray{x, y, w, h};
-}
-
 struct TrimRun {
     int exitCode = -1;
     bool crashed = false;
@@ -299,10 +294,10 @@ TEST_F(TrimCli, DryRunAnswersEveryToleranceAndWritesNothing)
     const QJsonArray rects = o.value("rects").toArray();
     ASSERT_EQ(rects.size(), 4);
     const QList<std::pair<double, QJsonArray>> expected = {
-        {0, rectJson(0, 0, 100, 80)},
-        {25, rectJson(10, 10, 84, 64)},
-        {50, rectJson(50, 40, 5, 5)},
-        {100, rectJson(50, 40, 5, 5)},
+        {0, QJsonArray{0, 0, 100, 80}},
+        {25, QJsonArray{10, 10, 84, 64}},
+        {50, QJsonArray{50, 40, 5, 5}},
+        {100, QJsonArray{50, 40, 5, 5}},
     };
     for (qsizetype i = 0; i < rects.size(); ++i) {
         const QJsonObject entry = rects.at(i).toObject();
@@ -334,7 +329,7 @@ TEST_F(TrimCli, DryRunReportsNullForNoContentAndErrorObjectsForFailures)
     }
     EXPECT_EQ(str(objects[1], "path"), "gone.png");
     EXPECT_EQ(str(objects[2], "path"), "broken.png");
-    EXPECT_EQ(firstRect(objects[3]), rectJson(3, 4, 5, 6));
+    EXPECT_EQ(firstRect(objects[3]), (QJsonArray{3, 4, 5, 6}));
     EXPECT_EQ(run.err, "2 measured, 2 failed\n");
 }
 
@@ -419,7 +414,7 @@ TEST_F(TrimCli, ParallelJobsKeepInputOrderAndMatchEachImage)
             const QJsonObject& o = objects.at(i - 1);
             EXPECT_EQ(fileNameOf(o), QStringLiteral("img%1.png").arg(i));
             EXPECT_EQ(o.value("width").toInt(), i % 5 == 1 ? 1200 : 20 + i);
-            EXPECT_EQ(firstRect(o), rectJson(1, 2, i, i));
+            EXPECT_EQ(firstRect(o), (QJsonArray{1, 2, i, i}));
         }
     }
 }
@@ -540,10 +535,10 @@ TEST_F(TrimCli, MarginGrowsTheRectangleWithinTheImage)
         QJsonArray rect;
     };
     const QList<Case> cases = {
-        {"0", rectJson(30, 20, 10, 10)},
-        {"5", rectJson(25, 15, 20, 20)},
-        {"25", rectJson(5, 0, 60, 55)},
-        {"1000", rectJson(0, 0, 100, 80)},
+        {"0", QJsonArray{30, 20, 10, 10}},
+        {"5", QJsonArray{25, 15, 20, 20}},
+        {"25", QJsonArray{5, 0, 60, 55}},
+        {"1000", QJsonArray{0, 0, 100, 80}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.margin);
@@ -706,7 +701,7 @@ TEST_F(TrimCli, LinksDanglingLinksAndLoopsGiveResultsNotHangs)
         const QString name = fileNameOf(object);
         if (name == "b-link.png" || name == "inside.png") {
             good << name;
-            EXPECT_EQ(firstRect(object), rectJson(3, 3, 9, 9));
+            EXPECT_EQ(firstRect(object), (QJsonArray{3, 3, 9, 9}));
         } else {
             EXPECT_TRUE(object.contains("error")) << name.toStdString();
         }

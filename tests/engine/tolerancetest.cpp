@@ -81,15 +81,6 @@ TEST(CutOffs, MatchTheTableForTellingTolerances)
     }
 }
 
-TEST(CutOffs, ZeroOrLessLetsEveryPixelThrough)
-{
-    for (double t : {0.0, -0.0, -5.0, -std::numeric_limits<double>::infinity()}) {
-        const CropEngine::CutOffs c = CropEngine::cutOffs(t);
-        EXPECT_LT(c.alpha, 0) << t;
-        EXPECT_GT(c.whiteness, 255) << t;
-    }
-}
-
 TEST(CutOffs, MoveOneWayAsTheToleranceGrows)
 {
     std::vector<double> tolerances = toleranceBoundaries();
@@ -137,12 +128,16 @@ TEST(CutOffs, PixelKeysDecideContentExactlyForEveryReachablePair)
     }
 }
 
+// At zero or below every pixel counts, the transparent and the white ones too.
 TEST(RectangleGeometry, ZeroOrNegativeToleranceKeepsTheWholeImage)
 {
-    const auto transparent = solidRgba(7, 5, 0, 0, 0, 0);
-    for (double t : {0.0, -5.0})
-        EXPECT_EQ(bothWays(transparent, t), (PixelRect{0, 0, 7, 5}));
-    EXPECT_EQ(bothWays(solidRgba(3, 4, 255, 255, 255, 255), 0.0), (PixelRect{0, 0, 3, 4}));
+    for (double t : {0.0, -0.0, -5.0, -std::numeric_limits<double>::infinity()}) {
+        const CropEngine::CutOffs c = CropEngine::cutOffs(t);
+        EXPECT_LT(c.alpha, 0) << t;
+        EXPECT_GT(c.whiteness, 255) << t;
+        EXPECT_EQ(bothWays(solidRgba(7, 5, 0, 0, 0, 0), t), (PixelRect{0, 0, 7, 5})) << t;
+        EXPECT_EQ(bothWays(solidRgba(3, 4, 255, 255, 255, 255), t), (PixelRect{0, 0, 3, 4})) << t;
+    }
 }
 
 TEST(RectangleGeometry, NothingToKeepIsAbsent)
