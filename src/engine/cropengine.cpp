@@ -359,6 +359,8 @@ namespace detail {
 
 std::optional<int> bytesToExpand(const vips::VImage& image)
 {
+    if (image.coding() != VIPS_CODING_NONE)
+        return std::nullopt;
     return expandsByBytes(image, layoutOf(image)) ? std::optional<int>(image.bands()) : std::nullopt;
 }
 
@@ -369,7 +371,15 @@ void expandRow(const std::uint8_t* in, int bands, std::uint8_t* out, std::size_t
 
 vips::VImage rasterPipeline(const vips::VImage& image)
 {
-    return lazyRaster(image, layoutOf(image));
+    // Packed Lab is read as float Lab, as Buffer::make() reads it.
+    vips::VImage colours = image;
+    if (image.coding() != VIPS_CODING_NONE) {
+        VipsImage* decoded = nullptr;
+        if (vips_image_decode(image.get_image(), &decoded) != 0)
+            throw vips::VError();
+        colours = vips::VImage(decoded);
+    }
+    return lazyRaster(colours, layoutOf(colours));
 }
 
 } // namespace detail

@@ -32,9 +32,13 @@ struct Metadata {
 /// writes PNG at 7 by default.
 inline constexpr int referenceZlibLevel = 7;
 
-/// How much larger than the other layout an indexed (or not indexed) file
-/// may come out, as a fraction, for a choice made from a sample of rows.
+/// How much larger than the other layout the file encode() keeps may come
+/// out, as a fraction: the choice of a palette is made from a sample of rows,
+/// which can misjudge an image whose rows differ much. Held on test images.
 inline constexpr double paletteMargin = 0.05;
+
+/// Whether encode() may write indexed colour.
+enum class Palette { IfSmaller, Never };
 
 /// The bytes of memory encode() needs besides the pixels and its result, at most.
 std::size_t workingMemory(const Pixels& pixels);
@@ -47,15 +51,13 @@ std::size_t workingMemory(const Pixels& pixels);
 /// depth; an alpha band that is opaque everywhere is left out. 8-bit pixels
 /// of at most 256 distinct values may be written as indexed colour with the
 /// exact palette (never with a grey profile), in 1, 2, 4 or 8 bits per
-/// pixel: the layout is chosen by compressing a sample of rows both ways,
-/// and the file kept is at most paletteMargin larger than the other layout
-/// would have been. Rows are filtered with the filter whose output has the
-/// smallest sum of magnitudes, indexed and packed grey rows not at all.
-/// With Palette::Never the palette is not considered: the file a palette is
-/// measured against.
+/// pixel: the layout is chosen by compressing a sample of rows both ways
+/// (see paletteMargin). With Palette::Never no palette is considered: the
+/// file a palette is measured against. Rows are filtered with the filter
+/// whose output has the smallest sum of magnitudes, indexed and packed grey
+/// rows not at all.
 /// Empty when the pixels are not of a kind described above or memory runs out.
 /// Thread-safe.
-enum class Palette { IfSmaller, Never };
 QByteArray encode(const Pixels& pixels, const Metadata& metadata = {}, Palette palette = Palette::IfSmaller);
 
 } // namespace orvane::PngEncoder

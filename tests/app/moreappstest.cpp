@@ -96,74 +96,6 @@ private Q_SLOTS:
         QVERIFY(std::any_of(memberships.cbegin(), memberships.cend(), [](int n) { return n == 3; }));
     }
 
-    void builtOnce()
-    {
-        QCOMPARE(&MoreApps::categories(), &MoreApps::categories());
-        QCOMPARE(&MoreApps::catalog(), &MoreApps::catalog());
-    }
-
-    void itemTitleHasOneSpaceEachSideOfTheDash()
-    {
-        const QRegularExpression shape(QStringLiteral("^\\S(.*\\S)? \u2014 \\S(.*\\S)?$"));
-        for (const MoreAppCategory& category : MoreApps::categories()) {
-            for (const MoreApp& app : category.apps) {
-                const QString title = MoreApps::itemTitle(app);
-                QCOMPARE(title, app.name + QStringLiteral(" \u2014 ") + app.blurb);
-                QVERIFY2(shape.match(title).hasMatch(), qPrintable(title));
-                QCOMPARE(title.count(QChar(0x2014)), 1);
-            }
-        }
-    }
-
-    void pageAddress()
-    {
-        const MoreApp app{QStringLiteral("tidewright"), QStringLiteral("Tidewright"), QStringLiteral("x")};
-        QCOMPARE(MoreApps::pageAddress(app, QStringLiteral("https://example.org/apps/")),
-                 QStringLiteral("https://example.org/apps/tidewright.html"));
-        const QString base = QString::fromUtf8(BuildConfig::appPageBaseUrl);
-        QVERIFY(base.endsWith(u'/'));
-        for (const MoreApp& row : MoreApps::builtInData().apps) {
-            const QUrl url(MoreApps::pageAddress(row, base), QUrl::StrictMode);
-            QVERIFY(url.isValid());
-            QCOMPARE(url.fileName(), row.slug + QStringLiteral(".html"));
-        }
-    }
-
-    void missingSlugOnlyShortensItsCategory()
-    {
-        const MoreApps::Data& data = MoreApps::builtInData();
-        std::vector<MoreApp> rows = data.apps;
-        // Drop the first application that stands in exactly one category.
-        QString dropped;
-        for (auto it = rows.begin(); it != rows.end(); ++it) {
-            int count = 0;
-            for (const auto& [title, slugs] : data.categories)
-                count += slugs.count(it->slug);
-            if (count == 1) {
-                dropped = it->slug;
-                rows.erase(it);
-                break;
-            }
-        }
-        QVERIFY(!dropped.isEmpty());
-        const MoreApps::Catalog smaller = MoreApps::makeCatalog(rows);
-        const auto& full = MoreApps::categories();
-        for (size_t i = 0; i < data.categories.size(); ++i) {
-            const auto& [title, slugs] = data.categories[i];
-            const MoreAppCategory category = MoreApps::makeCategory(title, slugs, smaller);
-            QCOMPARE(category.name, full[i].name);
-            std::vector<MoreApp> expected;
-            for (const MoreApp& app : full[i].apps) {
-                if (app.slug != dropped)
-                    expected.push_back(app);
-            }
-            QCOMPARE(category.apps.size(), expected.size());
-            for (size_t j = 0; j < expected.size(); ++j)
-                QCOMPARE(category.apps[j].slug, expected[j].slug);
-            QCOMPARE(category.apps.size() + size_t(slugs.contains(dropped)), full[i].apps.size());
-        }
-    }
-
     void parseDataDropsBadRows()
     {
         const QByteArray json = R"({
@@ -208,7 +140,7 @@ private Q_SLOTS:
             QCOMPARE(items.size(), qsizetype(categories[size_t(i)].apps.size()));
             for (qsizetype j = 0; j < items.size(); ++j) {
                 const MoreApp& app = categories[size_t(i)].apps[size_t(j)];
-                QCOMPARE(items[j]->text(), MoreApps::itemTitle(app));
+                QCOMPARE(items[j]->text(), app.name + QStringLiteral(" — ") + app.blurb);
                 QVERIFY(items[j]->isEnabled());
                 QVERIFY(items[j]->shortcut().isEmpty());
                 QVERIFY(items[j]->icon().isNull());

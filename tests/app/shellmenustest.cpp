@@ -56,12 +56,10 @@ private Q_SLOTS:
             QCOMPARE(items.last(), later);
         QCOMPARE(items.size(), somethingAfterAbout ? 5 : 4);
 
-        QList<int> sizes;
-        for (QAction* action : moreApps->actions()) {
-            QVERIFY(action->menu());
-            sizes.append(int(action->menu()->actions().size()));
-        }
-        QCOMPARE(sizes, (QList<int>{7, 6, 5, 4, 4, 3}));
+        // More Apps is filled: one submenu per category.
+        QCOMPARE(moreApps->actions().size(), qsizetype(MoreApps::categories().size()));
+        for (QAction* action : moreApps->actions())
+            QVERIFY(action->menu() && !action->menu()->isEmpty());
     }
 
     void commandRunsTheSharedUpdater()

@@ -107,6 +107,7 @@ TEST(LosslessJpeg, EveryContentPixelIsKeptExactlyInARectangleOnTheGrid)
         {"on-grid-420.jpg", 3, true, false, 32, 48, 101, 70},   // edges on the grid, an even end
         {"off-grid-420.jpg", 3, true, false, 37, 21, 90, 57},   // between grid lines
         {"odd-end-420.jpg", 3, true, true, 17, 33, 60, 40},     // progressive
+        {"to-the-edge-420.jpg", 3, true, false, 96, 104, 104, 56}, // reaches the right and bottom edges
         {"on-grid-444.jpg", 3, false, false, 40, 16, 64, 50},
         {"off-grid-444.jpg", 3, false, true, 13, 27, 77, 31},
         {"grey.jpg", 1, false, false, 9, 70, 120, 33},

@@ -68,36 +68,6 @@ std::vector<std::uint8_t> randomBytes(std::size_t n, unsigned seed)
 
 } // namespace
 
-TEST(RasterLayout, SinglePixels)
-{
-    EXPECT_EQ(pixelAt(made(solidRgba(1, 1, 255, 0, 0, 255)), 0, 0), (std::array<int, 4>{255, 0, 0, 255}));
-    EXPECT_EQ(pixelAt(made(solidRgba(1, 1, 200, 100, 50, 0)), 0, 0), (std::array<int, 4>{0, 0, 0, 0}));
-    const auto halfWhite = pixelAt(made(solidRgba(1, 1, 255, 255, 255, 128)), 0, 0);
-    EXPECT_EQ(halfWhite[3], 128);
-    for (int c = 0; c < 3; ++c)
-        EXPECT_NEAR(halfWhite[c], 128, 1);
-}
-
-TEST(RasterLayout, ThreeByTwoRowsRunFromTheTop)
-{
-    std::vector<std::uint8_t> bytes;
-    for (int y = 0; y < 2; ++y)
-        for (int x = 0; x < 3; ++x)
-            bytes.insert(bytes.end(), {std::uint8_t(10 * x), std::uint8_t(100 + y), std::uint8_t(x + 3 * y), 255});
-    const Buffer buffer = made(imageFromBytes(bytes, 3, 2, 4, VIPS_INTERPRETATION_sRGB));
-    EXPECT_EQ(buffer.width(), 3);
-    EXPECT_EQ(buffer.height(), 2);
-    EXPECT_EQ(buffer.byteCount(), 24u);
-    const std::uint8_t* p = buffer.pixels();
-    EXPECT_EQ(p[20], 20);  // column 2, row 1 starts at byte 20
-    EXPECT_EQ(p[21], 101);
-    EXPECT_EQ(p[22], 5);
-    EXPECT_EQ(p[0 + 1], 100); // row 0 is the top row
-    // The same through libvips' pipeline rather than the in-memory pass.
-    const Buffer lazy = made(imageFromBytes(bytes, 3, 2, 4, VIPS_INTERPRETATION_sRGB).copy());
-    EXPECT_EQ(std::vector<std::uint8_t>(lazy.pixels(), lazy.pixels() + 24), bytes);
-}
-
 TEST(RasterLayout, ImagesWithoutPixelsOrRasterAreAbsent)
 {
     EXPECT_FALSE(Buffer::make(vips::VImage()));
@@ -153,59 +123,28 @@ TEST(RasterLayout, OpaqueImagesInMemoryShareTheirPixels)
     EXPECT_EQ(pixelAt(*survivor, 7, 7)[0], pixelAt(*survivor, 0, 0)[0]);
 }
 
-TEST(RasterColour, EightBitRgbaIsPremultiplied)
+// Grey, grey and alpha, RGB and RGBA: premultiplied RGBA, rows from the top,
+// the same whether the image is in memory or comes through libvips' pipeline.
+TEST(RasterColour, EightBitImagesOfEveryBandCountBecomePremultipliedRgba)
 {
     const int w = 17, h = 9;
-    const auto bytes = randomBytes(w * h * 4, 11);
-    std::vector<std::array<double, 4>> expected;
-    for (std::size_t i = 0; i < bytes.size(); i += 4)
-        expected.push_back(premultiplied(bytes[i], bytes[i + 1], bytes[i + 2], bytes[i + 3]));
-    const auto image = imageFromBytes(bytes, w, h, 4, VIPS_INTERPRETATION_sRGB);
-    expectRaster(made(image), expected, 0, "in memory");
-    expectRaster(made(image.copy()), expected, 0, "through libvips");
+    for (int bands = 1; bands <= 4; ++bands) {
+        SCOPED_TRACE(::testing::Message() << bands << " bands");
+        const auto bytes = randomBytes(w * h * bands, 10 + bands);
+        std::vector<std::array<double, 4>> expected;
+        for (std::size_t i = 0; i < bytes.size(); i += bands) {
+            const double grey = bytes[i];
+            const double alpha = bands % 2 == 0 ? bytes[i + bands - 1] : 255;
+            expected.push_back(bands < 3 ? premultiplied(grey, grey, grey, alpha)
+                                         : premultiplied(grey, bytes[i + 1], bytes[i + 2], alpha));
+        }
+        const auto image = imageFromBytes(bytes, w, h, bands, bands < 3 ? VIPS_INTERPRETATION_B_W : VIPS_INTERPRETATION_sRGB);
+        expectRaster(made(image), expected, 0, "in memory");
+        expectRaster(made(image.copy()), expected, 0, "through libvips");
+    }
 }
 
-TEST(RasterColour, RgbWithoutAlphaIsOpaque)
-{
-    const int w = 5, h = 4;
-    const auto bytes = randomBytes(w * h * 3, 12);
-    std::vector<std::array<double, 4>> expected;
-    for (std::size_t i = 0; i < bytes.size(); i += 3)
-        expected.push_back({double(bytes[i]), double(bytes[i + 1]), double(bytes[i + 2]), 255});
-    const auto image = imageFromBytes(bytes, w, h, 3, VIPS_INTERPRETATION_sRGB);
-    expectRaster(made(image), expected, 0, "in memory");
-    expectRaster(made(image.copy()), expected, 0, "through libvips");
-}
-
-TEST(RasterColour, GreyWithAndWithoutAlphaHasEqualChannels)
-{
-    const int w = 6, h = 5;
-    const auto grey = randomBytes(w * h, 13);
-    std::vector<std::array<double, 4>> opaque;
-    for (auto v : grey)
-        opaque.push_back({double(v), double(v), double(v), 255});
-    const auto image = imageFromBytes(grey, w, h, 1, VIPS_INTERPRETATION_B_W);
-    expectRaster(made(image), opaque, 0, "grey in memory");
-    expectRaster(made(image.copy()), opaque, 0, "grey through libvips");
-
-    const auto greyAlpha = randomBytes(w * h * 2, 14);
-    std::vector<std::array<double, 4>> translucent;
-    for (std::size_t i = 0; i < greyAlpha.size(); i += 2)
-        translucent.push_back(premultiplied(greyAlpha[i], greyAlpha[i], greyAlpha[i], greyAlpha[i + 1]));
-    const auto withAlpha = imageFromBytes(greyAlpha, w, h, 2, VIPS_INTERPRETATION_B_W);
-    expectRaster(made(withAlpha), translucent, 0, "grey and alpha in memory");
-    expectRaster(made(withAlpha.copy()), translucent, 0, "grey and alpha through libvips");
-
-    // 16-bit grey with alpha.
-    std::vector<std::uint16_t> words = {0, 65535, 65535, 32768, 40000, 65535, 12345, 0};
-    const Buffer grey16 = made(imageFromWords(words, 4, 1, 2, VIPS_INTERPRETATION_GREY16));
-    expectRaster(grey16,
-                 {premultiplied(0, 0, 0, 255), premultiplied(255, 255, 255, 128),
-                  premultiplied(40000 / 257.0, 40000 / 257.0, 40000 / 257.0, 255), {0, 0, 0, 0}},
-                 1, "16-bit grey");
-}
-
-TEST(RasterColour, SixteenBitRgbAndRgbaScaleToBytes)
+TEST(RasterColour, SixteenBitImagesScaleToBytes)
 {
     const int w = 7, h = 3;
     std::mt19937 rng(15);
@@ -229,6 +168,12 @@ TEST(RasterColour, SixteenBitRgbAndRgbaScaleToBytes)
         rgbExpected.push_back(premultiplied(words[i] / 257.0, words[i + 1] / 257.0, words[i + 2] / 257.0, 255));
     }
     expectRaster(made(imageFromWords(rgbWords, w, h, 3, VIPS_INTERPRETATION_RGB16)), rgbExpected, 1, "16-bit RGB");
+
+    const std::vector<std::uint16_t> grey = {0, 65535, 65535, 32768, 40000, 65535, 12345, 0};
+    expectRaster(made(imageFromWords(grey, 4, 1, 2, VIPS_INTERPRETATION_GREY16)),
+                 {premultiplied(0, 0, 0, 255), premultiplied(255, 255, 255, 128),
+                  premultiplied(40000 / 257.0, 40000 / 257.0, 40000 / 257.0, 255), {0, 0, 0, 0}},
+                 1, "16-bit grey and alpha");
 }
 
 namespace {
@@ -385,31 +330,4 @@ TEST(RasterColour, ProfileThatDoesNotFitTheImageIsIgnored)
     const auto tagged = withProfile(imageFromBytes(grey, 4, 4, 1, VIPS_INTERPRETATION_B_W), "p3");
     expectRaster(made(tagged), expected, 0, "grey with an RGB profile");
     EXPECT_STREQ(vips_error_buffer(), "");
-}
-
-TEST(RasterColour, PaletteWithTransparencyDecodesToPremultipliedRgba)
-{
-    const int w = 8, h = 8;
-    std::vector<std::uint8_t> bytes;
-    const std::uint8_t colours[4][4] = {{255, 0, 0, 255}, {0, 0, 255, 128}, {255, 255, 255, 0}, {20, 200, 20, 255}};
-    for (int i = 0; i < w * h; ++i)
-        bytes.insert(bytes.end(), colours[(i + i / w) % 4], colours[(i + i / w) % 4] + 4);
-    VipsBlob* png = nullptr;
-    try {
-        png = imageFromBytes(bytes, w, h, 4, VIPS_INTERPRETATION_sRGB)
-                  .pngsave_buffer(vips::VImage::option()->set("palette", true)->set("dither", 0.0));
-    } catch (const vips::VError&) {
-        vips_error_clear();
-        GTEST_SKIP() << "this libvips cannot write palette PNGs";
-    }
-    std::size_t length = 0;
-    const void* data = vips_blob_get(png, &length);
-    const vips::VImage decoded = vips::VImage::new_from_buffer(data, length, "").copy_memory();
-    vips_area_unref(VIPS_AREA(png));
-    if (decoded.get_typeof("palette-bit-depth") == 0 && decoded.get_typeof("bits-per-sample") == 0)
-        GTEST_SKIP() << "the PNG was not written with a palette";
-    std::vector<std::array<double, 4>> expected;
-    for (std::size_t i = 0; i < bytes.size(); i += 4)
-        expected.push_back(premultiplied(bytes[i], bytes[i + 1], bytes[i + 2], bytes[i + 3]));
-    expectRaster(made(decoded), expected, 0, "palette PNG");
 }

@@ -81,15 +81,6 @@ TEST(CutOffs, MatchTheTableForTellingTolerances)
     }
 }
 
-TEST(CutOffs, ZeroOrLessLetsEveryPixelThrough)
-{
-    for (double t : {0.0, -0.0, -5.0, -std::numeric_limits<double>::infinity()}) {
-        const CropEngine::CutOffs c = CropEngine::cutOffs(t);
-        EXPECT_LT(c.alpha, 0) << t;
-        EXPECT_GT(c.whiteness, 255) << t;
-    }
-}
-
 TEST(CutOffs, MoveOneWayAsTheToleranceGrows)
 {
     std::vector<double> tolerances = toleranceBoundaries();
@@ -137,12 +128,16 @@ TEST(CutOffs, PixelKeysDecideContentExactlyForEveryReachablePair)
     }
 }
 
+// At zero or below every pixel counts, the transparent and the white ones too.
 TEST(RectangleGeometry, ZeroOrNegativeToleranceKeepsTheWholeImage)
 {
-    const auto transparent = solidRgba(7, 5, 0, 0, 0, 0);
-    for (double t : {0.0, -5.0})
-        EXPECT_EQ(bothWays(transparent, t), (PixelRect{0, 0, 7, 5}));
-    EXPECT_EQ(bothWays(solidRgba(3, 4, 255, 255, 255, 255), 0.0), (PixelRect{0, 0, 3, 4}));
+    for (double t : {0.0, -0.0, -5.0, -std::numeric_limits<double>::infinity()}) {
+        const CropEngine::CutOffs c = CropEngine::cutOffs(t);
+        EXPECT_LT(c.alpha, 0) << t;
+        EXPECT_GT(c.whiteness, 255) << t;
+        EXPECT_EQ(bothWays(solidRgba(7, 5, 0, 0, 0, 0), t), (PixelRect{0, 0, 7, 5})) << t;
+        EXPECT_EQ(bothWays(solidRgba(3, 4, 255, 255, 255, 255), t), (PixelRect{0, 0, 3, 4})) << t;
+    }
 }
 
 TEST(RectangleGeometry, NothingToKeepIsAbsent)
@@ -153,28 +148,29 @@ TEST(RectangleGeometry, NothingToKeepIsAbsent)
     }
 }
 
+// Single pixels on either side of the cut-offs, by the index and by the scan.
 TEST(RectangleGeometry, PixelsAtTheCutOffs)
 {
-    // Tolerance 100 and above: only opaque pixels, background from 140 up.
-    for (double t : {100.0, 150.0}) {
-        EXPECT_TRUE(isContent(139, 255, 255, 255, t));
-        EXPECT_FALSE(isContent(140, 140, 140, 255, t));
-        EXPECT_FALSE(isContent(0, 0, 0, 254, t));
-    }
-    EXPECT_EQ(bothWays(solidRgba(1, 1, 0, 0, 0, 255), 25), (PixelRect{0, 0, 1, 1}));
-    EXPECT_FALSE(isContent(255, 255, 255, 255, 25));
-    EXPECT_FALSE(isContent(0, 0, 0, 0, 25));
-    EXPECT_TRUE(isContent(200, 200, 200, 255, 25));
-    EXPECT_FALSE(isContent(200, 200, 200, 255, 50));
-    // Black at alpha 63 and 64 (premultiplied black stays 0, 0, 0).
-    EXPECT_FALSE(isContent(0, 0, 0, 63, 25));
-    EXPECT_TRUE(isContent(0, 0, 0, 64, 25));
-    // Tolerance 0.1: any alpha counts, only 254 and up in all three is white.
-    EXPECT_TRUE(isContent(0, 0, 0, 1, 0.1));
-    EXPECT_FALSE(isContent(254, 254, 254, 255, 0.1));
-    EXPECT_TRUE(isContent(254, 253, 254, 255, 0.1));
-    // A white pixel at half opacity reads about 128 and so counts as content.
-    EXPECT_TRUE(isContent(255, 255, 255, 128, 25));
+    const struct {
+        int r, g, b, a;
+        double tolerance;
+        bool content;
+    } cases[] = {
+        // Tolerance 100 and above: only opaque pixels, background from 140 up.
+        {139, 255, 255, 255, 100, true}, {140, 140, 140, 255, 100, false}, {0, 0, 0, 254, 100, false},
+        {139, 255, 255, 255, 150, true}, {140, 140, 140, 255, 150, false}, {0, 0, 0, 254, 150, false},
+        // Tolerance 25: alpha above 63, smallest colour byte below 226.
+        {0, 0, 0, 255, 25, true}, {255, 255, 255, 255, 25, false}, {0, 0, 0, 0, 25, false},
+        {225, 255, 255, 255, 25, true}, {226, 226, 226, 255, 25, false}, {200, 200, 200, 255, 50, false},
+        {0, 0, 0, 63, 25, false}, {0, 0, 0, 64, 25, true}, // premultiplied black stays 0, 0, 0
+        // Tolerance 0.1: any alpha counts, only 254 and up in all three is white.
+        {0, 0, 0, 1, 0.1, true}, {254, 254, 254, 255, 0.1, false}, {254, 253, 254, 255, 0.1, true},
+        // A white pixel at half opacity reads about 128 and so counts as content.
+        {255, 255, 255, 128, 25, true},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(isContent(c.r, c.g, c.b, c.a, c.tolerance), c.content)
+            << c.r << ", " << c.g << ", " << c.b << ", " << c.a << " at " << c.tolerance;
 }
 
 TEST(RectangleGeometry, HoldsTheOutermostContentPixels)

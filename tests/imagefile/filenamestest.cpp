@@ -34,18 +34,19 @@ protected:
 
 } // namespace
 
-TEST(Accepted, TheLowerCasedExtensionOfAnAcceptedType)
+TEST(Accepted, TheExtensionOfAnAcceptedTypeInAnyCase)
 {
-    for (const char* name : {"a.png", "photo.PNG", "a.jpg", "a.JPEG", "a.jpe", "a.tif", "a.tiff", "a.bmp", "a.gif",
-                             "a.heic", "a.HEIF", "a.webp", "/some/folder.d/archive.tar.png", "name with spaces.Png"})
-        EXPECT_TRUE(ImageFile::isAccepted(QString::fromUtf8(name))) << name;
-}
-
-TEST(Accepted, OtherNamesAreNot)
-{
-    for (const char* name : {"notes.txt", "drawing.svg", "document.pdf", "noextension", "photo.png.txt", "folder.d/file",
-                             "ends-with-dot.", ".png", "a.xyz-unknown", ""})
-        EXPECT_FALSE(ImageFile::isAccepted(QString::fromUtf8(name))) << name;
+    const std::pair<const char*, bool> cases[] = {
+        {"a.png", true},        {"photo.PNG", true},     {"a.jpg", true},         {"a.JPEG", true},
+        {"a.jpe", true},        {"a.tif", true},         {"a.tiff", true},        {"a.bmp", true},
+        {"a.gif", true},        {"a.heic", true},        {"a.HEIF", true},        {"a.webp", true},
+        {"/some/folder.d/archive.tar.png", true},        {"name with spaces.Png", true},
+        {"notes.txt", false},   {"drawing.svg", false},  {"document.pdf", false}, {"noextension", false},
+        {"photo.png.txt", false}, {"folder.d/file", false}, {"ends-with-dot.", false}, {".png", false},
+        {"a.xyz-unknown", false}, {"", false},
+    };
+    for (const auto& [name, accepted] : cases)
+        EXPECT_EQ(ImageFile::isAccepted(QString::fromUtf8(name)), accepted) << name;
 }
 
 TEST(NameOrder, DigitsByValueAndCaseIgnoredInTheCLocale)
@@ -85,9 +86,15 @@ TEST_F(Folders, AFolderBecomesItsImagesInNameOrder)
     touch("sub/inside.png");
     mkdir("folder.png"); // a folder named like an image is still a folder
 
-    const QString folder = dir.path();
-    EXPECT_EQ(ImageFile::expandingFolders({folder}),
+    EXPECT_EQ(ImageFile::expandingFolders({dir.path()}),
               (QStringList{path("2.png"), path("10.png"), path("a.jpg"), path("b.png"), path("Photo.WEBP")}));
+    // Folders without images of their own (only deeper down) contribute nothing.
+    mkdir("empty");
+    mkdir("nested/deeper");
+    touch("nested/deeper/image.png");
+    touch("nested/readme.txt");
+    EXPECT_EQ(ImageFile::expandingFolders({path("empty"), path("nested"), path("sub")}), QStringList{path("sub/inside.png")});
+    EXPECT_TRUE(ImageFile::expandingFolders({}).isEmpty());
 }
 
 TEST_F(Folders, OtherPathsStayWhereTheyAreUnchecked)
@@ -102,17 +109,6 @@ TEST_F(Folders, OtherPathsStayWhereTheyAreUnchecked)
                            QStringLiteral("relative/x.gif")}));
     // The same folder twice is listed twice: no duplicate detection.
     EXPECT_EQ(ImageFile::expandingFolders({path("one"), path("one")}).size(), 4);
-}
-
-TEST_F(Folders, FoldersWithoutImagesContributeNothing)
-{
-    mkdir("empty");
-    mkdir("nested/deeper");
-    touch("nested/deeper/image.png");
-    touch("nested/readme.txt");
-    EXPECT_TRUE(ImageFile::expandingFolders({path("empty")}).isEmpty());
-    EXPECT_TRUE(ImageFile::expandingFolders({path("nested")}).isEmpty());
-    EXPECT_TRUE(ImageFile::expandingFolders({}).isEmpty());
 }
 
 TEST_F(Folders, LinksAreFollowed)
@@ -131,23 +127,27 @@ TEST_F(Folders, LinksAreFollowed)
     EXPECT_EQ(ImageFile::expandingFolders({path("view")}), (QStringList{path("view/dangling.png"), path("view/linked.gif")}));
 }
 
-TEST(ProposedName, KeepsTheExtensionAsWritten)
+// The extension as written in the name, not that of the type found in the
+// content; without one, the type's preferred extension, or PNG.
+TEST(ProposedName, KeepsTheExtensionAsWrittenElseTheTypeDecides)
 {
-    EXPECT_EQ(ImageFile::proposedName("photo.JPG", ImageType::jpeg()), "photo-cropped.JPG");
-    EXPECT_EQ(ImageFile::proposedName("photo.png", ImageType::png()), "photo-cropped.png");
-    EXPECT_EQ(ImageFile::proposedName("archive.tar.png", ImageType::png()), "archive.tar-cropped.png");
-    // The extension of the name, not of the type found in the content.
-    EXPECT_EQ(ImageFile::proposedName("picture.jpg", ImageType::png()), "picture-cropped.jpg");
-    EXPECT_EQ(ImageFile::proposedName("/home/someone/Pictures/photo.gif", ImageType::gif()), "photo-cropped.gif");
-}
-
-TEST(ProposedName, WithoutExtensionTheTypeDecides)
-{
-    EXPECT_EQ(ImageFile::proposedName("scan", ImageType::tiff()), "scan-cropped.tiff");
-    EXPECT_EQ(ImageFile::proposedName("scan", ImageType::jpeg()), "scan-cropped.jpeg");
-    EXPECT_EQ(ImageFile::proposedName("name", ImageType::data()), "name-cropped.png");
-    EXPECT_EQ(ImageFile::proposedName("name", ImageType(QStringLiteral("application/x-no-such-type"))),
-              "name-cropped.png");
+    const struct {
+        const char* name;
+        ImageType type;
+        const char* proposed;
+    } cases[] = {
+        {"photo.JPG", ImageType::jpeg(), "photo-cropped.JPG"},
+        {"photo.png", ImageType::png(), "photo-cropped.png"},
+        {"archive.tar.png", ImageType::png(), "archive.tar-cropped.png"},
+        {"picture.jpg", ImageType::png(), "picture-cropped.jpg"},
+        {"/home/someone/Pictures/photo.gif", ImageType::gif(), "photo-cropped.gif"},
+        {"scan", ImageType::tiff(), "scan-cropped.tiff"},
+        {"scan", ImageType::jpeg(), "scan-cropped.jpeg"},
+        {"name", ImageType::data(), "name-cropped.png"},
+        {"name", ImageType(QStringLiteral("application/x-no-such-type")), "name-cropped.png"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ImageFile::proposedName(QString::fromUtf8(c.name), c.type), c.proposed) << c.name;
 }
 
 ORVANE_IMAGEFILE_TEST_MAIN(setenv("LC_ALL", "C", 1); setenv("LANG", "C", 1); unsetenv("LANGUAGE"))

@@ -8,16 +8,11 @@
 #include <QDir>
 #include <QTemporaryDir>
 
-#include <zlib.h>
-
 #include "imagefiletestsupport.h"
+#include "support/pngbytes.h"
 
 using namespace orvane;
-using orvane::test::encoded;
-using orvane::test::pattern;
-using orvane::test::readFile;
-using orvane::test::samples;
-using orvane::test::writeFile;
+using namespace orvane::test;
 
 namespace {
 
@@ -35,107 +30,12 @@ protected:
     QTemporaryDir dir;
 };
 
-void putBig32(QByteArray& bytes, qsizetype at, std::uint32_t value)
-{
-    for (int i = 0; i < 4; ++i)
-        bytes[at + i] = char(value >> (24 - 8 * i));
-}
-
-void putLittle16(QByteArray& bytes, qsizetype at, std::uint16_t value)
-{
-    bytes[at] = char(value & 0xff);
-    bytes[at + 1] = char(value >> 8);
-}
-
-void putLittle32(QByteArray& bytes, qsizetype at, std::uint32_t value)
-{
-    for (int i = 0; i < 4; ++i)
-        bytes[at + i] = char(value >> (8 * i));
-}
-
-QByteArray pngChunk(const char* type, const QByteArray& data)
-{
-    QByteArray chunk(4, '\0');
-    putBig32(chunk, 0, std::uint32_t(data.size()));
-    chunk += type;
-    chunk += data;
-    const uLong crc = crc32(crc32(0, nullptr, 0), reinterpret_cast<const Bytef*>(chunk.constData() + 4),
-                            uInt(chunk.size() - 4));
-    QByteArray tail(4, '\0');
-    putBig32(tail, 0, std::uint32_t(crc));
-    return chunk + tail;
-}
-
-// A valid 1-bit grey PNG of width × height black pixels. Its rows of zeros
-// deflate to almost nothing: at 30 000 × 30 000 the file is about 100 KB and
-// claims 900 million pixels.
-QByteArray zeroPng(std::uint32_t width, std::uint32_t height)
-{
-    QByteArray header(13, '\0');
-    putBig32(header, 0, width);
-    putBig32(header, 4, height);
-    header[8] = 1; // bit depth
-    header[9] = 0; // grey
-
-    z_stream stream{};
-    deflateInit(&stream, 9);
-    const QByteArray row((width + 7) / 8 + 1, '\0'); // filter byte, then the bits
-    QByteArray compressed;
-    std::vector<Bytef> out(1 << 16);
-    for (std::uint32_t y = 0; y < height; ++y) {
-        stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(row.constData()));
-        stream.avail_in = uInt(row.size());
-        const int flush = y + 1 == height ? Z_FINISH : Z_NO_FLUSH;
-        do {
-            stream.next_out = out.data();
-            stream.avail_out = uInt(out.size());
-            deflate(&stream, flush);
-            compressed.append(reinterpret_cast<const char*>(out.data()), qsizetype(out.size() - stream.avail_out));
-        } while (stream.avail_out == 0);
-    }
-    deflateEnd(&stream);
-    return QByteArray("\x89PNG\r\n\x1a\n", 8) + pngChunk("IHDR", header) + pngChunk("IDAT", compressed)
-        + pngChunk("IEND", {});
-}
-
-// Offset of a JPEG start-of-frame segment, or -1.
-qsizetype jpegFrameHeader(const QByteArray& jpeg)
-{
-    for (qsizetype i = 2; i + 9 < jpeg.size();) {
-        if (uchar(jpeg[i]) != 0xff)
-            return -1;
-        const uchar marker = uchar(jpeg[i + 1]);
-        if (marker == 0xc0 || marker == 0xc1 || marker == 0xc2)
-            return i;
-        i += 2 + (uchar(jpeg[i + 2]) << 8 | uchar(jpeg[i + 3]));
-    }
-    return -1;
-}
-
-// Offset of a GIF's first image descriptor, or -1.
-qsizetype gifImageDescriptor(const QByteArray& gif)
-{
-    qsizetype at = 13;
-    if (uchar(gif[10]) & 0x80)
-        at += 3 * (2 << (uchar(gif[10]) & 7));
-    while (at < gif.size()) {
-        if (gif[at] == 0x2c)
-            return at;
-        if (gif[at] != 0x21)
-            return -1;
-        at += 2; // introducer and label, then sub-blocks up to an empty one
-        while (at < gif.size() && gif[at] != 0)
-            at += 1 + uchar(gif[at]);
-        at += 1;
-    }
-    return -1;
-}
-
 } // namespace
 
 // ---------------------------------------------------------------- every type
 
-TEST_F(Load, EveryAcceptedTypeLoadsWithItsType)
+// The type follows the content, never the name.
+TEST_F(Load, EveryAcceptedTypeLoadsWithTheTypeOfItsContent)
 {
     const vips::VImage image = pattern(64, 48, 3);
     struct Case {
@@ -144,9 +44,9 @@ TEST_F(Load, EveryAcceptedTypeLoadsWithItsType)
         const char* suffix;
     };
     const Case cases[] = {
-        {"a.png", ImageType::png(), ".png"},  {"a.jpg", ImageType::jpeg(), ".jpg[Q=95]"},
-        {"a.tif", ImageType::tiff(), ".tif"}, {"a.gif", ImageType::gif(), ".gif"},
-        {"a.webp", ImageType::webP(), ".webp[lossless]"},
+        {"a.png", ImageType::png(), ".png"},      {"photo.png", ImageType::jpeg(), ".jpg[Q=95]"},
+        {"odd.xyz", ImageType::tiff(), ".tif"},   {"noextension", ImageType::gif(), ".gif"},
+        {"a.webp", ImageType::webP(), ".webp[lossless]"}, {"picture.jpg", ImageType::png(), ".png"},
     };
     for (const Case& c : cases) {
         const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write(c.name, encoded(image, c.suffix)));
@@ -159,11 +59,7 @@ TEST_F(Load, EveryAcceptedTypeLoadsWithItsType)
 
 TEST_F(Load, BmpLoadsThroughItsOwnGate)
 {
-    VipsBlob* blob = pattern(40, 30, 3).magicksave_buffer(vips::VImage::option()->set("format", "bmp"));
-    size_t length = 0;
-    const void* data = vips_blob_get(blob, &length);
-    const QByteArray bmp(static_cast<const char*>(data), qsizetype(length));
-    vips_area_unref(VIPS_AREA(blob));
+    const QByteArray bmp = bmpBytes(pattern(40, 30, 3));
     ASSERT_TRUE(bmp.startsWith("BM"));
 
     const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("a.bmp", bmp));
@@ -182,7 +78,7 @@ TEST_F(Load, BmpLoadsThroughItsOwnGate)
 
 TEST_F(Load, HeicAndHeifByTheirBrands)
 {
-    if (!orvane::test::hasSaver(".heic"))
+    if (!hasSaver(".heic"))
         GTEST_SKIP() << "this libvips cannot write HEIC, so there is nothing to load";
     QByteArray heic = encoded(pattern(64, 48, 3), ".heic[Q=90]");
     ASSERT_EQ(heic.mid(4, 8), "ftypheic");
@@ -200,48 +96,7 @@ TEST_F(Load, HeicAndHeifByTheirBrands)
     EXPECT_EQ(loaded->image.height(), 48);
 }
 
-TEST_F(Load, PixelsComeThroughUnchanged)
-{
-    // Lossless formats give back exactly what was written, 16 bits included.
-    const vips::VImage rgba = pattern(33, 17, 4);
-    const vips::VImage grey16 = pattern(33, 17, 1, VIPS_FORMAT_USHORT);
-    for (const char* suffix : {".png", ".tif", ".webp[lossless]"}) {
-        const std::optional<ImageFile::LoadResult> loaded =
-            ImageFile::load(write(QStringLiteral("rgba") + QLatin1String(suffix).left(4), encoded(rgba, suffix)));
-        ASSERT_TRUE(loaded) << suffix;
-        EXPECT_EQ(loaded->image.bands(), 4) << suffix;
-        EXPECT_EQ(samples(loaded->image), samples(rgba)) << suffix;
-    }
-    for (const char* suffix : {".png", ".tif"}) {
-        const std::optional<ImageFile::LoadResult> loaded =
-            ImageFile::load(write(QStringLiteral("grey16") + QLatin1String(suffix), encoded(grey16, suffix)));
-        ASSERT_TRUE(loaded) << suffix;
-        EXPECT_EQ(loaded->image.format(), VIPS_FORMAT_USHORT) << suffix;
-        EXPECT_EQ(samples(loaded->image), samples(grey16)) << suffix;
-    }
-}
-
-// ---------------------------------------------------------------- content over name
-
-TEST_F(Load, TheTypeFollowsTheContentNotTheName)
-{
-    const vips::VImage image = pattern(20, 10, 3);
-    std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("photo.png", encoded(image, ".jpg")));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->type, ImageType::jpeg());
-
-    loaded = ImageFile::load(write("picture.jpg", encoded(image, ".png")));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->type, ImageType::png());
-
-    loaded = ImageFile::load(write("noextension", encoded(image, ".gif")));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->type, ImageType::gif());
-
-    loaded = ImageFile::load(write("odd.xyz", encoded(image, ".tif")));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->type, ImageType::tiff());
-}
+// ---------------------------------------------------------------- foreign content
 
 TEST_F(Load, ForeignContentNamedLikeAnImageIsRefused)
 {
@@ -277,33 +132,22 @@ TEST_F(Load, OnlyOrvanesDecodersCanRunAtAll)
 
 // ---------------------------------------------------------------- frames and orientation
 
-TEST_F(Load, AnimatedGifGivesItsFirstFrame)
+TEST_F(Load, OnlyTheFirstFrameOrPageIsLoaded)
 {
-    const vips::VImage red = (vips::VImage::black(16, 12, vips::VImage::option()->set("bands", 3)) + std::vector<double>{255, 0, 0}).cast(VIPS_FORMAT_UCHAR);
-    const vips::VImage blue = (vips::VImage::black(16, 12, vips::VImage::option()->set("bands", 3)) + std::vector<double>{0, 0, 255}).cast(VIPS_FORMAT_UCHAR);
-    vips::VImage strip = red.join(blue, VIPS_DIRECTION_VERTICAL).copy();
-    strip.set("page-height", 12);
-    strip.set("delay", std::vector<int>{100, 100});
-    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("anim.gif", encoded(strip, ".gif")));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->type, ImageType::gif());
-    EXPECT_EQ(loaded->image.width(), 16);
-    EXPECT_EQ(loaded->image.height(), 12);
-    const std::vector<double> first = loaded->image.getpoint(8, 6);
-    EXPECT_GT(first[0], 200);
-    EXPECT_LT(first[2], 50);
-}
-
-TEST_F(Load, MultiPageTiffGivesItsFirstPage)
-{
-    const vips::VImage dark = vips::VImage::black(10, 8).cast(VIPS_FORMAT_UCHAR);
-    const vips::VImage light = (vips::VImage::black(10, 8) + 200).cast(VIPS_FORMAT_UCHAR);
-    vips::VImage pages = dark.join(light, VIPS_DIRECTION_VERTICAL).copy();
-    pages.set("page-height", 8);
-    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("pages.tif", encoded(pages, ".tif")));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->image.height(), 8);
-    EXPECT_EQ(loaded->image.max(), 0);
+    // Two pages, black above light grey: an animation, and a multi-page TIFF.
+    const vips::VImage black = vips::VImage::black(16, 12, vips::VImage::option()->set("bands", 3));
+    vips::VImage pages = black.join(black + 200, VIPS_DIRECTION_VERTICAL).cast(VIPS_FORMAT_UCHAR)
+                             .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+    pages.set("page-height", 12);
+    pages.set("delay", std::vector<int>{100, 100});
+    for (const char* suffix : {".gif", ".tif"}) {
+        const std::optional<ImageFile::LoadResult> loaded =
+            ImageFile::load(write(QStringLiteral("pages") + QLatin1String(suffix), encoded(pages, suffix)));
+        ASSERT_TRUE(loaded) << suffix;
+        EXPECT_EQ(loaded->image.width(), 16) << suffix;
+        EXPECT_EQ(loaded->image.height(), 12) << suffix;
+        EXPECT_EQ(loaded->image.extract_band(0).max(), 0) << suffix; // GIF comes with an alpha band
+    }
 }
 
 TEST_F(Load, OrientationIsNotApplied)
@@ -337,7 +181,7 @@ TEST_F(Load, TruncatedFilesAreAbsentInEveryFormat)
 {
     const vips::VImage image = pattern(200, 150, 3);
     for (const char* suffix : {".png", ".jpg", ".tif", ".gif", ".webp", ".heic"}) {
-        if (!orvane::test::hasSaver(suffix))
+        if (!hasSaver(suffix))
             continue;
         const QByteArray whole = encoded(image, suffix);
         const QString name = QStringLiteral("whole") + QLatin1String(suffix);
@@ -366,99 +210,12 @@ TEST_F(Load, CorruptDataIsAbsentEveryTime)
     EXPECT_STREQ(vips_error_buffer(), "");
 }
 
-// ---------------------------------------------------------------- hostile sizes
-
-TEST_F(Load, HeadersClaimingEnormousSizesAreAbsent)
-{
-    // Every file here is a small valid image whose header was changed to
-    // claim far more pixels than it holds.
-    const vips::VImage image = pattern(16, 16, 3);
-
-    QByteArray png = encoded(image, ".png");
-    putBig32(png, 16, 100000);
-    putBig32(png, 20, 100000);
-    png.replace(29, 4, pngChunk("IHDR", png.mid(16, 13)).right(4));
-    EXPECT_FALSE(ImageFile::load(write("huge.png", png)));
-
-    QByteArray jpeg = encoded(image, ".jpg");
-    const qsizetype frame = jpegFrameHeader(jpeg);
-    ASSERT_GT(frame, 0);
-    jpeg[frame + 5] = jpeg[frame + 6] = jpeg[frame + 7] = jpeg[frame + 8] = char(0xff);
-    EXPECT_FALSE(ImageFile::load(write("huge.jpg", jpeg)));
-
-    QByteArray gif = encoded(image, ".gif");
-    putLittle16(gif, 6, 0xffff); // the logical screen
-    putLittle16(gif, 8, 0xffff);
-    const qsizetype frameAt = gifImageDescriptor(gif);
-    ASSERT_GT(frameAt, 0);
-    putLittle16(gif, frameAt + 5, 0xffff);
-    putLittle16(gif, frameAt + 7, 0xffff);
-    EXPECT_FALSE(ImageFile::load(write("huge.gif", gif)));
-
-    VipsBlob* blob = image.magicksave_buffer(vips::VImage::option()->set("format", "bmp"));
-    size_t length = 0;
-    const void* data = vips_blob_get(blob, &length);
-    QByteArray bmp(static_cast<const char*>(data), qsizetype(length));
-    vips_area_unref(VIPS_AREA(blob));
-    putLittle32(bmp, 18, 100000);
-    putLittle32(bmp, 22, 100000);
-    EXPECT_FALSE(ImageFile::load(write("huge.bmp", bmp)));
-    putLittle32(bmp, 22, std::uint32_t(-100000)); // top-down rows
-    EXPECT_FALSE(ImageFile::load(write("huge-topdown.bmp", bmp)));
-
-    QByteArray tiff = encoded(image, ".tif");
-    ASSERT_TRUE(tiff.startsWith("II*"));
-    const std::uint32_t directory = std::uint8_t(tiff[4]) | std::uint8_t(tiff[5]) << 8;
-    const int entries = std::uint8_t(tiff[directory]) | std::uint8_t(tiff[directory + 1]) << 8;
-    for (int i = 0; i < entries; ++i) {
-        const qsizetype entry = directory + 2 + 12 * i;
-        const int tag = std::uint8_t(tiff[entry]) | std::uint8_t(tiff[entry + 1]) << 8;
-        if (tag == 256 || tag == 257) { // width, length
-            putLittle16(tiff, entry + 2, 4); // LONG
-            putLittle32(tiff, entry + 8, 100000);
-        }
-    }
-    EXPECT_FALSE(ImageFile::load(write("huge.tif", tiff)));
-
-    // Lossy WebP holds 14 bits per side: 16383 × 16383 is the most it can claim.
-    QByteArray webp = encoded(image, ".webp");
-    if (webp.mid(12, 4) == "VP8X") { // canvas size minus one, 24 bits each
-        putLittle16(webp, 24, 16382);
-        putLittle16(webp, 27, 16382);
-    }
-    const qsizetype vp8 = webp.indexOf("VP8 ");
-    ASSERT_GT(vp8, 0);
-    putLittle16(webp, vp8 + 8 + 6, 16383);
-    putLittle16(webp, vp8 + 8 + 8, 16383);
-    EXPECT_FALSE(ImageFile::load(write("huge.webp", webp)));
-
-    if (orvane::test::hasSaver(".heic")) {
-        QByteArray heic = encoded(image, ".heic");
-        const qsizetype ispe = heic.indexOf("ispe");
-        ASSERT_GT(ispe, 0);
-        putBig32(heic, ispe + 8, 100000);
-        putBig32(heic, ispe + 12, 100000);
-        EXPECT_FALSE(ImageFile::load(write("huge.heic", heic)));
-    }
-}
-
-TEST_F(Load, DecompressionBombIsRefusedWhileTheSameImageSmallerLoads)
-{
-    // Both files are complete and valid; only the claimed size differs.
-    const std::optional<ImageFile::LoadResult> small = ImageFile::load(write("small.png", zeroPng(2000, 1500)));
-    ASSERT_TRUE(small);
-    EXPECT_EQ(small->image.width(), 2000);
-    EXPECT_EQ(small->image.max(), 0);
-
-    const QByteArray bomb = zeroPng(30000, 30000);
-    EXPECT_LT(bomb.size(), 1 << 20);
-    ImageFile::setAvailableMemoryForTesting(std::uint64_t(1) << 30);
-    EXPECT_FALSE(ImageFile::load(write("bomb.png", bomb))) << "900 MB decoded is more than half of 1 GiB";
-}
+// ---------------------------------------------------------------- sizes
+// Headers claiming enormous sizes and decompression bombs: tests/reliability.
 
 TEST_F(Load, TwentyFourMegapixelsLoad)
 {
-    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("24mp.png", zeroPng(6000, 4000)));
+    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("24mp.png", zerosPng(6000, 4000, 0)));
     ASSERT_TRUE(loaded);
     EXPECT_EQ(loaded->image.width(), 6000);
     EXPECT_EQ(loaded->image.height(), 4000);
@@ -467,7 +224,7 @@ TEST_F(Load, TwentyFourMegapixelsLoad)
 TEST_F(Load, ImagesThatWouldNotFitInMemoryAreRefused)
 {
     // 2000 × 1500 one-band pixels need 3 MB decoded.
-    const QString file = write("small.png", zeroPng(2000, 1500));
+    const QString file = write("small.png", zerosPng(2000, 1500, 0));
     ImageFile::setAvailableMemoryForTesting(std::uint64_t(4) << 20);
     EXPECT_FALSE(ImageFile::load(file)) << "3 MB is more than half of 4 MiB";
     ImageFile::setAvailableMemoryForTesting(std::uint64_t(8) << 20);
@@ -510,11 +267,7 @@ TEST_F(Load, LoadsOnSeveralThreadsAtOnce)
     const char* suffixes[] = {".png", ".jpg", ".tif", ".gif", ".webp"};
     for (int i = 0; i < 5; ++i)
         files << write(QStringLiteral("t%1").arg(i) + QLatin1String(suffixes[i]), encoded(pattern(120 + i, 90, 3), suffixes[i]));
-    VipsBlob* blob = pattern(125, 90, 3).magicksave_buffer(vips::VImage::option()->set("format", "bmp"));
-    size_t length = 0;
-    const void* data = vips_blob_get(blob, &length);
-    files << write("t5.bmp", QByteArray(static_cast<const char*>(data), qsizetype(length)));
-    vips_area_unref(VIPS_AREA(blob));
+    files << write("t5.bmp", bmpBytes(pattern(125, 90, 3)));
     files << write("broken.png", "not an image");
 
     std::atomic<int> failures = 0;

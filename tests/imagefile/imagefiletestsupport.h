@@ -1,4 +1,4 @@
-// Helpers shared by the image-file tests: files, generated images, main().
+// Helpers shared by the image-file tests: generated images, encoded files, main().
 #pragma once
 
 #include <cstdint>
@@ -13,22 +13,9 @@
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
+#include "support/testfiles.h"
 
 namespace orvane::test {
-
-inline QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return file.readAll();
-}
-
-inline bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
-}
 
 /// An image whose every pixel differs from its neighbours: red runs along x,
 /// green along y, blue with both; alpha (when asked for) falls along x.
@@ -82,6 +69,17 @@ inline QByteArray encoded(const vips::VImage& image, const char* suffix)
     image.write_to_buffer(suffix, &data, &size);
     QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
     g_free(data);
+    return bytes;
+}
+
+/// The image as a BMP file, written by ImageMagick.
+inline QByteArray bmpBytes(const vips::VImage& image)
+{
+    VipsBlob* blob = image.magicksave_buffer(vips::VImage::option()->set("format", "bmp"));
+    size_t length = 0;
+    const void* data = vips_blob_get(blob, &length);
+    QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
+    vips_area_unref(VIPS_AREA(blob));
     return bytes;
 }
 

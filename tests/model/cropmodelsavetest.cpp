@@ -189,7 +189,8 @@ private Q_SLOTS:
         const vips::VImage written = readBack(path("whole-cropped.png"));
         QCOMPARE(written.width(), 40);
         QCOMPARE(written.height(), 30);
-        QCOMPARE(maxDifference(written.extract_band(0, vips::VImage::option()->set("n", 3)), source), 0.0);
+        // Written in the fewest bands that hold it (grey here): compared as RGB.
+        QCOMPARE(maxDifference(written.colourspace(VIPS_INTERPRETATION_sRGB).extract_band(0, vips::VImage::option()->set("n", 3)), source), 0.0);
     }
 
     void aRefusedWriteNamesTheDestination()

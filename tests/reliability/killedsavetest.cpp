@@ -12,6 +12,7 @@
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
+#include "support/testfiles.h"
 #include "testimages.h"
 
 using namespace orvane;
@@ -20,141 +21,134 @@ class KilledSaveTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void killedSaveLeavesOldOrNewFile_data();
-    void killedSaveLeavesOldOrNewFile();
+    void initTestCase()
+    {
+        QVERIFY(VIPS_INIT("reliability_killedsave") == 0);
+        ImageFile::initialise();
+        QVERIFY2(QFileInfo(QStringLiteral(ORVANE_SAVECHILD)).isExecutable(), ORVANE_SAVECHILD);
+    }
+
+    void killedSaveLeavesOldOrNewFile_data()
+    {
+        QTest::addColumn<QString>("suffix");
+        QTest::addColumn<int>("width");
+        QTest::addColumn<int>("height");
+        QTest::addColumn<int>("kills");
+        // Uncompressed TIFF: little encoding, megabytes to write and sync.
+        QTest::newRow("tiff") << QStringLiteral(".tiff") << 1200 << 900 << 50;
+        // PNG at level 9: mostly encoding, then a shorter write.
+        QTest::newRow("png") << QStringLiteral(".png") << 500 << 400 << 50;
+    }
+
+    void killedSaveLeavesOldOrNewFile()
+    {
+        QFETCH(QString, suffix);
+        QFETCH(int, width);
+        QFETCH(int, height);
+        QFETCH(int, kills);
+
+        QTemporaryDir dir;
+        QVERIFY(dir.isValid());
+        const QString name = QStringLiteral("photo") + suffix;
+        const QString original = dir.filePath(name);
+        const QByteArray oldBytes = TestImages::encode(TestImages::framedNoise(width, height, 40), suffix.toLatin1().constData());
+        QVERIFY(test::writeFile(original, oldBytes));
+
+        // The complete new file, made by the same child on a copy; two runs must
+        // agree or "complete new file" would mean nothing.
+        QTemporaryDir reference;
+        QVERIFY(reference.isValid());
+        const QString copy = reference.filePath(name);
+        QVERIFY(test::writeFile(copy, oldBytes));
+        const qint64 firstTime = saveToEnd(copy);
+        QVERIFY2(firstTime >= 0, "the child could not save");
+        const QByteArray newBytes = test::readFile(copy);
+        QVERIFY(test::writeFile(copy, oldBytes));
+        const qint64 secondTime = saveToEnd(copy);
+        QVERIFY(secondTime >= 0);
+        // Syncing to disk varies most; the slower run covers more of the saves.
+        const qint64 saveTime = std::max(firstTime, secondTime);
+        QCOMPARE(test::readFile(copy), newBytes);
+        QVERIFY(newBytes != oldBytes);
+        QVERIFY(ImageFile::load(copy).has_value());
+
+        // Every other delay is spread over the whole save and a little past it,
+        // so that kills land in the encoding, the writing, the sync, the rename
+        // and after it; the others fall into the second half of the save, where
+        // the bytes reach the disk (encoding comes first).
+        const quint32 seed = QRandomGenerator::global()->generate();
+        QRandomGenerator random(seed);
+        const qint64 saveMicroseconds = std::max<qint64>(saveTime, 1) * 1000;
+        int keptOld = 0;
+        int gotNew = 0;
+        int leftovers = 0;
+        for (int kill = 0; kill < kills; ++kill) {
+            QVERIFY(test::writeFile(original, oldBytes));
+            QProcess child;
+            QVERIFY2(startSave(child, original), "the child did not start saving");
+            const qint64 delay = kill % 2 == 0 ? qint64(random.bounded(quint64(saveMicroseconds * 5 / 4)))
+                                               : saveMicroseconds / 2 + qint64(random.bounded(quint64(saveMicroseconds / 2)));
+            QThread::usleep(static_cast<unsigned long>(delay));
+            child.kill();
+            QVERIFY(child.waitForFinished(30000));
+
+            const QByteArray now = test::readFile(original);
+            const QString where = QStringLiteral("kill %1 after %2 µs (seed %3)").arg(kill).arg(delay).arg(seed);
+            QVERIFY2(now == oldBytes || now == newBytes,
+                     qPrintable(where + QStringLiteral(": the original is neither the old nor the new file (%1 bytes)")
+                                            .arg(now.size())));
+            (now == oldBytes ? keptOld : gotNew)++;
+
+            // The new file is written unnamed (O_TMPFILE), given a temporary name
+            // once complete and synced, then renamed over the original. A kill
+            // between those two steps leaves that name behind: always a complete
+            // copy of the new file, never a part of one.
+            for (const QString& entry : test::entries(dir.path())) {
+                if (entry == name)
+                    continue;
+                QVERIFY2(entry.startsWith(name + QLatin1Char('.')),
+                         qPrintable(where + QStringLiteral(": stray file ") + entry));
+                QVERIFY2(test::readFile(dir.filePath(entry)) == newBytes,
+                         qPrintable(where + QStringLiteral(": partial temporary file ") + entry));
+                ++leftovers;
+                QVERIFY(QFile::remove(dir.filePath(entry)));
+            }
+        }
+        qInfo("%s: save takes %lld ms; %d kills: %d kept the old file, %d found the new one, %d left a complete temporary",
+              qPrintable(suffix), saveTime, kills, keptOld, gotNew, leftovers);
+    }
 
 private:
     // Starts the child on path and waits until it starts encoding; the
     // process then runs on. False when it did not get that far.
-    bool startSave(QProcess& child, const QString& path);
+    bool startSave(QProcess& child, const QString& path)
+    {
+        child.setProcessChannelMode(QProcess::SeparateChannels);
+        child.start(QStringLiteral(ORVANE_SAVECHILD), {QStringLiteral("save"), path, QStringLiteral("25")});
+        if (!child.waitForStarted(10000))
+            return false;
+        while (!child.canReadLine()) {
+            if (!child.waitForReadyRead(30000))
+                return false;
+        }
+        return child.readLine().trimmed() == "encoding";
+    }
+
     // Runs one save to the end; the milliseconds from "encoding" to "saved",
     // or -1 when it failed.
-    qint64 saveToEnd(const QString& path);
-};
-
-void KilledSaveTest::initTestCase()
-{
-    QVERIFY(VIPS_INIT("reliability_killedsave") == 0);
-    ImageFile::initialise();
-    QVERIFY2(QFileInfo(QStringLiteral(ORVANE_SAVECHILD)).isExecutable(), ORVANE_SAVECHILD);
-}
-
-bool KilledSaveTest::startSave(QProcess& child, const QString& path)
-{
-    child.setProcessChannelMode(QProcess::SeparateChannels);
-    child.start(QStringLiteral(ORVANE_SAVECHILD), {QStringLiteral("save"), path, QStringLiteral("25")});
-    if (!child.waitForStarted(10000))
-        return false;
-    while (!child.canReadLine()) {
-        if (!child.waitForReadyRead(30000))
-            return false;
-    }
-    return child.readLine().trimmed() == "encoding";
-}
-
-qint64 KilledSaveTest::saveToEnd(const QString& path)
-{
-    QProcess child;
-    if (!startSave(child, path))
-        return -1;
-    QElapsedTimer timer;
-    timer.start();
-    if (!child.waitForFinished(60000) || child.exitCode() != 0)
-        return -1;
-    const qint64 elapsed = timer.elapsed();
-    return child.readAll().trimmed() == "saved" ? elapsed : -1;
-}
-
-void KilledSaveTest::killedSaveLeavesOldOrNewFile_data()
-{
-    QTest::addColumn<QString>("suffix");
-    QTest::addColumn<int>("width");
-    QTest::addColumn<int>("height");
-    QTest::addColumn<int>("kills");
-    // Uncompressed TIFF: little encoding, megabytes to write and sync.
-    QTest::newRow("tiff") << QStringLiteral(".tiff") << 1200 << 900 << 50;
-    // PNG at level 9: mostly encoding, then a shorter write.
-    QTest::newRow("png") << QStringLiteral(".png") << 500 << 400 << 50;
-}
-
-void KilledSaveTest::killedSaveLeavesOldOrNewFile()
-{
-    QFETCH(QString, suffix);
-    QFETCH(int, width);
-    QFETCH(int, height);
-    QFETCH(int, kills);
-
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const QString name = QStringLiteral("photo") + suffix;
-    const QString original = dir.filePath(name);
-    const QByteArray oldBytes = TestImages::encode(TestImages::framedNoise(width, height, 40), suffix.toLatin1().constData());
-    QVERIFY(TestImages::writeFile(original, oldBytes));
-
-    // The complete new file, made by the same child on a copy; two runs must
-    // agree or "complete new file" would mean nothing.
-    QTemporaryDir reference;
-    QVERIFY(reference.isValid());
-    const QString copy = reference.filePath(name);
-    QVERIFY(TestImages::writeFile(copy, oldBytes));
-    const qint64 firstTime = saveToEnd(copy);
-    QVERIFY2(firstTime >= 0, "the child could not save");
-    const QByteArray newBytes = TestImages::readFile(copy);
-    QVERIFY(TestImages::writeFile(copy, oldBytes));
-    const qint64 secondTime = saveToEnd(copy);
-    QVERIFY(secondTime >= 0);
-    // Syncing to disk varies most; the slower run covers more of the saves.
-    const qint64 saveTime = std::max(firstTime, secondTime);
-    QCOMPARE(TestImages::readFile(copy), newBytes);
-    QVERIFY(newBytes != oldBytes);
-    QVERIFY(ImageFile::load(copy).has_value());
-
-    // Every other delay is spread over the whole save and a little past it,
-    // so that kills land in the encoding, the writing, the sync, the rename
-    // and after it; the others fall into the second half of the save, where
-    // the bytes reach the disk (encoding comes first).
-    const quint32 seed = QRandomGenerator::global()->generate();
-    QRandomGenerator random(seed);
-    const qint64 saveMicroseconds = std::max<qint64>(saveTime, 1) * 1000;
-    int keptOld = 0;
-    int gotNew = 0;
-    int leftovers = 0;
-    for (int kill = 0; kill < kills; ++kill) {
-        QVERIFY(TestImages::writeFile(original, oldBytes));
+    qint64 saveToEnd(const QString& path)
+    {
         QProcess child;
-        QVERIFY2(startSave(child, original), "the child did not start saving");
-        const qint64 delay = kill % 2 == 0 ? qint64(random.bounded(quint64(saveMicroseconds * 5 / 4)))
-                                           : saveMicroseconds / 2 + qint64(random.bounded(quint64(saveMicroseconds / 2)));
-        QThread::usleep(static_cast<unsigned long>(delay));
-        child.kill();
-        QVERIFY(child.waitForFinished(30000));
-
-        const QByteArray now = TestImages::readFile(original);
-        const QString where = QStringLiteral("kill %1 after %2 µs (seed %3)").arg(kill).arg(delay).arg(seed);
-        QVERIFY2(now == oldBytes || now == newBytes,
-                 qPrintable(where + QStringLiteral(": the original is neither the old nor the new file (%1 bytes)")
-                                        .arg(now.size())));
-        (now == oldBytes ? keptOld : gotNew)++;
-
-        // The new file is written unnamed (O_TMPFILE), given a temporary name
-        // once complete and synced, then renamed over the original. A kill
-        // between those two steps leaves that name behind: always a complete
-        // copy of the new file, never a part of one.
-        for (const QString& entry : TestImages::entries(dir.path())) {
-            if (entry == name)
-                continue;
-            QVERIFY2(entry.startsWith(name + QLatin1Char('.')),
-                     qPrintable(where + QStringLiteral(": stray file ") + entry));
-            QVERIFY2(TestImages::readFile(dir.filePath(entry)) == newBytes,
-                     qPrintable(where + QStringLiteral(": partial temporary file ") + entry));
-            ++leftovers;
-            QVERIFY(QFile::remove(dir.filePath(entry)));
-        }
+        if (!startSave(child, path))
+            return -1;
+        QElapsedTimer timer;
+        timer.start();
+        if (!child.waitForFinished(60000) || child.exitCode() != 0)
+            return -1;
+        const qint64 elapsed = timer.elapsed();
+        return child.readAll().trimmed() == "saved" ? elapsed : -1;
     }
-    qInfo("%s: save takes %lld ms; %d kills: %d kept the old file, %d found the new one, %d left a complete temporary",
-          qPrintable(suffix), saveTime, kills, keptOld, gotNew, leftovers);
-}
+};
 
 QTEST_GUILESS_MAIN(KilledSaveTest)
 #include "killedsavetest.moc"

@@ -8,6 +8,7 @@
 #include <vips/vips8>
 
 #include "fuzz/loadcheck.h"
+#include "support/testfiles.h"
 #include "testimages.h"
 
 using namespace orvane;
@@ -16,74 +17,64 @@ class RegressionsTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void foundFilesPassEveryCheck_data();
-    void foundFilesPassEveryCheck();
-    void translucentRowsAfterOpaqueRowsArePremultiplied_data();
-    void translucentRowsAfterOpaqueRowsArePremultiplied();
+    void initTestCase()
+    {
+        QVERIFY(VIPS_INIT("reliability_regressions") == 0);
+        LoadCheck::prepare();
+        QVERIFY(m_dir.isValid());
+    }
+
+    void foundFilesPassEveryCheck_data()
+    {
+        QTest::addColumn<QString>("path");
+        const QDir folder(QStringLiteral(ORVANE_TEST_DATA_DIR "/regressions"));
+        const QStringList names = folder.entryList(QDir::Files, QDir::Name);
+        QVERIFY(!names.isEmpty());
+        for (const QString& name : names)
+            QTest::newRow(qPrintable(name)) << folder.filePath(name);
+    }
+
+    void foundFilesPassEveryCheck()
+    {
+        QFETCH(QString, path);
+        const QString fault = LoadCheck::check(path, m_dir.filePath(QStringLiteral("saved")));
+        QVERIFY2(fault.isEmpty(), qPrintable(fault));
+    }
+
+    void translucentRowsAfterOpaqueRowsArePremultiplied_data()
+    {
+        QTest::addColumn<QString>("suffix");
+        QTest::addColumn<int>("opaqueRows");
+        for (const char* suffix : {".png", ".tif", ".webp"}) {
+            for (const int rows : {1, 3, 17}) {
+                QTest::addRow("%s after %d rows", suffix, rows) << QString::fromLatin1(suffix) << rows;
+            }
+        }
+    }
+
+    void translucentRowsAfterOpaqueRowsArePremultiplied()
+    {
+        QFETCH(QString, suffix);
+        QFETCH(int, opaqueRows);
+        const vips::VImage rgb = TestImages::framedNoise(24, 20, 3);
+        // Alpha 255 above the row, then falling to 40 towards the bottom.
+        const vips::VImage y = vips::VImage::xyz(24, 20).extract_band(1);
+        const vips::VImage alpha = (y < opaqueRows).ifthenelse(255, 255 - (y - opaqueRows + 1) * 10).cast(VIPS_FORMAT_UCHAR);
+        const vips::VImage rgba = rgb.bandjoin(alpha);
+        const QByteArray bytes = TestImages::encode(rgba, suffix.toLatin1().constData(),
+            suffix == QLatin1String(".webp") ? vips::VImage::option()->set("lossless", true) : nullptr);
+        const QString path = m_dir.filePath(QStringLiteral("rows") + suffix);
+        QVERIFY(test::writeFile(path, bytes));
+        const QString fault = LoadCheck::check(path, m_dir.filePath(QStringLiteral("saved") + suffix));
+        QVERIFY2(fault.isEmpty(), qPrintable(fault));
+    }
 
 private:
     QTemporaryDir m_dir;
 };
 
-void RegressionsTest::initTestCase()
-{
-    QVERIFY(VIPS_INIT("reliability_regressions") == 0);
-    LoadCheck::prepare();
-    QVERIFY(m_dir.isValid());
-}
-
-void RegressionsTest::foundFilesPassEveryCheck_data()
-{
-    QTest::addColumn<QString>("path");
-    const QDir folder(QStringLiteral(ORVANE_TEST_DATA_DIR "/regressions"));
-    const QStringList names = folder.entryList(QDir::Files, QDir::Name);
-    QVERIFY(!names.isEmpty());
-    for (const QString& name : names)
-        QTest::newRow(qPrintable(name)) << folder.filePath(name);
-}
-
-void RegressionsTest::foundFilesPassEveryCheck()
-{
-    QFETCH(QString, path);
-    const QString fault = LoadCheck::check(path, m_dir.filePath(QStringLiteral("saved")));
-    QVERIFY2(fault.isEmpty(), qPrintable(fault));
-}
-
 // The first fault: an RGBA image whose first rows are opaque shares its
 // memory with the raster until a translucent row comes, and those rows were
 // left unpremultiplied. Here for every writer that keeps alpha.
-void RegressionsTest::translucentRowsAfterOpaqueRowsArePremultiplied_data()
-{
-    QTest::addColumn<QString>("suffix");
-    QTest::addColumn<int>("opaqueRows");
-    for (const char* suffix : {".png", ".tif", ".webp"}) {
-        for (const int rows : {1, 3, 17}) {
-            QTest::addRow("%s after %d rows", suffix, rows) << QString::fromLatin1(suffix) << rows;
-        }
-    }
-}
-
-void RegressionsTest::translucentRowsAfterOpaqueRowsArePremultiplied()
-{
-    QFETCH(QString, suffix);
-    QFETCH(int, opaqueRows);
-    const vips::VImage rgb = TestImages::framedNoise(24, 20, 3);
-    // Alpha 255 above the row, then falling to 40 towards the bottom.
-    const vips::VImage y = vips::VImage::xyz(24, 20).extract_band(1);
-    const vips::VImage alpha = (y < opaqueRows).ifthenelse(255, 255 - (y - opaqueRows + 1) * 10).cast(VIPS_FORMAT_UCHAR);
-    const vips::VImage rgba = rgb.bandjoin(alpha);
-    void* data = nullptr;
-    size_t size = 0;
-    rgba.write_to_buffer(suffix.toLatin1().constData(), &data, &size,
-                         suffix == QLatin1String(".webp") ? vips::VImage::option()->set("lossless", true) : nullptr);
-    const QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
-    g_free(data);
-    const QString path = m_dir.filePath(QStringLiteral("rows") + suffix);
-    QVERIFY(TestImages::writeFile(path, bytes));
-    const QString fault = LoadCheck::check(path, m_dir.filePath(QStringLiteral("saved") + suffix));
-    QVERIFY2(fault.isEmpty(), qPrintable(fault));
-}
-
 QTEST_GUILESS_MAIN(RegressionsTest)
 #include "regressionstest.moc"

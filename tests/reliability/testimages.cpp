@@ -1,8 +1,5 @@
 #include "testimages.h"
 
-#include <QDir>
-#include <QFile>
-
 namespace orvane::TestImages {
 
 vips::VImage framedNoise(int width, int height, int border)
@@ -17,32 +14,14 @@ vips::VImage framedNoise(int width, int height, int border)
                        vips::VImage::option()->set("extend", VIPS_EXTEND_BACKGROUND)->set("background", white));
 }
 
-QByteArray encode(const vips::VImage& image, const char* suffix)
+QByteArray encode(const vips::VImage& image, const char* suffix, vips::VOption* options)
 {
     void* data = nullptr;
     size_t size = 0;
-    image.write_to_buffer(suffix, &data, &size);
+    image.write_to_buffer(suffix, &data, &size, options);
     QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
     g_free(data);
     return bytes;
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size()
-        && file.flush();
-}
-
-QStringList entries(const QString& folder)
-{
-    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
 }
 
 } // namespace orvane::TestImages

@@ -1,4 +1,4 @@
-// Images and files the reliability tests make for themselves.
+// Images the reliability tests make for themselves.
 #pragma once
 
 #include <QByteArray>
@@ -13,15 +13,6 @@ namespace orvane::TestImages {
 vips::VImage framedNoise(int width, int height, int border);
 
 /// The image encoded by libvips for the file suffix (".png", ".tif" …).
-QByteArray encode(const vips::VImage& image, const char* suffix);
-
-/// The whole file; empty when it cannot be read.
-QByteArray readFile(const QString& path);
-
-/// Creates or truncates path and writes bytes; true when all were written.
-bool writeFile(const QString& path, const QByteArray& bytes);
-
-/// The names in folder, hidden ones included, sorted.
-QStringList entries(const QString& folder);
+QByteArray encode(const vips::VImage& image, const char* suffix, vips::VOption* options = nullptr);
 
 } // namespace orvane::TestImages
