@@ -16,6 +16,7 @@
 #include "ui/headerview.h"
 #include "ui/imagepreview.h"
 #include "ui/openprogressdialog.h"
+#include "ui/painting.h"
 #include "ui/queuedrawer.h"
 #include "ui/slidereveal.h"
 
@@ -27,14 +28,7 @@ namespace {
 constexpr int activeItemChange = 180;
 constexpr int drawerChange = 180;
 
-QFrame* rule(Qt::Orientation orientation, QWidget* parent)
-{
-    auto* line = new QFrame(parent);
-    line->setFrameShape(orientation == Qt::Horizontal ? QFrame::HLine : QFrame::VLine);
-    line->setFrameShadow(QFrame::Plain);
-    line->setForegroundRole(QPalette::Mid);
-    return line;
-}
+using Painting::rule;
 
 } // namespace
 

@@ -10,6 +10,7 @@
 #include <QVariantAnimation>
 
 #include "ui/imagepreview.h"
+#include "ui/painting.h"
 #include "ui/symbols.h"
 #include "ui/theme.h"
 
@@ -23,20 +24,8 @@ constexpr int stackPadding = 44;
 constexpr qreal cornerRadius = 16;
 constexpr qreal strokeWidth = 2;
 
-QColor mix(const QColor& from, const QColor& to, qreal t)
-{
-    const auto lerp = [t](float a, float b) { return a + (b - a) * float(t); };
-    QColor c;
-    c.setRgbF(lerp(from.redF(), to.redF()), lerp(from.greenF(), to.greenF()), lerp(from.blueF(), to.blueF()),
-              lerp(from.alphaF(), to.alphaF()));
-    return c;
-}
-
-QColor withAlpha(QColor colour, qreal alpha)
-{
-    colour.setAlphaF(float(colour.alphaF() * alpha));
-    return colour;
-}
+using Painting::mix;
+using Painting::withOpacity;
 
 } // namespace
 
@@ -132,9 +121,7 @@ QRectF DropZone::panelRect() const
 
 void DropZone::updateColours()
 {
-    QPalette calloutPalette = m_callout->palette();
-    calloutPalette.setColor(QPalette::WindowText, Theme::secondary(palette()));
-    m_callout->setPalette(calloutPalette);
+    Painting::setTextColour(m_callout, Theme::secondary(palette()));
     updateIcon();
 }
 
@@ -160,13 +147,13 @@ void DropZone::paintEvent(QPaintEvent*)
     QPainterPath shape;
     shape.addRoundedRect(panel, cornerRadius, cornerRadius);
     if (m_hover > 0)
-        painter.fillPath(shape, withAlpha(Theme::accent(p), 0.06 * m_hover));
+        painter.fillPath(shape, withOpacity(Theme::accent(p), 0.06 * m_hover));
 
     // Stroked inside the edge: the outline is inset by half the line width.
     const qreal inset = strokeWidth / 2;
     QPainterPath outline;
     outline.addRoundedRect(panel.adjusted(inset, inset, -inset, -inset), cornerRadius - inset, cornerRadius - inset);
-    QPen pen(mix(withAlpha(Theme::secondary(p), 0.35), Theme::accent(p), m_hover), strokeWidth);
+    QPen pen(mix(withOpacity(Theme::secondary(p), 0.35), Theme::accent(p), m_hover), strokeWidth);
     pen.setCapStyle(Qt::FlatCap);
     pen.setJoinStyle(Qt::MiterJoin);
     pen.setMiterLimit(10);

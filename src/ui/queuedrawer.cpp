@@ -12,6 +12,8 @@
 #include <QToolButton>
 
 #include "model/cropmodel.h"
+#include "ui/coalescedrefresh.h"
+#include "ui/painting.h"
 #include "ui/queuelistmodel.h"
 #include "ui/queuerowdelegate.h"
 #include "ui/scaledimagecache.h"
@@ -19,19 +21,6 @@
 #include "ui/theme.h"
 
 namespace orvane {
-
-namespace {
-
-QFrame* rule(QWidget* parent)
-{
-    auto* line = new QFrame(parent);
-    line->setFrameShape(QFrame::HLine);
-    line->setFrameShadow(QFrame::Plain);
-    line->setForegroundRole(QPalette::Mid);
-    return line;
-}
-
-} // namespace
 
 QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     : QWidget(parent)
@@ -82,7 +71,7 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     m_remove->setToolButtonStyle(Qt::ToolButtonIconOnly);
     m_remove->setAutoRaise(true);
     m_remove->setAccessibleName(tr("Remove"));
-    m_remove->setToolTip(tr("Remove the selected image (⌫)"));
+    m_remove->setToolTip(tr("Remove the selected image (Delete)"));
     connect(m_remove, &QToolButton::clicked, this, &QueueDrawer::removeActive);
 
     // The window's keys while the drawer is on screen, whichever widget has focus.
@@ -102,9 +91,9 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
     layout->addLayout(header);
-    layout->addWidget(rule(this));
+    layout->addWidget(Painting::rule(Qt::Horizontal, this));
     layout->addWidget(m_list, 1);
-    layout->addWidget(rule(this));
+    layout->addWidget(Painting::rule(Qt::Horizontal, this));
     layout->addLayout(footer);
 
     m_scroll.setDuration(250);
@@ -114,11 +103,10 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
 
     // The drawer shows only the items and which one is active: a moving
     // tolerance slider must not repaint the list on every step.
-    connect(m_model, &CropModel::willChange, this, [this](CropModel::Property property) {
+    m_refresh = new CoalescedRefresh(m_model, this, [this] { refresh(); }, [this](CropModel::Property property) {
         if (property == CropModel::Property::ActiveID)
             m_scrollPending = true;
-        if (property == CropModel::Property::Items || property == CropModel::Property::ActiveID)
-            scheduleRefresh();
+        return property == CropModel::Property::Items || property == CropModel::Property::ActiveID;
     });
     connect(m_thumbnails, &ScaledImageCache::imageReady, m_list->viewport(), qOverload<>(&QWidget::update));
 
@@ -135,24 +123,7 @@ void QueueDrawer::applyStyle()
     const QPalette& p = palette();
     m_title->setFont(Theme::font(Theme::TextStyle::Headline, font()));
     m_count->setFont(Theme::font(Theme::TextStyle::Caption, font()));
-    QPalette secondary = m_count->palette();
-    secondary.setColor(QPalette::WindowText, Theme::secondary(p));
-    m_count->setPalette(secondary);
-}
-
-void QueueDrawer::scheduleRefresh()
-{
-    if (m_refreshPending)
-        return;
-    m_refreshPending = true;
-    // willChange() comes before the assignment: read the model on the next turn.
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            m_refreshPending = false;
-            refresh();
-        },
-        Qt::QueuedConnection);
+    Painting::setTextColour(m_count, Theme::secondary(p));
 }
 
 void QueueDrawer::refresh()
@@ -201,7 +172,7 @@ void QueueDrawer::selectionChanged()
     const QModelIndexList selected = m_list->selectionModel()->selectedIndexes();
     if (selected.isEmpty()) {
         // An emptied selection calls nothing; the active row is marked again.
-        scheduleRefresh();
+        m_refresh->schedule();
         return;
     }
     const QUuid id = selected.first().data(QueueListModel::IdRole).value<QUuid>();

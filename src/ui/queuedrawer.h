@@ -11,6 +11,7 @@ class QToolButton;
 
 namespace orvane {
 
+class CoalescedRefresh;
 class CropModel;
 class QueueListModel;
 class ScaledImageCache;
@@ -56,13 +57,13 @@ protected:
     void changeEvent(QEvent* event) override;
 
 private:
-    void scheduleRefresh();
     void refresh();
     void applyStyle();
     void selectionChanged();
     void scrollToActive();
 
     CropModel* m_model;
+    CoalescedRefresh* m_refresh = nullptr;
     ScaledImageCache* m_thumbnails;
     QueueListModel* m_rows;
     QLabel* m_title;
@@ -74,7 +75,6 @@ private:
     QShortcut* m_delete;
     QVariantAnimation m_scroll;
     bool m_applyingSelection = false;
-    bool m_refreshPending = false;
     bool m_scrollPending = true; // the active item changed since the list last followed it
 };
 

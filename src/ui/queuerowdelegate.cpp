@@ -6,6 +6,7 @@
 #include <QPainterPath>
 
 #include "model/cropmodel.h"
+#include "ui/painting.h"
 #include "ui/previewgeometry.h"
 #include "ui/scaledimagecache.h"
 #include "ui/symbols.h"
@@ -24,12 +25,6 @@ constexpr int minimumSpace = 4;
 constexpr int markSide = 14;
 constexpr double thumbnailRadius = 5.0;
 constexpr double highlightRadius = 5.0;
-
-QColor withAlpha(QColor colour, double alpha)
-{
-    colour.setAlphaF(float(colour.alphaF() * alpha));
-    return colour;
-}
 
 } // namespace
 
@@ -74,7 +69,7 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
         QColor highlight = option.palette.color(group, QPalette::Highlight);
         // An unfocused list marks its row more quietly, like a sidebar.
         if (!(option.state & QStyle::State_HasFocus) && group == QPalette::Inactive)
-            highlight = withAlpha(highlight, 0.75);
+            highlight = Painting::withOpacity(highlight, 0.75);
         painter->setPen(Qt::NoPen);
         painter->setBrush(highlight);
         painter->drawRoundedRect(QRectF(row).adjusted(highlightInsetX, rowGap, -highlightInsetX, -rowGap),
@@ -86,7 +81,7 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
                        thumbnailSide);
     QPainterPath rounded;
     rounded.addRoundedRect(frame, thumbnailRadius, thumbnailRadius);
-    painter->fillPath(rounded, withAlpha(text, 0.15));
+    painter->fillPath(rounded, Painting::withOpacity(text, 0.15));
     const CropEngine::Buffer& buffer = item.buffer;
     const QRectF fitted = PreviewGeometry::fittedRect(buffer.width(), buffer.height(), frame.size())
                               .translated(frame.topLeft());
@@ -103,7 +98,7 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     // The saved mark at the trailing end, then the name in what is left.
     int right = row.right() - contentInsetX;
     if (item.saved) {
-        const QPixmap mark = Symbols::tinted(Symbol::CheckCircle, markSide, Theme::green(), dpr);
+        const QPixmap mark = Symbols::tinted(Symbol::CheckCircle, markSide, Theme::green(option.palette), dpr);
         painter->drawPixmap(QPointF(right - markSide + 1, row.top() + (row.height() - markSide) / 2.0), mark);
         right -= markSide + minimumSpace;
     } else {

@@ -11,6 +11,7 @@
 
 #include "model/cropmodel.h"
 #include "ui/controlsview.h"
+#include "ui/messagelabel.h"
 #include "ui/theme.h"
 #include "windowtestsupport.h"
 
@@ -87,7 +88,7 @@ private Q_SLOTS:
         CropModel model;
         ControlsView controls(&model);
         auto* row = part<QWidget>(controls, "statusRow");
-        auto* text = part<QLabel>(controls, "statusText");
+        auto* text = part<MessageLabel>(controls, "statusText");
         QVERIFY(row->isHidden());
 
         // A failed opening: orange.
@@ -95,19 +96,19 @@ private Q_SLOTS:
         QTRY_VERIFY(!row->isHidden());
         QVERIFY(model.errorMessage());
         QCOMPARE(text->text(), *model.errorMessage());
-        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::orange());
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::orange(controls.palette()));
 
         // A save with another image left: green, "next image ready".
         model.open({image(QStringLiteral("status-1.png")), image(QStringLiteral("status-2.png"))});
         const QString first = model.active()->url.fileName();
         model.saveOverOriginal();
         QTRY_COMPARE(text->text(), QStringLiteral("Saved %1 — next image ready.").arg(first));
-        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green(controls.palette()));
 
         // The last one: all saved.
         model.saveOverOriginal();
         QTRY_COMPARE(text->text(), QStringLiteral("All 2 images saved."));
-        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green(controls.palette()));
     }
 
     void enabledStatesAndSaveShortcut()

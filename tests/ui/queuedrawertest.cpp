@@ -348,7 +348,7 @@ void QueueDrawerTest::savedRowShowsCheckMark()
         const QRect row = list->visualRect(rowOf(fileName));
         const QImage shot = list->viewport()->grab(row).toImage();
         int count = 0;
-        const QColor green = Theme::green();
+        const QColor green = Theme::green(list->palette());
         for (int y = 0; y < shot.height(); ++y)
             for (int x = shot.width() - 40; x < shot.width(); ++x) {
                 const QColor c = shot.pixelColor(x, y);

@@ -206,5 +206,32 @@ int main(int argc, char* argv[])
         },
         {480, 360});
 
+    // The smallest window with the drawer: every label must still read.
+    ok &= shoot(
+        folder, QStringLiteral("smallest-queue"),
+        [](MainWindow& window, const QDir& dir) {
+            window.resize(1, 1);
+            QList<QUrl> urls;
+            for (int i = 1; i <= 5; ++i)
+                urls << test::writeImage(dir.filePath(QStringLiteral("page-%1.png").arg(i)), {900, 1200},
+                                         QRect(80, 100, 740, 1000), QColor::fromHsv(i * 61 % 360, 140, 210));
+            window.contentView()->openUrls(urls);
+            window.contentView()->model()->saveOverOriginal();
+        },
+        {480, 360});
+    // A save whose confirmation holds a long file name, in the narrow window.
+    ok &= shoot(
+        folder, QStringLiteral("saved-long-name"),
+        [](MainWindow& window, const QDir& dir) {
+            window.resize(1, 1);
+            const Images images = makeImages(dir);
+            const QUrl url = test::writeImage(
+                dir.filePath(QStringLiteral("museum-catalogue-cover-spread-final-approved-for-print.png")),
+                {1600, 900}, QRect(120, 60, 1360, 780), QColor(0x9B, 0x5D, 0xE5));
+            window.contentView()->openUrls({url, images.badge});
+            window.contentView()->model()->saveOverOriginal();
+        },
+        {480, 360});
+
     return ok ? 0 : 1;
 }
