@@ -6,6 +6,7 @@
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QStyle>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -81,6 +82,56 @@ private Q_SLOTS:
         const ControlsView::Status status = ControlsView::status(error, allSaved, confirmation, count);
         QCOMPARE(status.kind, kind);
         QCOMPARE(status.text, text);
+    }
+
+    // Text must be read on the bar in the light and the dark palette: 4.5:1
+    // for the status messages, the sizes and every secondary text.
+    void textColoursReadOnTheBar_data()
+    {
+        QTest::addColumn<QPalette>("palette");
+        QTest::addColumn<int>("which");
+        const QPalette light = QApplication::style()->standardPalette();
+        const QPalette dark = test::darkPalette();
+        const char* names[] = {"orange", "green", "accent text", "secondary"};
+        for (int which = 0; which < 4; ++which) {
+            QTest::addRow("light, %s", names[which]) << light << which;
+            QTest::addRow("dark, %s", names[which]) << dark << which;
+        }
+        // A theme whose own colours are close to the bar's.
+        QPalette pale = light;
+        pale.setColor(QPalette::Highlight, QColor(0x9C, 0xC8, 0xF0));
+        QTest::addRow("pale accent") << pale << 2;
+    }
+    void textColoursReadOnTheBar()
+    {
+        QFETCH(QPalette, palette);
+        QFETCH(int, which);
+        const QColor colours[] = {Theme::orange(palette), Theme::green(palette), Theme::accentText(palette),
+                                  Theme::secondary(palette)};
+        const double ratio = Theme::contrast(colours[which], Theme::bar(palette));
+        QVERIFY2(ratio >= 4.5, qPrintable(QStringLiteral("%1:1").arg(ratio, 0, 'f', 2)));
+        // The secondary grey also sits on the window colour (the drop zone).
+        if (which == 3)
+            QVERIFY(Theme::contrast(colours[which], palette.color(QPalette::Window)) >= 4.5);
+    }
+
+    void contrastMeasure_data()
+    {
+        QTest::addColumn<QColor>("foreground");
+        QTest::addColumn<QColor>("background");
+        QTest::addColumn<double>("ratio");
+        QTest::newRow("black on white") << QColor(Qt::black) << QColor(Qt::white) << 21.0;
+        QTest::newRow("white on black") << QColor(Qt::white) << QColor(Qt::black) << 21.0;
+        QTest::newRow("equal") << QColor(0x80, 0x80, 0x80) << QColor(0x80, 0x80, 0x80) << 1.0;
+        QTest::newRow("mid grey on white") << QColor(0x76, 0x76, 0x76) << QColor(Qt::white) << 4.54;
+        QTest::newRow("half-transparent black on white") << QColor(0, 0, 0, 128) << QColor(Qt::white) << 4.0;
+    }
+    void contrastMeasure()
+    {
+        QFETCH(QColor, foreground);
+        QFETCH(QColor, background);
+        QFETCH(double, ratio);
+        QVERIFY(qAbs(Theme::contrast(foreground, background) - ratio) < 0.02);
     }
 
     void statusRowFollowsTheModel()

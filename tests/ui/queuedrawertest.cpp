@@ -185,7 +185,7 @@ void QueueDrawerTest::removeByButtonAndKeys()
     m_model->open(writeImages(5));
     showDrawer();
     QTRY_VERIFY(m_drawer->removeButton()->isEnabled());
-    QCOMPARE(m_drawer->removeButton()->toolTip(), QStringLiteral("Remove the selected image (⌫)"));
+    QCOMPARE(m_drawer->removeButton()->toolTip(), QStringLiteral("Remove the selected image (Delete)"));
     QVERIFY(m_drawer->removeButton()->text().isEmpty() || m_drawer->removeButton()->toolButtonStyle() == Qt::ToolButtonIconOnly);
 
     // The button removes the active item; its neighbour becomes active.

@@ -44,30 +44,6 @@ Images makeImages(const QDir& dir)
     return images;
 }
 
-// A dark desktop palette, set while the window is open (as when the user
-// switches themes), to see that every colour follows it.
-QPalette darkPalette()
-{
-    QPalette p;
-    const QColor text(0xE6, 0xE6, 0xE6);
-    p.setColor(QPalette::Window, QColor(0x2B, 0x2B, 0x2B));
-    p.setColor(QPalette::WindowText, text);
-    p.setColor(QPalette::Base, QColor(0x1F, 0x1F, 0x1F));
-    p.setColor(QPalette::AlternateBase, QColor(0x26, 0x26, 0x26));
-    p.setColor(QPalette::Text, text);
-    p.setColor(QPalette::Button, QColor(0x3A, 0x3A, 0x3A));
-    p.setColor(QPalette::ButtonText, text);
-    p.setColor(QPalette::Highlight, QColor(0x3D, 0x8F, 0xD6));
-    p.setColor(QPalette::HighlightedText, Qt::white);
-    p.setColor(QPalette::Mid, QColor(0x50, 0x50, 0x50));
-    p.setColor(QPalette::Light, QColor(0x48, 0x48, 0x48));
-    p.setColor(QPalette::Dark, QColor(0x18, 0x18, 0x18));
-    p.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x80));
-    p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
-    p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
-    return p;
-}
-
 void settle()
 {
     QTest::qWait(settleMs);
@@ -181,10 +157,10 @@ int main(int argc, char* argv[])
 
     const QPalette light = QApplication::palette();
     ok &= shoot(folder, QStringLiteral("dark-empty"),
-                [](MainWindow&, const QDir&) { QApplication::setPalette(darkPalette()); });
+                [](MainWindow&, const QDir&) { QApplication::setPalette(test::darkPalette()); });
     QApplication::setPalette(light);
     ok &= shoot(folder, QStringLiteral("dark-three-images"), [](MainWindow& window, const QDir& dir) {
-        QApplication::setPalette(darkPalette());
+        QApplication::setPalette(test::darkPalette());
         const Images images = makeImages(dir);
         window.contentView()->openUrls({images.poster, images.badge, images.sticker});
         window.contentView()->model()->saveOverOriginal();
