@@ -1,5 +1,7 @@
 #include "ui/dropzone.h"
 
+#include <cmath>
+
 #include <QEvent>
 #include <QLabel>
 #include <QMouseEvent>
@@ -157,8 +159,14 @@ void DropZone::paintEvent(QPaintEvent*)
     pen.setCapStyle(Qt::FlatCap);
     pen.setJoinStyle(Qt::MiterJoin);
     pen.setMiterLimit(10);
-    // QPen measures dashes in line widths: 9 drawn, 7 left out.
-    pen.setDashPattern({9 / strokeWidth, 7 / strokeWidth});
+    // 9 drawn, 7 left out, stretched a little so that a whole number of
+    // dashes runs round the outline and the last gap meets the first dash
+    // instead of leaving a stub or a long gap where the path closes. QPen
+    // measures dashes in line widths.
+    const double period = 16.0;
+    const double length = outline.length();
+    const double stretch = length / (period * std::max(1.0, std::round(length / period)));
+    pen.setDashPattern({9 * stretch / strokeWidth, 7 * stretch / strokeWidth});
     pen.setDashOffset(0);
     painter.setPen(pen);
     painter.setBrush(Qt::NoBrush);

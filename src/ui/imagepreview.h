@@ -85,11 +85,11 @@ private:
     void startFrames();
     void frame();
 
-    const QImage& backgroundFor(const QRectF& fitted, QSize pixels, const QImage& scaled, double dpr);
-    void paintContent(QPainter& painter, const QRectF& fitted, std::int64_t imageWidth);
+    const QImage& backgroundFor(const QRectF& fitted, QSize pixels, const QImage& scaled, double dpr, bool enlarging);
+    void paintContent(QPainter& painter, const QRectF& fitted, QSize imageSize, QSize pixels);
     void paintHighlight(QPainter& painter);
     const QImage& shadowFor(QSize pixelSize, double dpr);
-    QImage layer(const QImage& scaled, QSize pixelSize, double dpr) const;
+    QImage layer(const QImage& scaled, QSize pixelSize, double dpr, bool enlarging) const;
 
     CropModel* m_model;
     CoalescedRefresh* m_refresh;

@@ -124,6 +124,18 @@ void QueueDrawer::applyStyle()
     m_title->setFont(Theme::font(Theme::TextStyle::Headline, font()));
     m_count->setFont(Theme::font(Theme::TextStyle::Caption, font()));
     Painting::setTextColour(m_count, Theme::secondary(p));
+
+    // A thin scroll bar in the panel's own colours: no arrows, no track of
+    // its own, a rounded handle in the text colour.
+    using Painting::styleSheetColour;
+    const QColor text = p.color(QPalette::WindowText);
+    m_list->verticalScrollBar()->setStyleSheet(
+        QStringLiteral("QScrollBar:vertical { background: transparent; width: 8px; margin: 2px 2px 2px 0; }"
+                       "QScrollBar::handle:vertical { background: %1; border-radius: 3px; min-height: 24px; }"
+                       "QScrollBar::handle:vertical:hover, QScrollBar::handle:vertical:pressed { background: %2; }"
+                       "QScrollBar::add-line:vertical, QScrollBar::sub-line:vertical { height: 0; border: none; }"
+                       "QScrollBar::add-page:vertical, QScrollBar::sub-page:vertical { background: none; }")
+            .arg(styleSheetColour(Painting::withOpacity(text, 0.28)), styleSheetColour(Painting::withOpacity(text, 0.45))));
 }
 
 void QueueDrawer::refresh()

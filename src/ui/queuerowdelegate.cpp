@@ -58,7 +58,6 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
 
     painter->save();
     painter->setRenderHint(QPainter::Antialiasing);
-    painter->setRenderHint(QPainter::SmoothPixmapTransform);
 
     const QRect row = option.rect;
     const bool selected = option.state & QStyle::State_Selected;
@@ -91,7 +90,16 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     if (!thumbnail.isNull()) {
         painter->save();
         painter->setClipPath(rounded);
-        painter->drawImage(fitted, thumbnail);
+        const QSize pixels = thumbnailPixels(buffer.width(), buffer.height(), dpr);
+        const bool enlarging =
+            ScaledImageCache::enlarges(QSize(int(buffer.width()), int(buffer.height())), pixels);
+        // On whole device pixels, so that the copy made for this size is drawn
+        // as it is; a stand-in of another size is stretched, smoothly only
+        // when reducing, so that a tiny image shows sharp pixels.
+        const QRectF target(QPointF(std::round(fitted.x() * dpr) / dpr, std::round(fitted.y() * dpr) / dpr),
+                            QSizeF(pixels) / dpr);
+        painter->setRenderHint(QPainter::SmoothPixmapTransform, thumbnail.size() != pixels && !enlarging);
+        painter->drawImage(target, thumbnail);
         painter->restore();
     }
 
