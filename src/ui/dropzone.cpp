@@ -11,7 +11,6 @@
 #include <QVBoxLayout>
 #include <QVariantAnimation>
 
-#include "ui/imagepreview.h"
 #include "ui/painting.h"
 #include "ui/symbols.h"
 #include "ui/theme.h"
@@ -140,11 +139,8 @@ void DropZone::paintEvent(QPaintEvent*)
     painter.setRenderHint(QPainter::Antialiasing);
     const QPalette& p = palette();
 
-    // The same faint diagonal stripes as behind an image, drawn from a tile:
-    // stroking every line on each frame of the hover animation stutters.
-    painter.fillRect(rect(), p.color(QPalette::Window));
-    ImagePreview::paintStripes(painter, size(), devicePixelRatioF());
-
+    // No background of its own: the preview area's stripes show through, the
+    // same behind the drop zone and the image, so that the two can cross-fade.
     const QRectF panel = panelRect();
     QPainterPath shape;
     shape.addRoundedRect(panel, cornerRadius, cornerRadius);

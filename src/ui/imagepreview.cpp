@@ -121,6 +121,25 @@ ImagePreview::~ImagePreview() = default;
 QSize ImagePreview::sizeHint() const { return QSize(480, 320); }
 QSize ImagePreview::minimumSizeHint() const { return QSize(0, 0); }
 
+QRectF ImagePreview::imageRect() const
+{
+    const CropModel::Item* item = m_model->active();
+    if (!item)
+        return QRectF();
+    const QRectF area = QRectF(rect()).adjusted(imageInset, imageInset + m_pendingTopInset, -imageInset, -imageInset);
+    return snapped(PreviewGeometry::fittedRect(item->buffer.width(), item->buffer.height(), area.size())
+                       .translated(area.topLeft()),
+                   devicePixelRatioF());
+}
+
+void ImagePreview::setPendingTopInset(int points)
+{
+    if (points == m_pendingTopInset)
+        return;
+    m_pendingTopInset = points;
+    update();
+}
+
 void ImagePreview::setTargeted(bool targeted)
 {
     if (targeted == m_targeted)
@@ -265,14 +284,10 @@ void ImagePreview::paintEvent(QPaintEvent*)
     QPainter painter(this);
     const double dpr = devicePixelRatioF();
     const CropModel::Item* item = m_model->active();
-    QRectF fitted;
+    const QRectF fitted = imageRect();
     QSize pixels;
     QImage scaled;
     if (item) {
-        const QRectF area = QRectF(rect()).adjusted(imageInset, imageInset, -imageInset, -imageInset);
-        fitted = snapped(PreviewGeometry::fittedRect(item->buffer.width(), item->buffer.height(), area.size())
-                             .translated(area.topLeft()),
-                         dpr);
         pixels = QSize(qRound(fitted.width() * dpr), qRound(fitted.height() * dpr));
         if (!pixels.isEmpty())
             scaled = m_images->image(item->id, item->buffer, pixels);

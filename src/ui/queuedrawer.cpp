@@ -36,7 +36,9 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     m_title->setObjectName(QStringLiteral("queueTitle"));
     m_count = new QLabel(this);
     m_count->setObjectName(QStringLiteral("queueCount"));
-    auto* header = new QHBoxLayout;
+    m_header = new QWidget(this);
+    m_header->setObjectName(QStringLiteral("queueHeader"));
+    auto* header = new QHBoxLayout(m_header);
     header->setContentsMargins(12, 10, 12, 10);
     header->addWidget(m_title);
     header->addStretch(1);
@@ -90,7 +92,7 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
-    layout->addLayout(header);
+    layout->addWidget(m_header);
     layout->addWidget(Painting::rule(Qt::Horizontal, this));
     layout->addWidget(m_list, 1);
     layout->addWidget(Painting::rule(Qt::Horizontal, this));
@@ -175,6 +177,16 @@ void QueueDrawer::refresh()
         scrollToActive();
     }
     m_list->viewport()->update();
+}
+
+void QueueDrawer::setHeaderHeight(int height)
+{
+    if (height < m_header->minimumSizeHint().height()) {
+        m_header->setMinimumHeight(0);
+        m_header->setMaximumHeight(QWIDGETSIZE_MAX);
+    } else {
+        m_header->setFixedHeight(height);
+    }
 }
 
 void QueueDrawer::selectionChanged()

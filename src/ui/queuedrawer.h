@@ -48,6 +48,11 @@ public:
     /// Removes the active item, if there is one.
     void removeActive();
 
+    /// Gives the header ("Queue" and the count) this height, so that the rule
+    /// under it lines up with the one under the window's header; a height
+    /// below what its text needs (or -1) gives it its natural height.
+    void setHeaderHeight(int height);
+
 Q_SIGNALS:
     /// The user asked to add images ("Add"): the window runs the model's open panel.
     void openRequested();
@@ -66,6 +71,7 @@ private:
     CoalescedRefresh* m_refresh = nullptr;
     ScaledImageCache* m_thumbnails;
     QueueListModel* m_rows;
+    QWidget* m_header;
     QLabel* m_title;
     QLabel* m_count;
     QListView* m_list;

@@ -16,6 +16,7 @@
 #include "ui/contentview.h"
 #include "ui/dropzone.h"
 #include "ui/elidingbutton.h"
+#include "ui/imagepreview.h"
 #include "ui/messagelabel.h"
 #include "windowtestsupport.h"
 
@@ -181,6 +182,34 @@ private Q_SLOTS:
         QVERIFY(text.endsWith(QStringLiteral(".png — next image ready.")));
         const QRect inWindow(message->mapTo(&view, QPoint(0, 0)), message->size());
         QVERIFY(view.rect().contains(inWindow));
+    }
+
+    // The first image cross-fades in while the header slides open above it;
+    // the image is placed where it will settle from the first frame on, so
+    // the header never pushes it down mid-reveal.
+    void imageStaysPutWhileTheHeaderSlidesIn()
+    {
+        ContentView view;
+        view.resize(720, 540);
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        view.openUrls({image(QStringLiteral("arrival.png"))});
+        const auto* preview = view.findChild<ImagePreview*>(QStringLiteral("preview"));
+        const auto* header = view.findChild<QWidget*>(QStringLiteral("headerPlace"));
+        QList<QRectF> places;
+        QList<int> headerHeights;
+        QTRY_VERIFY(preview->isVisible());
+        for (int frame = 0; frame < 40 && (headerHeights.isEmpty() || header->height() != headerHeights.last());
+             ++frame) {
+            places << preview->imageRect().translated(preview->mapTo(&view, QPoint(0, 0)));
+            headerHeights << (header->isVisible() ? header->height() : 0);
+            QTest::qWait(8);
+        }
+        QTest::qWait(300);
+        const QRectF settled = preview->imageRect().translated(preview->mapTo(&view, QPoint(0, 0)));
+        QVERIFY(headerHeights.first() < header->height()); // it did slide
+        for (const QRectF& place : places)
+            QCOMPARE(place, settled);
     }
 
     void removingItemsHidesDrawerThenHeader()

@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QDragEnterEvent>
 #include <QMimeData>
+#include <QPainter>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -208,6 +209,38 @@ int main(int argc, char* argv[])
             window.contentView()->model()->saveOverOriginal();
         },
         {480, 360});
+
+    // The first image arriving, as a strip of frames 30 ms apart: the drop
+    // zone and the image cross-fade over the same stripes while the header
+    // slides in.
+    {
+        QTemporaryDir temporary;
+        const QDir dir(temporary.path());
+        MainWindow window;
+        window.resize(720, 540);
+        window.show();
+        QTest::qWaitForWindowExposed(&window);
+        settle();
+        const Images images = makeImages(dir);
+        window.contentView()->openUrls({images.poster});
+        QList<QImage> frames;
+        for (int i = 0; i < 12; ++i) {
+            frames << window.grab().toImage();
+            QTest::qWait(30);
+        }
+        const QSize cell = frames.front().size() / 2;
+        QImage strip(QSize(cell.width() * 4, cell.height() * 3), QImage::Format_RGB32);
+        strip.fill(Qt::white);
+        QPainter painter(&strip);
+        painter.setRenderHint(QPainter::SmoothPixmapTransform);
+        for (int i = 0; i < int(frames.size()); ++i)
+            painter.drawImage(QRect(QPoint(i % 4 * cell.width(), i / 4 * cell.height()), cell), frames[i]);
+        painter.end();
+        const QString path = QDir(folder).filePath(QStringLiteral("arrival-frames.png"));
+        const bool saved = strip.save(path, "PNG");
+        qInfo("%s %s", saved ? "wrote" : "FAILED", qPrintable(path));
+        ok &= saved;
+    }
 
     return ok ? 0 : 1;
 }
