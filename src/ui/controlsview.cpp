@@ -219,6 +219,9 @@ void ControlsView::updateColours()
                  styleSheetColour(p.color(QPalette::Disabled, QPalette::ButtonText)),
                  styleSheetColour(Theme::quaternary(p))));
     m_saveOverOriginal->setFocusRingColour(text);
+    // The style marks a focused button too faintly on the bar.
+    m_open->setFocusRingColour(accent);
+    m_saveAsNew->setFocusRingColour(accent);
     fitButtons();
 }
 

@@ -11,6 +11,7 @@
 #include <QVBoxLayout>
 #include <QVariantAnimation>
 
+#include "ui/elidingbutton.h"
 #include "ui/painting.h"
 #include "ui/symbols.h"
 #include "ui/theme.h"
@@ -53,7 +54,7 @@ DropZone::DropZone(QWidget* parent)
     m_callout->setWordWrap(true);
     m_callout->setAlignment(Qt::AlignCenter);
 
-    m_choose = new QPushButton(tr("Choose Images…"), this);
+    m_choose = new ElidingButton(tr("Choose Images…"), this);
     m_choose->setObjectName(QStringLiteral("chooseImages"));
     m_choose->setCursor(Qt::ArrowCursor);
     // The large control size.
@@ -123,6 +124,7 @@ QRectF DropZone::panelRect() const
 void DropZone::updateColours()
 {
     Painting::setTextColour(m_callout, Theme::secondary(palette()));
+    m_choose->setFocusRingColour(Theme::accent(palette()));
     updateIcon();
 }
 

@@ -127,10 +127,23 @@ void QueueDrawer::applyStyle()
     m_count->setFont(Theme::font(Theme::TextStyle::Caption, font()));
     Painting::setTextColour(m_count, Theme::secondary(p));
 
-    // A thin scroll bar in the panel's own colours: no arrows, no track of
-    // its own, a rounded handle in the text colour.
     using Painting::styleSheetColour;
     const QColor text = p.color(QPalette::WindowText);
+
+    // Borderless buttons on the panel, with a hover fill and a focus ring
+    // that shows where the keyboard is (the style's own is too faint here).
+    const QString buttons =
+        QStringLiteral("QToolButton { border: 1px solid transparent; border-radius: 5px; padding: 3px 6px; }"
+                       "QToolButton:hover { background: %1; }"
+                       "QToolButton:pressed { background: %2; }"
+                       "QToolButton:focus { border: 2px solid %3; padding: 2px 5px; }")
+            .arg(styleSheetColour(Theme::quaternary(p)), styleSheetColour(Painting::withOpacity(text, 0.25)),
+                 styleSheetColour(Theme::accent(p)));
+    m_add->setStyleSheet(buttons);
+    m_remove->setStyleSheet(buttons);
+
+    // A thin scroll bar in the panel's own colours: no arrows, no track of
+    // its own, a rounded handle in the text colour.
     m_list->verticalScrollBar()->setStyleSheet(
         QStringLiteral("QScrollBar:vertical { background: transparent; width: 8px; margin: 2px 2px 2px 0; }"
                        "QScrollBar::handle:vertical { background: %1; border-radius: 3px; min-height: 24px; }"

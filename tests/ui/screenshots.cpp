@@ -1,7 +1,7 @@
 // Renders the real main window in named states and saves each as a PNG, so
 // that a person can look at the window without running it by hand.
 //
-//   orvane-screenshots [folder]      (default: ./screenshots)
+//   orvane-screenshots [folder [state…]]   (default: ./screenshots, every state)
 
 #include <functional>
 
@@ -45,6 +45,14 @@ Images makeImages(const QDir& dir)
     return images;
 }
 
+// The states asked for on the command line; empty: all of them.
+QStringList wanted;
+
+bool isWanted(const QString& name)
+{
+    return wanted.isEmpty() || wanted.contains(name);
+}
+
 void settle()
 {
     QTest::qWait(settleMs);
@@ -53,6 +61,8 @@ void settle()
 bool shoot(const QString& folder, const QString& name, const std::function<void(MainWindow&, const QDir&)>& prepare,
            QSize size = {720, 540})
 {
+    if (!isWanted(name))
+        return true;
     QTemporaryDir temporary;
     const QDir dir(temporary.path());
     MainWindow window;
@@ -77,6 +87,8 @@ int main(int argc, char* argv[])
     QApplication::setApplicationName(QStringLiteral("Orvane"));
 
     const QString folder = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("screenshots");
+    for (int i = 2; i < argc; ++i)
+        wanted << QString::fromLocal8Bit(argv[i]);
     if (!QDir().mkpath(folder)) {
         qCritical("cannot create %s", qPrintable(folder));
         return 1;
@@ -210,10 +222,22 @@ int main(int argc, char* argv[])
         },
         {480, 360});
 
+    // Keyboard focus on the slider, the buttons and the drawer's Add, each visible.
+    for (const char* name : {"tolerance", "saveOverOriginal", "open", "queueAdd"}) {
+        ok &= shoot(folder, QStringLiteral("focus-") + QLatin1String(name), [name](MainWindow& window, const QDir& dir) {
+            const Images images = makeImages(dir);
+            window.contentView()->openUrls({images.poster, images.badge});
+            window.activateWindow();
+            QTest::qWait(50); // the buttons are enabled on the next turn of the event loop
+            if (auto* widget = window.findChild<QWidget*>(QLatin1String(name)))
+                widget->setFocus(Qt::TabFocusReason);
+        });
+    }
+
     // The first image arriving, as a strip of frames 30 ms apart: the drop
     // zone and the image cross-fade over the same stripes while the header
     // slides in.
-    {
+    if (isWanted(QStringLiteral("arrival-frames"))) {
         QTemporaryDir temporary;
         const QDir dir(temporary.path());
         MainWindow window;
