@@ -1,5 +1,6 @@
 #include "ui/elidingbutton.h"
 
+#include <QFocusEvent>
 #include <QPainter>
 #include <QStyleOptionButton>
 #include <QStylePainter>
@@ -97,12 +98,22 @@ void ElidingButton::paintEvent(QPaintEvent*)
     option.text = displayedText();
     painter.drawControl(QStyle::CE_PushButton, option);
 
-    if (m_focusRing.isValid() && hasFocus()) {
+    if (m_focusRing.isValid() && hasFocus() && m_keyboardFocus) {
         painter.setRenderHint(QPainter::Antialiasing);
         painter.setPen(QPen(m_focusRing, 1.5));
         painter.setBrush(Qt::NoBrush);
         painter.drawRoundedRect(QRectF(rect()).adjusted(2.75, 2.75, -2.75, -2.75), 3, 3);
     }
+}
+
+void ElidingButton::focusInEvent(QFocusEvent* event)
+{
+    // The window getting active again gives back the focus it had, and the
+    // way it came then still counts.
+    if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
+        m_keyboardFocus = event->reason() == Qt::TabFocusReason || event->reason() == Qt::BacktabFocusReason
+                          || event->reason() == Qt::ShortcutFocusReason;
+    QPushButton::focusInEvent(event);
 }
 
 void ElidingButton::resizeEvent(QResizeEvent* event)

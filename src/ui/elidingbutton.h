@@ -30,7 +30,9 @@ public:
     int labelWidth() const;
 
     /// Draws a ring of this colour inside the edge while the button has the
-    /// keyboard focus; an invalid colour (the default) leaves it to the style.
+    /// focus and got it from the keyboard (Tab, a shortcut), not from a click
+    /// or the window opening; an invalid colour (the default) leaves it to the
+    /// style.
     void setFocusRingColour(const QColor& colour);
 
     /// The least room on either side of the label, in pixels, beyond what the
@@ -45,12 +47,14 @@ public:
 protected:
     void paintEvent(QPaintEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
+    void focusInEvent(QFocusEvent* event) override;
 
 private:
     int frameWidth() const;
     void updateToolTip();
 
     QColor m_focusRing;
+    bool m_keyboardFocus = false;
     int m_textPadding = 10;
 };
 
