@@ -138,8 +138,8 @@ void HeaderView::updateColours()
     const int arrowExtent = QFontMetrics(Theme::font(Theme::TextStyle::Caption2, font())).height();
     m_arrow->setPixmap(Symbols::tinted(Symbol::ArrowRight, qMax(10, arrowExtent), Theme::tertiary(p), devicePixelRatioF()));
     m_badge->setStyleSheet(QStringLiteral("QLabel { color: %1; background-color: %2; border-radius: %3px; padding: 2px 7px; }")
-                               .arg(Painting::styleSheetColour(Theme::secondary(p)),
-                                    Painting::styleSheetColour(Theme::quaternary(p)))
+                               .arg(Painting::styleSheetColour(Theme::badgeText(p)),
+                                    Painting::styleSheetColour(Theme::badge(p)))
                                .arg((m_badge->fontMetrics().height() + 4) / 2));
 }
 

@@ -12,6 +12,14 @@ QColor withOpacity(QColor colour, double opacity)
     return colour;
 }
 
+QColor over(const QColor& foreground, const QColor& background)
+{
+    const double a = foreground.alphaF();
+    const auto blend = [a](double f, double b) { return float(f * a + b * (1.0 - a)); };
+    return QColor::fromRgbF(blend(foreground.redF(), background.redF()), blend(foreground.greenF(), background.greenF()),
+                            blend(foreground.blueF(), background.blueF()));
+}
+
 QColor mix(const QColor& from, const QColor& to, double t)
 {
     const auto lerp = [t](float a, float b) { return a + (b - a) * float(t); };

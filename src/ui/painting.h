@@ -13,6 +13,9 @@ namespace orvane::Painting {
 /// colour with its opacity multiplied by opacity (0 to 1).
 QColor withOpacity(QColor colour, double opacity);
 
+/// foreground as it shows over an opaque background: the opaque blend.
+QColor over(const QColor& foreground, const QColor& background);
+
 /// The colour between from (t = 0) and to (t = 1), opacity included.
 QColor mix(const QColor& from, const QColor& to, double t);
 

@@ -65,10 +65,9 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     const QColor text = option.palette.color(group, selected ? QPalette::HighlightedText : QPalette::Text);
 
     if (selected) {
-        QColor highlight = option.palette.color(group, QPalette::Highlight);
         // An unfocused list marks its row more quietly, like a sidebar.
-        if (!(option.state & QStyle::State_HasFocus) && group == QPalette::Inactive)
-            highlight = Painting::withOpacity(highlight, 0.75);
+        const bool quiet = !(option.state & QStyle::State_HasFocus) && group == QPalette::Inactive;
+        const QColor highlight = Theme::selection(option.palette, group, quiet);
         painter->setPen(Qt::NoPen);
         painter->setBrush(highlight);
         painter->drawRoundedRect(QRectF(row).adjusted(highlightInsetX, rowGap, -highlightInsetX, -rowGap),

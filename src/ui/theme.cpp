@@ -18,14 +18,6 @@ double luminance(const QColor& colour)
     return 0.2126 * linear(colour.redF()) + 0.7152 * linear(colour.greenF()) + 0.0722 * linear(colour.blueF());
 }
 
-QColor over(const QColor& foreground, const QColor& background)
-{
-    const double a = foreground.alphaF();
-    const auto blend = [a](double f, double b) { return float(f * a + b * (1.0 - a)); };
-    return QColor::fromRgbF(blend(foreground.redF(), background.redF()), blend(foreground.greenF(), background.greenF()),
-                            blend(foreground.blueF(), background.blueF()));
-}
-
 } // namespace
 
 QColor accent(const QPalette& palette) { return palette.color(QPalette::Highlight); }
@@ -41,19 +33,29 @@ QColor bar(const QPalette& palette)
     return window.lightness() > 128 ? window.darker(104) : window.lighter(118);
 }
 
+QColor badge(const QPalette& palette) { return Painting::over(quaternary(palette), bar(palette)); }
+QColor badgeText(const QPalette& palette) { return readable(secondary(palette), badge(palette)); }
+
+QColor selection(const QPalette& palette, QPalette::ColorGroup group, bool quiet)
+{
+    const QColor highlight = palette.color(group, QPalette::Highlight);
+    const QColor shown = Painting::over(Painting::withOpacity(highlight, quiet ? 0.75 : 1.0), bar(palette));
+    return readable(shown, palette.color(group, QPalette::HighlightedText));
+}
+
 QColor orange(const QPalette& palette) { return readable(QColor(0xF0, 0x8A, 0x00), bar(palette)); }
 QColor green(const QPalette& palette) { return readable(QColor(0x2E, 0xA0, 0x43), bar(palette)); }
 
 double contrast(const QColor& foreground, const QColor& background)
 {
-    const double a = luminance(over(foreground, background)) + 0.05;
+    const double a = luminance(Painting::over(foreground, background)) + 0.05;
     const double b = luminance(background) + 0.05;
     return a > b ? a / b : b / a;
 }
 
 QColor readable(const QColor& colour, const QColor& background, double minimumContrast)
 {
-    QColor shown = over(colour, background);
+    QColor shown = Painting::over(colour, background);
     if (contrast(shown, background) >= minimumContrast)
         return colour;
     // Lightness in small steps, hue and saturation kept: the orange of a

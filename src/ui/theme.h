@@ -21,6 +21,14 @@ QColor tertiary(const QPalette& palette);
 QColor quaternary(const QPalette& palette);
 /// The bar colour behind the header and the controls, a shade apart from the content.
 QColor bar(const QPalette& palette);
+/// The position badge's capsule on the bar (the quaternary grey over the
+/// bar, opaque) and its text, readable on it.
+QColor badge(const QPalette& palette);
+QColor badgeText(const QPalette& palette);
+/// The marked row of a list on the bar: the palette's Highlight (at 75 %
+/// when quiet), opaque, darkened or lightened just enough for its
+/// HighlightedText to be read on it.
+QColor selection(const QPalette& palette, QPalette::ColorGroup group = QPalette::Active, bool quiet = false);
 /// The warning and success colours of the status row, readable on the bar.
 QColor orange(const QPalette& palette);
 QColor green(const QPalette& palette);

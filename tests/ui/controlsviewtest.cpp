@@ -85,15 +85,17 @@ private Q_SLOTS:
     }
 
     // Text must be read on the bar in the light and the dark palette: 4.5:1
-    // for the status messages, the sizes and every secondary text.
+    // for the status messages, the sizes, the position badge and every
+    // secondary text.
     void textColoursReadOnTheBar_data()
     {
         QTest::addColumn<QPalette>("palette");
         QTest::addColumn<int>("which");
         const QPalette light = QApplication::style()->standardPalette();
         const QPalette dark = test::darkPalette();
-        const char* names[] = {"orange", "green", "accent text", "secondary"};
-        for (int which = 0; which < 4; ++which) {
+        const char* names[] = {"orange", "green", "accent text", "secondary", "badge", "selected row",
+                               "quiet selected row"};
+        for (int which = 0; which < 7; ++which) {
             QTest::addRow("light, %s", names[which]) << light << which;
             QTest::addRow("dark, %s", names[which]) << dark << which;
         }
@@ -106,9 +108,17 @@ private Q_SLOTS:
     {
         QFETCH(QPalette, palette);
         QFETCH(int, which);
+        const QColor highlightedText = palette.color(QPalette::HighlightedText);
         const QColor colours[] = {Theme::orange(palette), Theme::green(palette), Theme::accentText(palette),
-                                  Theme::secondary(palette)};
-        const double ratio = Theme::contrast(colours[which], Theme::bar(palette));
+                                  Theme::secondary(palette), Theme::badgeText(palette), highlightedText,
+                                  highlightedText};
+        // The badge's text sits on its grey capsule, a marked row's on the
+        // marking, the rest on the bar.
+        const QColor background = which == 4   ? Theme::badge(palette)
+                                  : which == 5 ? Theme::selection(palette)
+                                  : which == 6 ? Theme::selection(palette, QPalette::Inactive, true)
+                                               : Theme::bar(palette);
+        const double ratio = Theme::contrast(colours[which], background);
         QVERIFY2(ratio >= 4.5, qPrintable(QStringLiteral("%1:1").arg(ratio, 0, 'f', 2)));
         // The secondary grey also sits on the window colour (the drop zone).
         if (which == 3)
