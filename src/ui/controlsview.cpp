@@ -6,6 +6,7 @@
 
 #include <QBoxLayout>
 #include <QEvent>
+#include <QFocusEvent>
 #include <QLabel>
 #include <QPainter>
 #include <QSignalBlocker>
@@ -29,16 +30,25 @@ namespace {
 constexpr int compactWidth = 400;
 
 // The style marks a focused slider too faintly to find it: a ring in the
-// accent colour around the knob shows where the keys will act.
+// accent colour around the knob shows where the keys will act, once the
+// focus came from the keyboard (as the buttons' rings do).
 class ToleranceSlider : public QSlider {
 public:
     using QSlider::QSlider;
 
 protected:
+    void focusInEvent(QFocusEvent* event) override
+    {
+        if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
+            m_keyboardFocus = event->reason() == Qt::TabFocusReason || event->reason() == Qt::BacktabFocusReason
+                              || event->reason() == Qt::ShortcutFocusReason;
+        QSlider::focusInEvent(event);
+    }
+
     void paintEvent(QPaintEvent* event) override
     {
         QSlider::paintEvent(event);
-        if (!hasFocus())
+        if (!hasFocus() || !m_keyboardFocus)
             return;
         QStyleOptionSlider option;
         initStyleOption(&option);
@@ -52,6 +62,9 @@ protected:
         ring.moveCenter(QRectF(handle).center());
         painter.drawEllipse(ring);
     }
+
+private:
+    bool m_keyboardFocus = false;
 };
 
 // The part of an error message that may be shortened: the first name in

@@ -67,8 +67,9 @@ QString MessageLabel::fitted(const QString& text, const QString& shortenable, co
     const QFontMetrics metrics(font);
     const qsizetype at = shortenable.isEmpty() ? -1 : text.indexOf(shortenable);
     const auto withName = [&](int nameWidth) {
-        return text.left(at) + metrics.elidedText(shortenable, Qt::ElideMiddle, nameWidth)
-               + text.mid(at + shortenable.size());
+        // Qt gives nothing when even "…" is too wide; the name keeps that much.
+        const QString name = metrics.elidedText(shortenable, Qt::ElideMiddle, nameWidth);
+        return text.left(at) + (name.isEmpty() ? QStringLiteral("…") : name) + text.mid(at + shortenable.size());
     };
     if (at >= 0 && lineCount(withName(0), font, width) <= lines) {
         // The widest name that still fits: the line count only grows with it.

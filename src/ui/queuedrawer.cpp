@@ -2,6 +2,7 @@
 
 #include <QBoxLayout>
 #include <QEvent>
+#include <QResizeEvent>
 #include <QFrame>
 #include <QLabel>
 #include <QListView>
@@ -110,6 +111,7 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
             m_scrollPending = true;
         return property == CropModel::Property::Items || property == CropModel::Property::ActiveID;
     });
+    m_list->viewport()->installEventFilter(this);
     connect(m_thumbnails, &ScaledImageCache::imageReady, m_list->viewport(), qOverload<>(&QWidget::update));
 
     applyStyle();
@@ -190,6 +192,23 @@ void QueueDrawer::refresh()
         scrollToActive();
     }
     m_list->viewport()->update();
+}
+
+bool QueueDrawer::eventFilter(QObject* watched, QEvent* event)
+{
+    // A shorter list (a taller header, a smaller window) keeps the active row
+    // in view if it was in view before.
+    if (watched == m_list->viewport() && event->type() == QEvent::Resize) {
+        const auto* resize = static_cast<QResizeEvent*>(event);
+        const std::optional<QUuid> id = m_model->activeID();
+        const QModelIndex active = id ? m_rows->indexOf(*id) : QModelIndex();
+        if (active.isValid() && resize->size().height() < resize->oldSize().height()) {
+            const QRect row = m_list->visualRect(active);
+            if (row.top() >= 0 && row.bottom() < resize->oldSize().height() && row.bottom() >= resize->size().height())
+                QMetaObject::invokeMethod(this, &QueueDrawer::scrollToActive, Qt::QueuedConnection);
+        }
+    }
+    return QWidget::eventFilter(watched, event);
 }
 
 void QueueDrawer::setHeaderHeight(int height)

@@ -144,6 +144,47 @@ private Q_SLOTS:
         QVERIFY(qAbs(Theme::contrast(foreground, background) - ratio) < 0.02);
     }
 
+    // A message takes at most two lines: a long file name loses letters in
+    // its middle (its start and extension stay), and the rest of the message
+    // stays whole.
+    void longMessagesShortenTheName_data()
+    {
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<int>("width");
+        const QString name = QStringLiteral("museum-catalogue-cover-spread-final-approved-for-print.png");
+        QTest::newRow("fits as it is") << QStringLiteral("Saved a.png") << QStringLiteral("a.png") << 200;
+        QTest::newRow("confirmation, narrow")
+            << QStringLiteral("Saved %1 — next image ready.").arg(name) << name << 160;
+        QTest::newRow("confirmation, very narrow")
+            << QStringLiteral("Saved %1 — next image ready.").arg(name) << name << 125;
+        QTest::newRow("write error") << QStringLiteral("Couldn’t write to “%1”.").arg(name) << name << 150;
+        QTest::newRow("no name to shorten")
+            << QStringLiteral("Nothing to save. Nothing to save. Nothing to save. Nothing to save.") << QString() << 120;
+    }
+    void longMessagesShortenTheName()
+    {
+        QFETCH(QString, message);
+        QFETCH(QString, name);
+        QFETCH(int, width);
+        const QFont font = QApplication::font();
+        const QString shown = MessageLabel::fitted(message, name, font, width, 2);
+        QVERIFY2(MessageLabel::lineCount(shown, font, width) <= 2, qPrintable(shown));
+        if (MessageLabel::lineCount(message, font, width) <= 2) {
+            QCOMPARE(shown, message);
+            return;
+        }
+        QVERIFY2(shown.contains(QStringLiteral("…")), qPrintable(shown));
+        if (name.isEmpty())
+            return;
+        // Only the name changed: what comes before and after it is intact.
+        const qsizetype at = message.indexOf(name);
+        QVERIFY(shown.startsWith(message.left(at)));
+        QVERIFY(shown.endsWith(message.mid(at + name.size())));
+        if (width >= 150) // room for both ends of the name
+            QVERIFY2(shown.contains(QStringLiteral("museum")) && shown.contains(QStringLiteral(".png")), qPrintable(shown));
+    }
+
     void statusRowFollowsTheModel()
     {
         CropModel model;
