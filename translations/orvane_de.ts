@@ -203,8 +203,8 @@
         <translation>Entfernen</translation>
     </message>
     <message>
-        <source>Remove the selected image (⌫)</source>
-        <translation>Ausgewähltes Bild entfernen (⌫)</translation>
+        <source>Remove the selected image (Delete)</source>
+        <translation>Ausgewähltes Bild entfernen (Entf)</translation>
     </message>
     <message>
         <source>%1/%2</source>

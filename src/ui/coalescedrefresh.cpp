@@ -1,14 +1,15 @@
 #include "ui/coalescedrefresh.h"
 
-#include "model/cropmodel.h"
-
 namespace orvane {
 
-CoalescedRefresh::CoalescedRefresh(CropModel* model, QObject* parent, std::function<void()> refresh)
+CoalescedRefresh::CoalescedRefresh(CropModel* model, QObject* parent, std::function<void()> refresh, Filter filter)
     : QObject(parent)
     , m_refresh(std::move(refresh))
 {
-    connect(model, &CropModel::willChange, this, &CoalescedRefresh::schedule);
+    connect(model, &CropModel::willChange, this, [this, filter = std::move(filter)](CropModel::Property property) {
+        if (!filter || filter(property))
+            schedule();
+    });
 }
 
 void CoalescedRefresh::schedule()

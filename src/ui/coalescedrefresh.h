@@ -6,9 +6,9 @@
 
 #include <QObject>
 
-namespace orvane {
+#include "model/cropmodel.h"
 
-class CropModel;
+namespace orvane {
 
 /// Connects model's willChange() to refresh, coalesced: any number of
 /// announcements before the event loop turns give one call of refresh, made
@@ -18,7 +18,10 @@ class CoalescedRefresh : public QObject {
     Q_OBJECT
 
 public:
-    CoalescedRefresh(CropModel* model, QObject* parent, std::function<void()> refresh);
+    /// Which announcements ask for a refresh; an empty filter takes them all.
+    using Filter = std::function<bool(CropModel::Property)>;
+
+    CoalescedRefresh(CropModel* model, QObject* parent, std::function<void()> refresh, Filter filter = {});
 
     /// Asks for a refresh on the next turn of the event loop.
     void schedule();

@@ -1,11 +1,14 @@
 #include "ui/contentview.h"
 
+#include <functional>
+
 #include <QBoxLayout>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QFrame>
 #include <QGraphicsOpacityEffect>
 #include <QMimeData>
+#include <QPainter>
 #include <QPropertyAnimation>
 #include <QStackedLayout>
 
@@ -16,6 +19,7 @@
 #include "ui/headerview.h"
 #include "ui/imagepreview.h"
 #include "ui/openprogressdialog.h"
+#include "ui/painting.h"
 #include "ui/queuedrawer.h"
 #include "ui/slidereveal.h"
 
@@ -27,14 +31,23 @@ namespace {
 constexpr int activeItemChange = 180;
 constexpr int drawerChange = 180;
 
-QFrame* rule(Qt::Orientation orientation, QWidget* parent)
-{
-    auto* line = new QFrame(parent);
-    line->setFrameShape(orientation == Qt::Horizontal ? QFrame::HLine : QFrame::VLine);
-    line->setFrameShadow(QFrame::Plain);
-    line->setForegroundRole(QPalette::Mid);
-    return line;
-}
+using Painting::rule;
+
+// The preview area: the faint diagonal stripes behind both of its pages (the
+// drop zone and the image), painted once here so that they stay put while
+// the pages cross-fade over them.
+class StripedArea : public QWidget {
+public:
+    using QWidget::QWidget;
+
+protected:
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        painter.fillRect(rect(), palette().color(QPalette::Window));
+        ImagePreview::paintStripes(painter, size(), devicePixelRatioF());
+    }
+};
 
 } // namespace
 
@@ -70,15 +83,19 @@ ContentView::ContentView(QWidget* parent)
     headerLayout->addWidget(rule(Qt::Horizontal, m_headerPlace));
 
     // The preview area: the drop zone while no image is active, else the image.
-    auto* previewArea = new QWidget(this);
+    auto* previewArea = new StripedArea(this);
     previewArea->setObjectName(QStringLiteral("previewArea"));
     previewArea->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
     m_previewPages = new QStackedLayout(previewArea);
+    // Both pages stay laid out over each other, so that the one leaving can
+    // fade out while the other fades in; which are visible is decided here.
+    m_previewPages->setStackingMode(QStackedLayout::StackAll);
     m_dropZone = new DropZone(previewArea);
     m_preview = new ImagePreview(m_model.get(), previewArea);
     m_preview->setObjectName(QStringLiteral("preview"));
     m_previewPages->addWidget(m_dropZone);
     m_previewPages->addWidget(m_preview);
+    m_preview->hide();
 
     m_controls = new ControlsView(m_model.get(), this);
     m_controls->setObjectName(QStringLiteral("controls"));
@@ -104,6 +121,8 @@ ContentView::ContentView(QWidget* parent)
     m_headerPlace->hide();
     m_drawerReveal = new SlideReveal(m_drawerPlace, Qt::Horizontal, drawerChange);
     m_headerReveal = new SlideReveal(m_headerPlace, Qt::Vertical, activeItemChange);
+    // The header's size drives the image's place and the drawer's header.
+    m_headerPlace->installEventFilter(this);
 
     new CoalescedRefresh(m_model.get(), this, [this] { refresh(true); });
     refresh(false);
@@ -125,28 +144,61 @@ void ContentView::refresh(bool animated)
     }
 
     QWidget* page = hasActive ? static_cast<QWidget*>(m_preview) : m_dropZone;
-    if (m_previewPages->currentWidget() != page) {
-        m_previewPages->setCurrentWidget(page);
-        if (animated)
-            fadeIn(page);
+    if (m_previewPages->currentWidget() != page)
+        showPage(page, animated && isVisible());
+}
+
+void ContentView::showPage(QWidget* page, bool animated)
+{
+    QWidget* leaving = m_previewPages->currentWidget();
+    m_previewPages->setCurrentWidget(page); // raises it: it takes the clicks
+    page->show();
+    if (!animated) {
+        for (QWidget* other : {static_cast<QWidget*>(m_dropZone), static_cast<QWidget*>(m_preview)}) {
+            other->setGraphicsEffect(nullptr);
+            other->setVisible(other == page);
+        }
+        return;
+    }
+    // A cross-fade over the area's stripes: the leaving page fades out as the
+    // new one fades in, so nothing flashes and the stripes never go.
+    const auto fade = [](QWidget* widget, double from, double to, std::function<void()> done) {
+        auto* effect = new QGraphicsOpacityEffect(widget);
+        effect->setOpacity(from);
+        widget->setGraphicsEffect(effect);
+        auto* animation = new QPropertyAnimation(effect, "opacity", effect);
+        animation->setDuration(activeItemChange);
+        animation->setEasingCurve(QEasingCurve::InOutQuad);
+        animation->setStartValue(from);
+        animation->setEndValue(to);
+        // The effect renders the page off screen: drop it once the fade is done.
+        connect(animation, &QPropertyAnimation::finished, widget, std::move(done));
+        animation->start();
+    };
+    fade(page, 0.0, 1.0, [page] { page->setGraphicsEffect(nullptr); });
+    if (leaving && leaving != page) {
+        fade(leaving, 1.0, 0.0, [this, leaving] {
+            leaving->setGraphicsEffect(nullptr);
+            // Unless it has come back meanwhile.
+            if (m_previewPages->currentWidget() != leaving)
+                leaving->hide();
+        });
     }
 }
 
-void ContentView::fadeIn(QWidget* page)
+bool ContentView::eventFilter(QObject* watched, QEvent* event)
 {
-    if (!isVisible())
-        return;
-    auto* effect = new QGraphicsOpacityEffect(page);
-    effect->setOpacity(0.0);
-    page->setGraphicsEffect(effect);
-    auto* fade = new QPropertyAnimation(effect, "opacity", effect);
-    fade->setDuration(activeItemChange);
-    fade->setEasingCurve(QEasingCurve::InOutQuad);
-    fade->setStartValue(0.0);
-    fade->setEndValue(1.0);
-    // The effect renders the page off screen: drop it once the fade is done.
-    connect(fade, &QPropertyAnimation::finished, page, [page] { page->setGraphicsEffect(nullptr); });
-    fade->start();
+    if (watched == m_headerPlace
+        && (event->type() == QEvent::Resize || event->type() == QEvent::Show || event->type() == QEvent::Hide)) {
+        // While the header slides open (or grows to its taller arrangement)
+        // the image is fitted into the area it will have once the header is
+        // there, so that it does not move; the drawer's header keeps its rule
+        // in line with the header's.
+        const int current = m_headerPlace->isVisible() ? m_headerReveal->currentExtent() : 0;
+        m_preview->setPendingTopInset(std::max(0, m_headerReveal->targetExtent() - current));
+        m_drawer->setHeaderHeight(m_headerPlace->isVisible() ? m_headerPlace->height() - 1 : -1);
+    }
+    return QWidget::eventFilter(watched, event);
 }
 
 void ContentView::setTargeted(bool targeted)

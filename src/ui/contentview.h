@@ -59,11 +59,12 @@ protected:
     void dragMoveEvent(QDragMoveEvent* event) override;
     void dragLeaveEvent(QDragLeaveEvent* event) override;
     void dropEvent(QDropEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     void setTargeted(bool targeted);
     void refresh(bool animated);
-    void fadeIn(QWidget* page);
+    void showPage(QWidget* page, bool animated);
 
     FileDialogPanels m_panels;
     std::unique_ptr<CropModel> m_model;

@@ -1,18 +1,23 @@
 #include "ui/controlsview.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 
 #include <QBoxLayout>
 #include <QEvent>
-#include <QPainter>
+#include <QFocusEvent>
 #include <QLabel>
-#include <QPushButton>
+#include <QPainter>
 #include <QSignalBlocker>
 #include <QSlider>
+#include <QStyleOptionSlider>
 
 #include "model/cropmodel.h"
 #include "ui/coalescedrefresh.h"
+#include "ui/elidingbutton.h"
+#include "ui/messagelabel.h"
+#include "ui/painting.h"
 #include "ui/symbols.h"
 #include "ui/theme.h"
 
@@ -20,21 +25,55 @@ namespace orvane {
 
 namespace {
 
-void setTextColour(QWidget* widget, const QColor& colour)
-{
-    // Only the text colour is the label's own; the rest stays inherited.
-    QPalette palette;
-    palette.setColor(QPalette::WindowText, colour);
-    widget->setPalette(palette);
-}
+// Below this width the block tightens its padding and the gaps between the
+// buttons, so that their labels keep as many letters as they can.
+constexpr int compactWidth = 400;
 
-QString rgba(const QColor& colour)
+// The style marks a focused slider too faintly to find it: a ring in the
+// accent colour around the knob shows where the keys will act, once the
+// focus came from the keyboard (as the buttons' rings do).
+class ToleranceSlider : public QSlider {
+public:
+    using QSlider::QSlider;
+
+protected:
+    void focusInEvent(QFocusEvent* event) override
+    {
+        if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
+            m_keyboardFocus = event->reason() == Qt::TabFocusReason || event->reason() == Qt::BacktabFocusReason
+                              || event->reason() == Qt::ShortcutFocusReason;
+        QSlider::focusInEvent(event);
+    }
+
+    void paintEvent(QPaintEvent* event) override
+    {
+        QSlider::paintEvent(event);
+        if (!hasFocus() || !m_keyboardFocus)
+            return;
+        QStyleOptionSlider option;
+        initStyleOption(&option);
+        const QRect handle = style()->subControlRect(QStyle::CC_Slider, &option, QStyle::SC_SliderHandle, this);
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(QPen(Theme::accent(palette()), 2.0));
+        painter.setBrush(Qt::NoBrush);
+        const double side = std::min(std::max(handle.width(), handle.height()) + 4.0, double(height()) - 2.0);
+        QRectF ring(0, 0, side, side);
+        ring.moveCenter(QRectF(handle).center());
+        painter.drawEllipse(ring);
+    }
+
+private:
+    bool m_keyboardFocus = false;
+};
+
+// The part of an error message that may be shortened: the first name in
+// typographic quotes, as in “name”.
+QString quotedName(const QString& message)
 {
-    return QStringLiteral("rgba(%1, %2, %3, %4)")
-        .arg(colour.red())
-        .arg(colour.green())
-        .arg(colour.blue())
-        .arg(colour.alpha());
+    const qsizetype open = message.indexOf(QChar(0x201C));
+    const qsizetype close = open < 0 ? -1 : message.indexOf(QChar(0x201D), open + 1);
+    return close > open + 1 ? message.mid(open + 1, close - open - 1) : QString();
 }
 
 } // namespace
@@ -43,7 +82,9 @@ ControlsView::ControlsView(CropModel* model, QWidget* parent)
     : BarWidget(parent)
     , m_model(model)
 {
-    setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Fixed);
+    // Not Fixed: a fixed height would cap the block at its one-line size hint,
+    // and a two-line message needs the height its width calls for.
+    setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Preferred);
     const QFont callout = Theme::font(Theme::TextStyle::Callout, font());
 
     m_statusRow = new QWidget(this);
@@ -54,13 +95,9 @@ ControlsView::ControlsView(CropModel* model, QWidget* parent)
     m_statusIcon = new QLabel(m_statusRow);
     m_statusIcon->setObjectName(QStringLiteral("statusIcon"));
     m_statusIcon->setAlignment(Qt::AlignTop);
-    m_statusText = new QLabel(m_statusRow);
+    m_statusText = new MessageLabel(m_statusRow);
     m_statusText->setObjectName(QStringLiteral("statusText"));
     m_statusText->setFont(callout);
-    m_statusText->setWordWrap(true);
-    // Messages carry file names: never interpret them as markup.
-    m_statusText->setTextFormat(Qt::PlainText);
-    m_statusText->setTextInteractionFlags(Qt::TextSelectableByMouse);
     statusLayout->addWidget(m_statusIcon, 0, Qt::AlignTop);
     statusLayout->addWidget(m_statusText, 1);
 
@@ -72,7 +109,7 @@ ControlsView::ControlsView(CropModel* model, QWidget* parent)
     m_toleranceLabel = new QLabel(tr("Trim tolerance"), m_toleranceRow);
     m_lowIcon = new QLabel(m_toleranceRow);
     m_lowIcon->setObjectName(QStringLiteral("toleranceLow"));
-    m_slider = new QSlider(Qt::Horizontal, m_toleranceRow);
+    m_slider = new ToleranceSlider(Qt::Horizontal, m_toleranceRow);
     m_slider->setObjectName(QStringLiteral("tolerance"));
     m_slider->setRange(0, 100 * sliderScale);
     m_slider->setSingleStep(sliderScale);
@@ -90,32 +127,31 @@ ControlsView::ControlsView(CropModel* model, QWidget* parent)
     connect(m_slider, &QSlider::valueChanged, this,
             [this](int value) { m_model->setThreshold(double(value) / sliderScale); });
 
-    auto* buttons = new QHBoxLayout;
-    buttons->setSpacing(10);
-    m_open = new QPushButton(tr("Open…"), this);
+    m_buttons = new QHBoxLayout;
+    m_open = new ElidingButton(tr("Open…"), this);
     m_open->setObjectName(QStringLiteral("open"));
-    m_saveAsNew = new QPushButton(tr("Save as New…"), this);
+    m_saveAsNew = new ElidingButton(tr("Save as New…"), this);
     m_saveAsNew->setObjectName(QStringLiteral("saveAsNew"));
-    m_saveOverOriginal = new QPushButton(tr("Save Over Original"), this);
+    m_saveOverOriginal = new ElidingButton(tr("Save Over Original"), this);
     m_saveOverOriginal->setObjectName(QStringLiteral("saveOverOriginal"));
     // A button's shortcut only fires while the button is enabled: with no
     // active image Ctrl+S does nothing.
     m_saveOverOriginal->setShortcut(QKeySequence::Save);
     m_saveOverOriginal->setDefault(true);
-    buttons->addWidget(m_open);
-    buttons->addStretch(1);
-    buttons->addWidget(m_saveAsNew);
-    buttons->addWidget(m_saveOverOriginal);
+    m_saveOverOriginal->setTextPadding(0); // its style sheet pads the label
+    m_buttons->addWidget(m_open);
+    m_buttons->addStretch(1);
+    m_buttons->addWidget(m_saveAsNew);
+    m_buttons->addWidget(m_saveOverOriginal);
     connect(m_open, &QPushButton::clicked, this, &ControlsView::openRequested);
     connect(m_saveAsNew, &QPushButton::clicked, this, [this] { m_model->saveAsNewFile(); });
     connect(m_saveOverOriginal, &QPushButton::clicked, this, [this] { m_model->saveOverOriginal(); });
 
-    auto* column = new QVBoxLayout(this);
-    column->setContentsMargins(16, 16, 16, 16);
-    column->setSpacing(14);
-    column->addWidget(m_statusRow);
-    column->addWidget(m_toleranceRow);
-    column->addLayout(buttons);
+    m_column = new QVBoxLayout(this);
+    m_column->addWidget(m_statusRow);
+    m_column->addWidget(m_toleranceRow);
+    m_column->addLayout(m_buttons);
+    updateSpacing();
 
     updateColours();
     new CoalescedRefresh(model, this, [this] { refresh(); });
@@ -126,13 +162,13 @@ ControlsView::Status ControlsView::status(const std::optional<QString>& errorMes
                                           const std::optional<QString>& saveConfirmation, int itemCount)
 {
     if (errorMessage)
-        return {Status::Kind::Error, *errorMessage};
+        return {Status::Kind::Error, *errorMessage, quotedName(*errorMessage)};
     if (allSaved)
-        return {Status::Kind::Success, tr("All %1 images saved.").arg(itemCount)};
+        return {Status::Kind::Success, tr("All %1 images saved.").arg(itemCount), {}};
     if (saveConfirmation && itemCount >= 2)
-        return {Status::Kind::Success, tr("Saved %1 — next image ready.").arg(*saveConfirmation)};
+        return {Status::Kind::Success, tr("Saved %1 — next image ready.").arg(*saveConfirmation), *saveConfirmation};
     if (saveConfirmation)
-        return {Status::Kind::Success, tr("Saved %1").arg(*saveConfirmation)};
+        return {Status::Kind::Success, tr("Saved %1").arg(*saveConfirmation), *saveConfirmation};
     return {};
 }
 
@@ -146,12 +182,12 @@ void ControlsView::refresh()
         m_statusIcon->clear();
     } else {
         const bool error = shown.kind == Status::Kind::Error;
-        const QColor colour = error ? Theme::orange() : Theme::green();
+        const QColor colour = error ? Theme::orange(palette()) : Theme::green(palette());
         const int extent = m_statusText->fontMetrics().height();
         m_statusIcon->setPixmap(Symbols::tinted(error ? Symbol::Warning : Symbol::CheckCircle, extent, colour,
                                                 devicePixelRatioF()));
-        m_statusText->setText(shown.text);
-        setTextColour(m_statusText, colour);
+        m_statusText->setMessage(shown.text, shown.name);
+        Painting::setTextColour(m_statusText, colour);
         m_statusRow->setVisible(true);
     }
 
@@ -174,25 +210,86 @@ void ControlsView::refresh()
 
 void ControlsView::updateColours()
 {
+    using Painting::styleSheetColour;
     const QPalette& p = palette();
-    setTextColour(m_toleranceLabel, Theme::secondary(p));
+    Painting::setTextColour(m_toleranceLabel, Theme::secondary(p));
     const int small = qMax(12, fontMetrics().height() - 1);
     m_lowIcon->setPixmap(Symbols::tinted(Symbol::DashedCircle, small, Theme::tertiary(p), devicePixelRatioF()));
     m_highIcon->setPixmap(Symbols::tinted(Symbol::DashedCircleFilled, small, Theme::tertiary(p), devicePixelRatioF()));
 
-    // The window's primary action: filled with the accent colour.
+    // The window's primary action: filled with the accent colour. Disabled,
+    // it loses the accent and looks like any disabled button of the theme.
     const QColor accent = Theme::accent(p);
     const QColor text = p.color(QPalette::HighlightedText);
-    QColor disabled = accent;
-    disabled.setAlphaF(0.4f);
     m_saveOverOriginal->setStyleSheet(
         QStringLiteral("QPushButton { background-color: %1; color: %2; border: 1px solid %3; border-radius: 5px;"
-                       " padding: 4px 14px; font-weight: 600; }"
+                       " padding: 4px 12px; font-weight: 600; }"
                        "QPushButton:hover { background-color: %4; }"
                        "QPushButton:pressed { background-color: %3; }"
-                       "QPushButton:disabled { background-color: %5; color: %6; border-color: %5; }")
-            .arg(rgba(accent), rgba(text), rgba(accent.darker(115)), rgba(accent.lighter(108)), rgba(disabled),
-                 rgba(QColor(text.red(), text.green(), text.blue(), 200))));
+                       "QPushButton:disabled { background-color: %5; color: %6; border-color: %7; }")
+            .arg(styleSheetColour(accent), styleSheetColour(text), styleSheetColour(accent.darker(115)),
+                 styleSheetColour(accent.lighter(108)), styleSheetColour(p.color(QPalette::Disabled, QPalette::Button)),
+                 styleSheetColour(p.color(QPalette::Disabled, QPalette::ButtonText)),
+                 styleSheetColour(Theme::quaternary(p))));
+    m_saveOverOriginal->setFocusRingColour(text);
+    // The style marks a focused button too faintly on the bar.
+    m_open->setFocusRingColour(accent);
+    m_saveAsNew->setFocusRingColour(accent);
+    fitButtons();
+}
+
+void ControlsView::updateSpacing()
+{
+    const bool compact = width() < compactWidth;
+    const int padding = compact ? 10 : 16;
+    m_column->setContentsMargins(padding, compact ? 12 : 16, padding, compact ? 12 : 16);
+    m_column->setSpacing(compact ? 10 : 14);
+    m_buttons->setSpacing(compact ? 6 : 10);
+    fitButtons();
+}
+
+void ControlsView::fitButtons()
+{
+    // When the row is too narrow for every label, each button starts from its
+    // shortest label and they grow a word at a time, the primary action
+    // first, then "Save as New…", then "Open…", while the room lasts.
+    const std::array<ElidingButton*, 3> byPriority{m_saveOverOriginal, m_saveAsNew, m_open};
+    const QMargins margins = m_column->contentsMargins();
+    const int available = width() - margins.left() - margins.right() - 2 * m_buttons->spacing();
+    std::array<QStringList, 3> labels;
+    std::array<qsizetype, 3> chosen{};
+    int used = 0;
+    for (std::size_t i = 0; i < byPriority.size(); ++i) {
+        labels[i] = byPriority[i]->labels();
+        used += byPriority[i]->widthFor(labels[i].front());
+    }
+    for (bool grew = true; grew;) {
+        grew = false;
+        for (std::size_t i = 0; i < byPriority.size(); ++i) {
+            if (chosen[i] + 1 >= labels[i].size())
+                continue;
+            const int extra = byPriority[i]->widthFor(labels[i][chosen[i] + 1])
+                              - byPriority[i]->widthFor(labels[i][chosen[i]]);
+            if (used + extra <= available) {
+                ++chosen[i];
+                used += extra;
+                grew = true;
+            }
+        }
+    }
+    // Short of room, every button gets just its label and padding (the
+    // style's minimum width for buttons included); with room, the style decides.
+    bool everyWhole = true;
+    for (std::size_t i = 0; i < byPriority.size(); ++i)
+        everyWhole = everyWhole && chosen[i] + 1 == labels[i].size();
+    for (std::size_t i = 0; i < byPriority.size(); ++i)
+        byPriority[i]->setMaximumWidth(everyWhole ? QWIDGETSIZE_MAX : byPriority[i]->widthFor(labels[i][chosen[i]]));
+}
+
+void ControlsView::resizeEvent(QResizeEvent* event)
+{
+    BarWidget::resizeEvent(event);
+    updateSpacing();
 }
 
 void ControlsView::paletteChanged()

@@ -6,13 +6,15 @@
 
 #include "ui/barwidget.h"
 
+class QBoxLayout;
 class QLabel;
-class QPushButton;
 class QSlider;
 
 namespace orvane {
 
 class CropModel;
+class ElidingButton;
+class MessageLabel;
 
 /// Shows the model's messages and tolerance and calls its commands. Holds no
 /// state of its own; reads the model afresh on every change it announces. Does
@@ -28,6 +30,7 @@ public:
         enum class Kind { None, Error, Success };
         Kind kind = Kind::None;
         QString text; ///< empty for None
+        QString name; ///< the file name in text, which may be shortened to fit; may be empty
     };
 
     /// Which message the status row shows: the error first, then "all saved",
@@ -48,22 +51,27 @@ Q_SIGNALS:
 
 protected:
     void paletteChanged() override;
+    void resizeEvent(QResizeEvent* event) override;
 
 private:
     void updateColours();
+    void updateSpacing();
+    void fitButtons();
 
     CropModel* m_model;
+    QBoxLayout* m_column;
+    QBoxLayout* m_buttons;
     QWidget* m_statusRow;
     QLabel* m_statusIcon;
-    QLabel* m_statusText;
+    MessageLabel* m_statusText;
     QWidget* m_toleranceRow;
     QLabel* m_toleranceLabel;
     QLabel* m_lowIcon;
     QLabel* m_highIcon;
     QSlider* m_slider;
-    QPushButton* m_open;
-    QPushButton* m_saveAsNew;
-    QPushButton* m_saveOverOriginal;
+    ElidingButton* m_open;
+    ElidingButton* m_saveAsNew;
+    ElidingButton* m_saveOverOriginal;
 };
 
 } // namespace orvane

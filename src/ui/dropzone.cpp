@@ -1,5 +1,7 @@
 #include "ui/dropzone.h"
 
+#include <cmath>
+
 #include <QEvent>
 #include <QLabel>
 #include <QMouseEvent>
@@ -9,7 +11,8 @@
 #include <QVBoxLayout>
 #include <QVariantAnimation>
 
-#include "ui/imagepreview.h"
+#include "ui/elidingbutton.h"
+#include "ui/painting.h"
 #include "ui/symbols.h"
 #include "ui/theme.h"
 
@@ -23,20 +26,8 @@ constexpr int stackPadding = 44;
 constexpr qreal cornerRadius = 16;
 constexpr qreal strokeWidth = 2;
 
-QColor mix(const QColor& from, const QColor& to, qreal t)
-{
-    const auto lerp = [t](float a, float b) { return a + (b - a) * float(t); };
-    QColor c;
-    c.setRgbF(lerp(from.redF(), to.redF()), lerp(from.greenF(), to.greenF()), lerp(from.blueF(), to.blueF()),
-              lerp(from.alphaF(), to.alphaF()));
-    return c;
-}
-
-QColor withAlpha(QColor colour, qreal alpha)
-{
-    colour.setAlphaF(float(colour.alphaF() * alpha));
-    return colour;
-}
+using Painting::mix;
+using Painting::withOpacity;
 
 } // namespace
 
@@ -63,7 +54,7 @@ DropZone::DropZone(QWidget* parent)
     m_callout->setWordWrap(true);
     m_callout->setAlignment(Qt::AlignCenter);
 
-    m_choose = new QPushButton(tr("Choose Images…"), this);
+    m_choose = new ElidingButton(tr("Choose Images…"), this);
     m_choose->setObjectName(QStringLiteral("chooseImages"));
     m_choose->setCursor(Qt::ArrowCursor);
     // The large control size.
@@ -132,9 +123,8 @@ QRectF DropZone::panelRect() const
 
 void DropZone::updateColours()
 {
-    QPalette calloutPalette = m_callout->palette();
-    calloutPalette.setColor(QPalette::WindowText, Theme::secondary(palette()));
-    m_callout->setPalette(calloutPalette);
+    Painting::setTextColour(m_callout, Theme::secondary(palette()));
+    m_choose->setFocusRingColour(Theme::accent(palette()));
     updateIcon();
 }
 
@@ -151,27 +141,30 @@ void DropZone::paintEvent(QPaintEvent*)
     painter.setRenderHint(QPainter::Antialiasing);
     const QPalette& p = palette();
 
-    // The same faint diagonal stripes as behind an image, drawn from a tile:
-    // stroking every line on each frame of the hover animation stutters.
-    painter.fillRect(rect(), p.color(QPalette::Window));
-    ImagePreview::paintStripes(painter, size(), devicePixelRatioF());
-
+    // No background of its own: the preview area's stripes show through, the
+    // same behind the drop zone and the image, so that the two can cross-fade.
     const QRectF panel = panelRect();
     QPainterPath shape;
     shape.addRoundedRect(panel, cornerRadius, cornerRadius);
     if (m_hover > 0)
-        painter.fillPath(shape, withAlpha(Theme::accent(p), 0.06 * m_hover));
+        painter.fillPath(shape, withOpacity(Theme::accent(p), 0.06 * m_hover));
 
     // Stroked inside the edge: the outline is inset by half the line width.
     const qreal inset = strokeWidth / 2;
     QPainterPath outline;
     outline.addRoundedRect(panel.adjusted(inset, inset, -inset, -inset), cornerRadius - inset, cornerRadius - inset);
-    QPen pen(mix(withAlpha(Theme::secondary(p), 0.35), Theme::accent(p), m_hover), strokeWidth);
+    QPen pen(mix(withOpacity(Theme::secondary(p), 0.35), Theme::accent(p), m_hover), strokeWidth);
     pen.setCapStyle(Qt::FlatCap);
     pen.setJoinStyle(Qt::MiterJoin);
     pen.setMiterLimit(10);
-    // QPen measures dashes in line widths: 9 drawn, 7 left out.
-    pen.setDashPattern({9 / strokeWidth, 7 / strokeWidth});
+    // 9 drawn, 7 left out, stretched a little so that a whole number of
+    // dashes runs round the outline and the last gap meets the first dash
+    // instead of leaving a stub or a long gap where the path closes. QPen
+    // measures dashes in line widths.
+    const double period = 16.0;
+    const double length = outline.length();
+    const double stretch = length / (period * std::max(1.0, std::round(length / period)));
+    pen.setDashPattern({9 * stretch / strokeWidth, 7 * stretch / strokeWidth});
     pen.setDashOffset(0);
     painter.setPen(pen);
     painter.setBrush(Qt::NoBrush);

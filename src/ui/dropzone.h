@@ -5,10 +5,11 @@
 #include <QWidget>
 
 class QLabel;
-class QPushButton;
 class QVariantAnimation;
 
 namespace orvane {
+
+class ElidingButton;
 
 /// Shown in the preview's place while no image is active. A click anywhere
 /// on it (its 28-pixel margin included) or on its button asks for the open
@@ -51,7 +52,7 @@ private:
     QLabel* m_icon;
     QLabel* m_title;
     QLabel* m_callout;
-    QPushButton* m_choose;
+    ElidingButton* m_choose;
     QVariantAnimation* m_hoverAnimation;
     qreal m_hover = 0.0;
     bool m_targeted = false;

@@ -8,32 +8,11 @@
 #include "model/cropmodel.h"
 #include "ui/coalescedrefresh.h"
 #include "ui/elidedlabel.h"
+#include "ui/painting.h"
 #include "ui/symbols.h"
 #include "ui/theme.h"
 
 namespace orvane {
-
-namespace {
-
-void setTextColour(QWidget* widget, const QColor& colour)
-{
-    // Only the text colour is the label's own; the rest stays inherited.
-    QPalette palette;
-    palette.setColor(QPalette::WindowText, colour);
-    palette.setColor(QPalette::Text, colour);
-    widget->setPalette(palette);
-}
-
-QString rgba(const QColor& colour)
-{
-    return QStringLiteral("rgba(%1, %2, %3, %4)")
-        .arg(colour.red())
-        .arg(colour.green())
-        .arg(colour.blue())
-        .arg(colour.alpha());
-}
-
-} // namespace
 
 HeaderView::HeaderView(CropModel* model, QWidget* parent)
     : BarWidget(parent)
@@ -120,7 +99,7 @@ void HeaderView::refresh()
         m_dimsBefore->setText(tr("%1×%2").arg(item->buffer.width()).arg(item->buffer.height()));
         m_dimsAfter->setText(tr("%1×%2").arg(content->width).arg(content->height));
         const QPalette& p = palette();
-        setTextColour(m_dimsAfter, m_model->willTrim() ? Theme::accent(p) : Theme::secondary(p));
+        Painting::setTextColour(m_dimsAfter, m_model->willTrim() ? Theme::accentText(p) : Theme::secondary(p));
         m_dimsRow->setVisible(true);
     } else {
         m_dimsRow->setVisible(false);
@@ -155,11 +134,12 @@ void HeaderView::updateArrangement()
 void HeaderView::updateColours()
 {
     const QPalette& p = palette();
-    setTextColour(m_dimsBefore, Theme::secondary(p));
+    Painting::setTextColour(m_dimsBefore, Theme::secondary(p));
     const int arrowExtent = QFontMetrics(Theme::font(Theme::TextStyle::Caption2, font())).height();
     m_arrow->setPixmap(Symbols::tinted(Symbol::ArrowRight, qMax(10, arrowExtent), Theme::tertiary(p), devicePixelRatioF()));
     m_badge->setStyleSheet(QStringLiteral("QLabel { color: %1; background-color: %2; border-radius: %3px; padding: 2px 7px; }")
-                               .arg(rgba(Theme::secondary(p)), rgba(Theme::quaternary(p)))
+                               .arg(Painting::styleSheetColour(Theme::badgeText(p)),
+                                    Painting::styleSheetColour(Theme::badge(p)))
                                .arg((m_badge->fontMetrics().height() + 4) / 2));
 }
 

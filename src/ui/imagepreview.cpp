@@ -121,6 +121,25 @@ ImagePreview::~ImagePreview() = default;
 QSize ImagePreview::sizeHint() const { return QSize(480, 320); }
 QSize ImagePreview::minimumSizeHint() const { return QSize(0, 0); }
 
+QRectF ImagePreview::imageRect() const
+{
+    const CropModel::Item* item = m_model->active();
+    if (!item)
+        return QRectF();
+    const QRectF area = QRectF(rect()).adjusted(imageInset, imageInset + m_pendingTopInset, -imageInset, -imageInset);
+    return snapped(PreviewGeometry::fittedRect(item->buffer.width(), item->buffer.height(), area.size())
+                       .translated(area.topLeft()),
+                   devicePixelRatioF());
+}
+
+void ImagePreview::setPendingTopInset(int points)
+{
+    if (points == m_pendingTopInset)
+        return;
+    m_pendingTopInset = points;
+    update();
+}
+
 void ImagePreview::setTargeted(bool targeted)
 {
     if (targeted == m_targeted)
@@ -265,27 +284,26 @@ void ImagePreview::paintEvent(QPaintEvent*)
     QPainter painter(this);
     const double dpr = devicePixelRatioF();
     const CropModel::Item* item = m_model->active();
-    QRectF fitted;
+    const QRectF fitted = imageRect();
     QSize pixels;
     QImage scaled;
     if (item) {
-        const QRectF area = QRectF(rect()).adjusted(imageInset, imageInset, -imageInset, -imageInset);
-        fitted = snapped(PreviewGeometry::fittedRect(item->buffer.width(), item->buffer.height(), area.size())
-                             .translated(area.topLeft()),
-                         dpr);
         pixels = QSize(qRound(fitted.width() * dpr), qRound(fitted.height() * dpr));
         if (!pixels.isEmpty())
             scaled = m_images->image(item->id, item->buffer, pixels);
     }
-    painter.drawImage(0, 0, backgroundFor(fitted, pixels, scaled, dpr));
+    const QSize imageSize = item ? QSize(int(item->buffer.width()), int(item->buffer.height())) : QSize();
+    const bool enlarging = item && ScaledImageCache::enlarges(imageSize, pixels);
+    painter.drawImage(0, 0, backgroundFor(fitted, pixels, scaled, dpr, enlarging));
     if (!item)
         return;
     if (!pixels.isEmpty())
-        paintContent(painter, fitted, item->buffer.width());
+        paintContent(painter, fitted, imageSize, pixels);
     paintHighlight(painter);
 }
 
-const QImage& ImagePreview::backgroundFor(const QRectF& fitted, QSize pixels, const QImage& scaled, double dpr)
+const QImage& ImagePreview::backgroundFor(const QRectF& fitted, QSize pixels, const QImage& scaled, double dpr,
+                                          bool enlarging)
 {
     const QSize size(qRound(width() * dpr), qRound(height() * dpr));
     if (m_background.size() == size && m_background.devicePixelRatio() == dpr && m_backgroundFitted == fitted
@@ -304,7 +322,7 @@ const QImage& ImagePreview::backgroundFor(const QRectF& fitted, QSize pixels, co
     if (!pixels.isEmpty()) {
         painter.drawImage(fitted.topLeft() + QPointF(-shadowMargin, -shadowMargin + shadowOffsetY),
                           shadowFor(pixels, dpr));
-        painter.drawImage(fitted.topLeft(), layer(scaled, pixels, dpr));
+        painter.drawImage(fitted.topLeft(), layer(scaled, pixels, dpr, enlarging));
     }
     m_backgroundFitted = fitted;
     m_backgroundSource = scaled.cacheKey();
@@ -350,12 +368,28 @@ void ImagePreview::paintStripes(QPainter& painter, QSizeF size, double dpr)
     painter.fillRect(QRectF(QPointF(0, 0), size), brush);
 }
 
-void ImagePreview::paintContent(QPainter& painter, const QRectF& fitted, std::int64_t imageWidth)
+void ImagePreview::paintContent(QPainter& painter, const QRectF& fitted, QSize imageSize, QSize pixels)
 {
     painter.setRenderHint(QPainter::Antialiasing);
     QPainterPath clip;
     clip.addRoundedRect(fitted, cornerRadius, cornerRadius);
-    const QRectF shown = PreviewGeometry::mapFromImage(fitted, imageWidth, shownImageRect());
+    const QRectF inImage = shownImageRect();
+    QRectF shown = PreviewGeometry::mapFromImage(fitted, imageSize.width(), inImage);
+    double lineWidth = outlineWidth;
+    if (ScaledImageCache::enlarges(imageSize, pixels)) {
+        // Enlarged pixels are blocks of whole device pixels: the darkening and
+        // the outline start and end on their boundaries, never inside a block.
+        const double dpr = double(pixels.width()) / fitted.width();
+        const auto edgeX = [&](double at) {
+            return fitted.x() + ScaledImageCache::enlargedEdge(at, imageSize.width(), pixels.width()) / dpr;
+        };
+        const auto edgeY = [&](double at) {
+            return fitted.y() + ScaledImageCache::enlargedEdge(at, imageSize.height(), pixels.height()) / dpr;
+        };
+        shown = QRectF(QPointF(edgeX(inImage.left()), edgeY(inImage.top())),
+                       QPointF(edgeX(inImage.right()), edgeY(inImage.bottom())));
+        lineWidth = std::max(1.0, std::round(outlineWidth * dpr)) / dpr;
+    }
 
     // The darkening: everything in the clipped image except the shown rectangle.
     QPainterPath hole;
@@ -364,7 +398,7 @@ void ImagePreview::paintContent(QPainter& painter, const QRectF& fitted, std::in
 
     // The outline, stroked inside the shown rectangle's edge.
     const double radius = m_model->willTrim() ? 0.0 : cornerRadius;
-    const double half = outlineWidth / 2.0;
+    const double half = lineWidth / 2.0;
     QPainterPath outline;
     const QRectF inner = shown.adjusted(half, half, -half, -half);
     if (radius > 0.0)
@@ -372,7 +406,7 @@ void ImagePreview::paintContent(QPainter& painter, const QRectF& fitted, std::in
     else
         outline.addRect(inner);
     QPainterPathStroker stroker;
-    stroker.setWidth(outlineWidth);
+    stroker.setWidth(lineWidth);
     stroker.setJoinStyle(Qt::MiterJoin);
     QPainterPath ring = stroker.createStroke(outline);
     // An overshooting spring can carry the outline past the image's rounded edge.
@@ -444,7 +478,7 @@ const QImage& ImagePreview::shadowFor(QSize pixelSize, double dpr)
     return m_shadow;
 }
 
-QImage ImagePreview::layer(const QImage& scaled, QSize pixelSize, double dpr) const
+QImage ImagePreview::layer(const QImage& scaled, QSize pixelSize, double dpr, bool enlarging) const
 {
     QImage layer(pixelSize, QImage::Format_ARGB32_Premultiplied);
     layer.fill(Qt::transparent);
@@ -464,8 +498,9 @@ QImage ImagePreview::layer(const QImage& scaled, QSize pixelSize, double dpr) co
 
         p.setCompositionMode(QPainter::CompositionMode_SourceOver);
         if (!scaled.isNull()) {
-            // A stand-in of another size is stretched until the right copy arrives.
-            p.setRenderHint(QPainter::SmoothPixmapTransform, scaled.size() != pixelSize);
+            // A stand-in of another size is stretched until the right copy
+            // arrives: smoothly when reducing, pixel by pixel when enlarging.
+            p.setRenderHint(QPainter::SmoothPixmapTransform, scaled.size() != pixelSize && !enlarging);
             p.drawImage(QRect(QPoint(0, 0), pixelSize), scaled);
         }
 

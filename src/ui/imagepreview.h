@@ -41,6 +41,15 @@ public:
     void setTargeted(bool targeted);
     bool isTargeted() const { return m_targeted; }
 
+    /// Where the image is drawn, in the view's coordinates (the fitted
+    /// rectangle on whole device pixels); empty with no active item.
+    QRectF imageRect() const;
+
+    /// How far the view's top edge will still move down while a section
+    /// above it slides open, in points: the image is fitted into the area the
+    /// view will have, so that it stays where it will settle. 0 when settled.
+    void setPendingTopInset(int points);
+
     /// Restarts the reveal: the darkening disappears at once and closes in on
     /// the content from the next turn of the event loop.
     void triggerReveal();
@@ -85,11 +94,11 @@ private:
     void startFrames();
     void frame();
 
-    const QImage& backgroundFor(const QRectF& fitted, QSize pixels, const QImage& scaled, double dpr);
-    void paintContent(QPainter& painter, const QRectF& fitted, std::int64_t imageWidth);
+    const QImage& backgroundFor(const QRectF& fitted, QSize pixels, const QImage& scaled, double dpr, bool enlarging);
+    void paintContent(QPainter& painter, const QRectF& fitted, QSize imageSize, QSize pixels);
     void paintHighlight(QPainter& painter);
     const QImage& shadowFor(QSize pixelSize, double dpr);
-    QImage layer(const QImage& scaled, QSize pixelSize, double dpr) const;
+    QImage layer(const QImage& scaled, QSize pixelSize, double dpr, bool enlarging) const;
 
     CropModel* m_model;
     CoalescedRefresh* m_refresh;
@@ -97,6 +106,7 @@ private:
 
     bool m_targeted = false;
     QVariantAnimation m_highlight;
+    int m_pendingTopInset = 0;
 
     bool m_revealed = false;
     int m_revealCount = 0;

@@ -2,6 +2,7 @@
 
 #include <QBoxLayout>
 #include <QEvent>
+#include <QResizeEvent>
 #include <QFrame>
 #include <QLabel>
 #include <QListView>
@@ -12,6 +13,8 @@
 #include <QToolButton>
 
 #include "model/cropmodel.h"
+#include "ui/coalescedrefresh.h"
+#include "ui/painting.h"
 #include "ui/queuelistmodel.h"
 #include "ui/queuerowdelegate.h"
 #include "ui/scaledimagecache.h"
@@ -19,19 +22,6 @@
 #include "ui/theme.h"
 
 namespace orvane {
-
-namespace {
-
-QFrame* rule(QWidget* parent)
-{
-    auto* line = new QFrame(parent);
-    line->setFrameShape(QFrame::HLine);
-    line->setFrameShadow(QFrame::Plain);
-    line->setForegroundRole(QPalette::Mid);
-    return line;
-}
-
-} // namespace
 
 QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     : QWidget(parent)
@@ -47,7 +37,9 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     m_title->setObjectName(QStringLiteral("queueTitle"));
     m_count = new QLabel(this);
     m_count->setObjectName(QStringLiteral("queueCount"));
-    auto* header = new QHBoxLayout;
+    m_header = new QWidget(this);
+    m_header->setObjectName(QStringLiteral("queueHeader"));
+    auto* header = new QHBoxLayout(m_header);
     header->setContentsMargins(12, 10, 12, 10);
     header->addWidget(m_title);
     header->addStretch(1);
@@ -82,7 +74,7 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     m_remove->setToolButtonStyle(Qt::ToolButtonIconOnly);
     m_remove->setAutoRaise(true);
     m_remove->setAccessibleName(tr("Remove"));
-    m_remove->setToolTip(tr("Remove the selected image (⌫)"));
+    m_remove->setToolTip(tr("Remove the selected image (Delete)"));
     connect(m_remove, &QToolButton::clicked, this, &QueueDrawer::removeActive);
 
     // The window's keys while the drawer is on screen, whichever widget has focus.
@@ -101,10 +93,10 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
-    layout->addLayout(header);
-    layout->addWidget(rule(this));
+    layout->addWidget(m_header);
+    layout->addWidget(Painting::rule(Qt::Horizontal, this));
     layout->addWidget(m_list, 1);
-    layout->addWidget(rule(this));
+    layout->addWidget(Painting::rule(Qt::Horizontal, this));
     layout->addLayout(footer);
 
     m_scroll.setDuration(250);
@@ -114,12 +106,12 @@ QueueDrawer::QueueDrawer(CropModel* model, QWidget* parent)
 
     // The drawer shows only the items and which one is active: a moving
     // tolerance slider must not repaint the list on every step.
-    connect(m_model, &CropModel::willChange, this, [this](CropModel::Property property) {
+    m_refresh = new CoalescedRefresh(m_model, this, [this] { refresh(); }, [this](CropModel::Property property) {
         if (property == CropModel::Property::ActiveID)
             m_scrollPending = true;
-        if (property == CropModel::Property::Items || property == CropModel::Property::ActiveID)
-            scheduleRefresh();
+        return property == CropModel::Property::Items || property == CropModel::Property::ActiveID;
     });
+    m_list->viewport()->installEventFilter(this);
     connect(m_thumbnails, &ScaledImageCache::imageReady, m_list->viewport(), qOverload<>(&QWidget::update));
 
     applyStyle();
@@ -135,24 +127,32 @@ void QueueDrawer::applyStyle()
     const QPalette& p = palette();
     m_title->setFont(Theme::font(Theme::TextStyle::Headline, font()));
     m_count->setFont(Theme::font(Theme::TextStyle::Caption, font()));
-    QPalette secondary = m_count->palette();
-    secondary.setColor(QPalette::WindowText, Theme::secondary(p));
-    m_count->setPalette(secondary);
-}
+    Painting::setTextColour(m_count, Theme::secondary(p));
 
-void QueueDrawer::scheduleRefresh()
-{
-    if (m_refreshPending)
-        return;
-    m_refreshPending = true;
-    // willChange() comes before the assignment: read the model on the next turn.
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            m_refreshPending = false;
-            refresh();
-        },
-        Qt::QueuedConnection);
+    using Painting::styleSheetColour;
+    const QColor text = p.color(QPalette::WindowText);
+
+    // Borderless buttons on the panel, with a hover fill and a focus ring
+    // that shows where the keyboard is (the style's own is too faint here).
+    const QString buttons =
+        QStringLiteral("QToolButton { border: 1px solid transparent; border-radius: 5px; padding: 3px 6px; }"
+                       "QToolButton:hover { background: %1; }"
+                       "QToolButton:pressed { background: %2; }"
+                       "QToolButton:focus { border: 2px solid %3; padding: 2px 5px; }")
+            .arg(styleSheetColour(Theme::quaternary(p)), styleSheetColour(Painting::withOpacity(text, 0.25)),
+                 styleSheetColour(Theme::accent(p)));
+    m_add->setStyleSheet(buttons);
+    m_remove->setStyleSheet(buttons);
+
+    // A thin scroll bar in the panel's own colours: no arrows, no track of
+    // its own, a rounded handle in the text colour.
+    m_list->verticalScrollBar()->setStyleSheet(
+        QStringLiteral("QScrollBar:vertical { background: transparent; width: 8px; margin: 2px 2px 2px 0; }"
+                       "QScrollBar::handle:vertical { background: %1; border-radius: 3px; min-height: 24px; }"
+                       "QScrollBar::handle:vertical:hover, QScrollBar::handle:vertical:pressed { background: %2; }"
+                       "QScrollBar::add-line:vertical, QScrollBar::sub-line:vertical { height: 0; border: none; }"
+                       "QScrollBar::add-page:vertical, QScrollBar::sub-page:vertical { background: none; }")
+            .arg(styleSheetColour(Painting::withOpacity(text, 0.28)), styleSheetColour(Painting::withOpacity(text, 0.45))));
 }
 
 void QueueDrawer::refresh()
@@ -194,6 +194,33 @@ void QueueDrawer::refresh()
     m_list->viewport()->update();
 }
 
+bool QueueDrawer::eventFilter(QObject* watched, QEvent* event)
+{
+    // A shorter list (a taller header, a smaller window) keeps the active row
+    // in view if it was in view before.
+    if (watched == m_list->viewport() && event->type() == QEvent::Resize) {
+        const auto* resize = static_cast<QResizeEvent*>(event);
+        const std::optional<QUuid> id = m_model->activeID();
+        const QModelIndex active = id ? m_rows->indexOf(*id) : QModelIndex();
+        if (active.isValid() && resize->size().height() < resize->oldSize().height()) {
+            const QRect row = m_list->visualRect(active);
+            if (row.top() >= 0 && row.bottom() < resize->oldSize().height() && row.bottom() >= resize->size().height())
+                QMetaObject::invokeMethod(this, &QueueDrawer::scrollToActive, Qt::QueuedConnection);
+        }
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+void QueueDrawer::setHeaderHeight(int height)
+{
+    if (height < m_header->minimumSizeHint().height()) {
+        m_header->setMinimumHeight(0);
+        m_header->setMaximumHeight(QWIDGETSIZE_MAX);
+    } else {
+        m_header->setFixedHeight(height);
+    }
+}
+
 void QueueDrawer::selectionChanged()
 {
     if (m_applyingSelection)
@@ -201,7 +228,7 @@ void QueueDrawer::selectionChanged()
     const QModelIndexList selected = m_list->selectionModel()->selectedIndexes();
     if (selected.isEmpty()) {
         // An emptied selection calls nothing; the active row is marked again.
-        scheduleRefresh();
+        m_refresh->schedule();
         return;
     }
     const QUuid id = selected.first().data(QueueListModel::IdRole).value<QUuid>();

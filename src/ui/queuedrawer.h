@@ -11,6 +11,7 @@ class QToolButton;
 
 namespace orvane {
 
+class CoalescedRefresh;
 class CropModel;
 class QueueListModel;
 class ScaledImageCache;
@@ -47,6 +48,11 @@ public:
     /// Removes the active item, if there is one.
     void removeActive();
 
+    /// Gives the header ("Queue" and the count) this height, so that the rule
+    /// under it lines up with the one under the window's header; a height
+    /// below what its text needs (or -1) gives it its natural height.
+    void setHeaderHeight(int height);
+
 Q_SIGNALS:
     /// The user asked to add images ("Add"): the window runs the model's open panel.
     void openRequested();
@@ -54,17 +60,19 @@ Q_SIGNALS:
 protected:
     void paintEvent(QPaintEvent* event) override;
     void changeEvent(QEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
-    void scheduleRefresh();
     void refresh();
     void applyStyle();
     void selectionChanged();
     void scrollToActive();
 
     CropModel* m_model;
+    CoalescedRefresh* m_refresh = nullptr;
     ScaledImageCache* m_thumbnails;
     QueueListModel* m_rows;
+    QWidget* m_header;
     QLabel* m_title;
     QLabel* m_count;
     QListView* m_list;
@@ -74,7 +82,6 @@ private:
     QShortcut* m_delete;
     QVariantAnimation m_scroll;
     bool m_applyingSelection = false;
-    bool m_refreshPending = false;
     bool m_scrollPending = true; // the active item changed since the list last followed it
 };
 

@@ -6,6 +6,7 @@
 #include <QPainterPath>
 
 #include "model/cropmodel.h"
+#include "ui/painting.h"
 #include "ui/previewgeometry.h"
 #include "ui/scaledimagecache.h"
 #include "ui/symbols.h"
@@ -24,12 +25,6 @@ constexpr int minimumSpace = 4;
 constexpr int markSide = 14;
 constexpr double thumbnailRadius = 5.0;
 constexpr double highlightRadius = 5.0;
-
-QColor withAlpha(QColor colour, double alpha)
-{
-    colour.setAlphaF(float(colour.alphaF() * alpha));
-    return colour;
-}
 
 } // namespace
 
@@ -63,7 +58,6 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
 
     painter->save();
     painter->setRenderHint(QPainter::Antialiasing);
-    painter->setRenderHint(QPainter::SmoothPixmapTransform);
 
     const QRect row = option.rect;
     const bool selected = option.state & QStyle::State_Selected;
@@ -71,10 +65,9 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     const QColor text = option.palette.color(group, selected ? QPalette::HighlightedText : QPalette::Text);
 
     if (selected) {
-        QColor highlight = option.palette.color(group, QPalette::Highlight);
         // An unfocused list marks its row more quietly, like a sidebar.
-        if (!(option.state & QStyle::State_HasFocus) && group == QPalette::Inactive)
-            highlight = withAlpha(highlight, 0.75);
+        const bool quiet = !(option.state & QStyle::State_HasFocus) && group == QPalette::Inactive;
+        const QColor highlight = Theme::selection(option.palette, group, quiet);
         painter->setPen(Qt::NoPen);
         painter->setBrush(highlight);
         painter->drawRoundedRect(QRectF(row).adjusted(highlightInsetX, rowGap, -highlightInsetX, -rowGap),
@@ -86,7 +79,7 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
                        thumbnailSide);
     QPainterPath rounded;
     rounded.addRoundedRect(frame, thumbnailRadius, thumbnailRadius);
-    painter->fillPath(rounded, withAlpha(text, 0.15));
+    painter->fillPath(rounded, Painting::withOpacity(text, 0.15));
     const CropEngine::Buffer& buffer = item.buffer;
     const QRectF fitted = PreviewGeometry::fittedRect(buffer.width(), buffer.height(), frame.size())
                               .translated(frame.topLeft());
@@ -96,14 +89,23 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     if (!thumbnail.isNull()) {
         painter->save();
         painter->setClipPath(rounded);
-        painter->drawImage(fitted, thumbnail);
+        const QSize pixels = thumbnailPixels(buffer.width(), buffer.height(), dpr);
+        const bool enlarging =
+            ScaledImageCache::enlarges(QSize(int(buffer.width()), int(buffer.height())), pixels);
+        // On whole device pixels, so that the copy made for this size is drawn
+        // as it is; a stand-in of another size is stretched, smoothly only
+        // when reducing, so that a tiny image shows sharp pixels.
+        const QRectF target(QPointF(std::round(fitted.x() * dpr) / dpr, std::round(fitted.y() * dpr) / dpr),
+                            QSizeF(pixels) / dpr);
+        painter->setRenderHint(QPainter::SmoothPixmapTransform, thumbnail.size() != pixels && !enlarging);
+        painter->drawImage(target, thumbnail);
         painter->restore();
     }
 
     // The saved mark at the trailing end, then the name in what is left.
     int right = row.right() - contentInsetX;
     if (item.saved) {
-        const QPixmap mark = Symbols::tinted(Symbol::CheckCircle, markSide, Theme::green(), dpr);
+        const QPixmap mark = Symbols::tinted(Symbol::CheckCircle, markSide, Theme::green(option.palette), dpr);
         painter->drawPixmap(QPointF(right - markSide + 1, row.top() + (row.height() - markSide) / 2.0), mark);
         right -= markSide + minimumSpace;
     } else {

@@ -1,6 +1,8 @@
 #include "ui/scaledimagecache.h"
 
 #include <algorithm>
+#include <cmath>
+#include <vector>
 #include <tuple>
 #include <utility>
 
@@ -42,12 +44,52 @@ QImage ScaledImageCache::scaledCopy(const CropEngine::Buffer& buffer, QSize pixe
     if (pixelSize.isEmpty())
         return QImage();
     const QImage source = wrap(buffer);
+    if (enlarges(source.size(), pixelSize))
+        return enlarged(source, pixelSize);
     QImage scaled = source.size() == pixelSize
                         ? source.copy()
                         : source.scaled(pixelSize, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
     // The raster paint engine blends ARGB32 premultiplied without a conversion.
     scaled.convertTo(QImage::Format_ARGB32_Premultiplied);
     return scaled;
+}
+
+bool ScaledImageCache::enlarges(QSize imageSize, QSize pixelSize)
+{
+    return pixelSize.width() >= imageSize.width() && pixelSize.height() >= imageSize.height()
+           && pixelSize != imageSize;
+}
+
+int ScaledImageCache::enlargedEdge(double at, std::int64_t from, int to)
+{
+    if (from < 1)
+        return 0;
+    // Result pixel x shows source pixel floor((x + 0.5) × from / to), the one
+    // under its centre; the first x to show `at` or later is this one.
+    const double edge = std::ceil(at * double(to) / double(from) - 0.5 - 1e-9);
+    return int(std::clamp(edge, 0.0, double(to)));
+}
+
+QImage ScaledImageCache::enlarged(const QImage& source, QSize pixelSize)
+{
+    if (pixelSize.isEmpty() || source.isNull())
+        return QImage();
+    const QImage from = source.convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    QImage result(pixelSize, QImage::Format_ARGB32_Premultiplied);
+    const std::int64_t sw = from.width();
+    const std::int64_t sh = from.height();
+    const std::int64_t dw = pixelSize.width();
+    const std::int64_t dh = pixelSize.height();
+    std::vector<int> columns(static_cast<std::size_t>(dw));
+    for (std::int64_t x = 0; x < dw; ++x)
+        columns[std::size_t(x)] = int(std::min(sw - 1, (2 * x + 1) * sw / (2 * dw)));
+    for (std::int64_t y = 0; y < dh; ++y) {
+        const auto* in = reinterpret_cast<const QRgb*>(from.constScanLine(int(std::min(sh - 1, (2 * y + 1) * sh / (2 * dh)))));
+        auto* out = reinterpret_cast<QRgb*>(result.scanLine(int(y)));
+        for (std::int64_t x = 0; x < dw; ++x)
+            out[x] = in[columns[std::size_t(x)]];
+    }
+    return result;
 }
 
 QImage ScaledImageCache::quickCopy(const CropEngine::Buffer& buffer, QSize pixelSize)

@@ -55,9 +55,23 @@ public:
     /// The raster of buffer as a QImage over its own memory (no copy): valid
     /// while buffer or a copy of it lives.
     static QImage wrap(const CropEngine::Buffer& buffer);
-    /// The good copy: the wrapped raster scaled with Qt's smooth (area
-    /// averaging) filter, converted for fast drawing. Any thread.
+    /// The good copy, converted for fast drawing: reduced with Qt's smooth
+    /// (area averaging) filter, enlarged by repeating pixels (see enlarged()).
+    /// Any thread.
     static QImage scaledCopy(const CropEngine::Buffer& buffer, QSize pixelSize);
+    /// Whether scaledCopy() enlarges an image of imageSize to pixelSize: no
+    /// side gets smaller and one gets larger.
+    static bool enlarges(QSize imageSize, QSize pixelSize);
+    /// source enlarged to pixelSize with the nearest pixel: every pixel of the
+    /// result is one of the source's, so a small image shows whole, sharp
+    /// pixels instead of a blur. Source column k fills the result's columns
+    /// from enlargedEdge(k, …) up to enlargedEdge(k + 1, …), rows likewise.
+    static QImage enlarged(const QImage& source, QSize pixelSize);
+    /// Where source position at (in source pixels, fractions allowed) falls
+    /// in an enlargement of a side of from pixels to to pixels: the first
+    /// result pixel that shows source pixel at or a later one. Drawing an edge
+    /// there puts it on the boundary between two enlarged pixels.
+    static int enlargedEdge(double at, std::int64_t from, int to);
     /// A cheap nearest-pixel copy no larger than 320 pixels a side with the
     /// aspect of pixelSize. Any thread; well under a millisecond.
     static QImage quickCopy(const CropEngine::Buffer& buffer, QSize pixelSize);

@@ -1,5 +1,6 @@
 #include "ui/slidereveal.h"
 
+#include <QEvent>
 #include <QVariantAnimation>
 #include <QWidget>
 
@@ -22,6 +23,21 @@ SlideReveal::SlideReveal(QWidget* widget, Qt::Orientation orientation, int durat
         setExtent(m_from + qRound((target - m_from) * value.toReal()));
     });
     connect(m_animation, &QVariantAnimation::finished, this, &SlideReveal::finish);
+    widget->installEventFilter(this);
+}
+
+bool SlideReveal::eventFilter(QObject* watched, QEvent* event)
+{
+    // The widget's content asks for another size (the header's second
+    // arrangement): grow or shrink to it over the same time, instead of
+    // jumping, from the size it has now.
+    if (watched == m_widget && event->type() == QEvent::LayoutRequest && m_shown && !m_widget->isHidden()
+        && m_animation->state() != QAbstractAnimation::Running && m_widget->window()->isVisible()) {
+        const int now = currentExtent();
+        if (now > 0 && naturalExtent() != now)
+            animateFrom(now);
+    }
+    return QObject::eventFilter(watched, event);
 }
 
 int SlideReveal::naturalExtent() const
@@ -71,7 +87,12 @@ void SlideReveal::setShown(bool shown, bool animated)
         return;
     }
 
-    m_from = currentExtent();
+    animateFrom(currentExtent());
+}
+
+void SlideReveal::animateFrom(int extent)
+{
+    m_from = extent;
     setExtent(m_from);
     m_widget->setVisible(true);
     m_animation->setStartValue(0.0);

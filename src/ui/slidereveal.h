@@ -12,7 +12,8 @@ namespace orvane {
 /// Animates a widget's maximum height (vertical) or width (horizontal)
 /// between 0 and its natural size with an ease-in-out curve; the widget is
 /// hidden once shut. A change of direction mid-way starts from where the
-/// widget is. Child of the widget it animates; main thread only.
+/// widget is. While open, a change of its natural size (new content) is
+/// animated the same way. Child of the widget it animates; main thread only.
 class SlideReveal : public QObject {
     Q_OBJECT
 
@@ -25,9 +26,17 @@ public:
     /// Where the widget is going: true while open or opening.
     bool isShown() const { return m_shown; }
 
+    /// The extent the widget is heading for: its natural size, or 0 when shut.
+    int targetExtent() const { return m_shown ? naturalExtent() : 0; }
+    /// The height (vertical) or width (horizontal) it has now.
+    int currentExtent() const;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private:
     int naturalExtent() const;
-    int currentExtent() const;
+    void animateFrom(int extent);
     void setExtent(int extent);
     void finish();
 

@@ -1,19 +1,30 @@
 #include "ui/theme.h"
 
+#include <cmath>
+
+#include "ui/painting.h"
+
 namespace orvane::Theme {
 
 namespace {
-QColor withAlpha(QColor colour, double alpha)
+
+double linear(double channel)
 {
-    colour.setAlphaF(float(alpha));
-    return colour;
+    return channel <= 0.04045 ? channel / 12.92 : std::pow((channel + 0.055) / 1.055, 2.4);
 }
+
+double luminance(const QColor& colour)
+{
+    return 0.2126 * linear(colour.redF()) + 0.7152 * linear(colour.greenF()) + 0.0722 * linear(colour.blueF());
+}
+
 } // namespace
 
 QColor accent(const QPalette& palette) { return palette.color(QPalette::Highlight); }
-QColor secondary(const QPalette& palette) { return withAlpha(palette.color(QPalette::WindowText), 0.55); }
-QColor tertiary(const QPalette& palette) { return withAlpha(palette.color(QPalette::WindowText), 0.35); }
-QColor quaternary(const QPalette& palette) { return withAlpha(palette.color(QPalette::WindowText), 0.15); }
+QColor accentText(const QPalette& palette) { return readable(accent(palette), bar(palette)); }
+QColor secondary(const QPalette& palette) { return Painting::withOpacity(palette.color(QPalette::WindowText), 0.62); }
+QColor tertiary(const QPalette& palette) { return Painting::withOpacity(palette.color(QPalette::WindowText), 0.35); }
+QColor quaternary(const QPalette& palette) { return Painting::withOpacity(palette.color(QPalette::WindowText), 0.15); }
 
 QColor bar(const QPalette& palette)
 {
@@ -22,8 +33,42 @@ QColor bar(const QPalette& palette)
     return window.lightness() > 128 ? window.darker(104) : window.lighter(118);
 }
 
-QColor orange() { return QColor(0xF0, 0x8A, 0x00); }
-QColor green() { return QColor(0x2E, 0xA0, 0x43); }
+QColor badge(const QPalette& palette) { return Painting::over(quaternary(palette), bar(palette)); }
+QColor badgeText(const QPalette& palette) { return readable(secondary(palette), badge(palette)); }
+
+QColor selection(const QPalette& palette, QPalette::ColorGroup group, bool quiet)
+{
+    const QColor highlight = palette.color(group, QPalette::Highlight);
+    const QColor shown = Painting::over(Painting::withOpacity(highlight, quiet ? 0.75 : 1.0), bar(palette));
+    return readable(shown, palette.color(group, QPalette::HighlightedText));
+}
+
+QColor orange(const QPalette& palette) { return readable(QColor(0xF0, 0x8A, 0x00), bar(palette)); }
+QColor green(const QPalette& palette) { return readable(QColor(0x2E, 0xA0, 0x43), bar(palette)); }
+
+double contrast(const QColor& foreground, const QColor& background)
+{
+    const double a = luminance(Painting::over(foreground, background)) + 0.05;
+    const double b = luminance(background) + 0.05;
+    return a > b ? a / b : b / a;
+}
+
+QColor readable(const QColor& colour, const QColor& background, double minimumContrast)
+{
+    QColor shown = Painting::over(colour, background);
+    if (contrast(shown, background) >= minimumContrast)
+        return colour;
+    // Lightness in small steps, hue and saturation kept: the orange of a
+    // light theme becomes a burnt orange, not a brown of another hue.
+    const bool darken = luminance(background) > 0.18;
+    float h = 0, s = 0, l = 0, a = 0;
+    shown.getHslF(&h, &s, &l, &a);
+    for (int step = 0; step < 100 && contrast(shown, background) < minimumContrast; ++step) {
+        l = darken ? std::max(0.0f, l - 0.01f) : std::min(1.0f, l + 0.01f);
+        shown = QColor::fromHslF(h, s, l);
+    }
+    return shown;
+}
 
 QFont font(TextStyle style, const QFont& base)
 {

@@ -15,6 +15,9 @@
 #include "model/cropmodel.h"
 #include "ui/contentview.h"
 #include "ui/dropzone.h"
+#include "ui/elidingbutton.h"
+#include "ui/imagepreview.h"
+#include "ui/messagelabel.h"
 #include "windowtestsupport.h"
 
 using namespace orvane;
@@ -125,6 +128,91 @@ private Q_SLOTS:
         QTRY_COMPARE(shown(view, "toleranceRow"), toleranceRow);
         // Whatever is shown, the window's content never gets smaller than this.
         QCOMPARE(view.minimumSize(), QSize(480, 360));
+    }
+
+    // Five images, the drawer shown and a save confirmation with a long name:
+    // at the smallest window every label is whole or ends in "…" (never cut
+    // mid-letter) and the message shows all of its at most two lines; at the
+    // default size nothing needs shortening.
+    void controlsFitTheWindow_data()
+    {
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<bool>("shortened");
+        QTest::newRow("smallest") << QSize(480, 360) << true;
+        QTest::newRow("smallest, tall") << QSize(480, 600) << true;
+        QTest::newRow("default") << QSize(720, 540) << false;
+    }
+    void controlsFitTheWindow()
+    {
+        QFETCH(QSize, size);
+        QFETCH(bool, shortened);
+        ContentView view;
+        view.resize(size);
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QList<QUrl> urls{image(QStringLiteral("museum-catalogue-cover-spread-final-approved-for-print.png"))};
+        for (int i = 1; i < 5; ++i)
+            urls << image(QStringLiteral("fit-%1.png").arg(i));
+        view.openUrls(urls);
+        QTRY_COMPARE(int(view.model()->items().size()), 5);
+        view.model()->saveOverOriginal();
+        QTRY_VERIFY(view.model()->saveConfirmation().has_value());
+        QTRY_VERIFY(shown(view, "drawerPlace"));
+        QTest::qWait(400); // the drawer's slide
+        QCOMPARE(view.size(), size);
+
+        bool anyShortened = false;
+        QList<ElidingButton*> buttons = view.findChildren<ElidingButton*>();
+        buttons.removeIf([&](const ElidingButton* button) { return !button->isVisibleTo(&view); });
+        QCOMPARE(buttons.size(), 3);
+        for (const ElidingButton* button : buttons) {
+            const QString label = button->displayedText();
+            QVERIFY2(button->fontMetrics().horizontalAdvance(label) <= button->labelWidth(), qPrintable(label));
+            QVERIFY2(label == button->text() || (label.endsWith(QStringLiteral("…")) && label.size() > 1),
+                     qPrintable(label));
+            anyShortened = anyShortened || label != button->text();
+        }
+        QCOMPARE(anyShortened, shortened);
+
+        const auto* message = view.findChild<MessageLabel*>(QStringLiteral("statusText"));
+        const QString text = message->displayedText();
+        const int lines = MessageLabel::lineCount(text, message->font(), message->width());
+        QVERIFY(lines >= 1 && lines <= 2);
+        QVERIFY2(message->height() >= lines * message->fontMetrics().lineSpacing(), qPrintable(text));
+        QVERIFY(text.startsWith(QStringLiteral("Saved museum")));
+        QVERIFY(text.endsWith(QStringLiteral(".png — next image ready.")));
+        const QRect inWindow(message->mapTo(&view, QPoint(0, 0)), message->size());
+        QVERIFY(view.rect().contains(inWindow));
+    }
+
+    // The first image cross-fades in while the header slides open above it;
+    // the image is placed where it will settle from the first frame on, so
+    // the header never pushes it down mid-reveal.
+    void imageStaysPutWhileTheHeaderSlidesIn()
+    {
+        ContentView view;
+        view.resize(720, 540);
+        view.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        view.openUrls({image(QStringLiteral("arrival.png"))});
+        const auto* preview = view.findChild<ImagePreview*>(QStringLiteral("preview"));
+        const auto* header = view.findChild<QWidget*>(QStringLiteral("headerPlace"));
+        QList<QRectF> places;
+        QList<int> headerHeights;
+        for (int wait = 0; wait < 1000 && !preview->isVisible(); ++wait)
+            QTest::qWait(1);
+        for (int frame = 0; frame < 40 && (headerHeights.isEmpty() || header->height() != headerHeights.last());
+             ++frame) {
+            places << preview->imageRect().translated(preview->mapTo(&view, QPoint(0, 0)));
+            headerHeights << (header->isVisible() ? header->height() : 0);
+            QTest::qWait(8);
+        }
+        QTest::qWait(300);
+        const QRectF settled = preview->imageRect().translated(preview->mapTo(&view, QPoint(0, 0)));
+        if (headerHeights.first() >= header->height())
+            QSKIP("the header was open before the first look: nothing seen mid-slide");
+        for (const QRectF& place : places)
+            QCOMPARE(place, settled);
     }
 
     void removingItemsHidesDrawerThenHeader()

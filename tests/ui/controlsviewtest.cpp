@@ -6,11 +6,13 @@
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QStyle>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include "model/cropmodel.h"
 #include "ui/controlsview.h"
+#include "ui/messagelabel.h"
 #include "ui/theme.h"
 #include "windowtestsupport.h"
 
@@ -82,12 +84,113 @@ private Q_SLOTS:
         QCOMPARE(status.text, text);
     }
 
+    // Text must be read on the bar in the light and the dark palette: 4.5:1
+    // for the status messages, the sizes, the position badge and every
+    // secondary text.
+    void textColoursReadOnTheBar_data()
+    {
+        QTest::addColumn<QPalette>("palette");
+        QTest::addColumn<int>("which");
+        const QPalette light = QApplication::style()->standardPalette();
+        const QPalette dark = test::darkPalette();
+        const char* names[] = {"orange", "green", "accent text", "secondary", "badge", "selected row",
+                               "quiet selected row"};
+        for (int which = 0; which < 7; ++which) {
+            QTest::addRow("light, %s", names[which]) << light << which;
+            QTest::addRow("dark, %s", names[which]) << dark << which;
+        }
+        // A theme whose own colours are close to the bar's.
+        QPalette pale = light;
+        pale.setColor(QPalette::Highlight, QColor(0x9C, 0xC8, 0xF0));
+        QTest::addRow("pale accent") << pale << 2;
+    }
+    void textColoursReadOnTheBar()
+    {
+        QFETCH(QPalette, palette);
+        QFETCH(int, which);
+        const QColor highlightedText = palette.color(QPalette::HighlightedText);
+        const QColor colours[] = {Theme::orange(palette), Theme::green(palette), Theme::accentText(palette),
+                                  Theme::secondary(palette), Theme::badgeText(palette), highlightedText,
+                                  highlightedText};
+        // The badge's text sits on its grey capsule, a marked row's on the
+        // marking, the rest on the bar.
+        const QColor background = which == 4   ? Theme::badge(palette)
+                                  : which == 5 ? Theme::selection(palette)
+                                  : which == 6 ? Theme::selection(palette, QPalette::Inactive, true)
+                                               : Theme::bar(palette);
+        const double ratio = Theme::contrast(colours[which], background);
+        QVERIFY2(ratio >= 4.5, qPrintable(QStringLiteral("%1:1").arg(ratio, 0, 'f', 2)));
+        // The secondary grey also sits on the window colour (the drop zone).
+        if (which == 3)
+            QVERIFY(Theme::contrast(colours[which], palette.color(QPalette::Window)) >= 4.5);
+    }
+
+    void contrastMeasure_data()
+    {
+        QTest::addColumn<QColor>("foreground");
+        QTest::addColumn<QColor>("background");
+        QTest::addColumn<double>("ratio");
+        QTest::newRow("black on white") << QColor(Qt::black) << QColor(Qt::white) << 21.0;
+        QTest::newRow("white on black") << QColor(Qt::white) << QColor(Qt::black) << 21.0;
+        QTest::newRow("equal") << QColor(0x80, 0x80, 0x80) << QColor(0x80, 0x80, 0x80) << 1.0;
+        QTest::newRow("mid grey on white") << QColor(0x76, 0x76, 0x76) << QColor(Qt::white) << 4.54;
+        QTest::newRow("half-transparent black on white") << QColor(0, 0, 0, 128) << QColor(Qt::white) << 4.0;
+    }
+    void contrastMeasure()
+    {
+        QFETCH(QColor, foreground);
+        QFETCH(QColor, background);
+        QFETCH(double, ratio);
+        QVERIFY(qAbs(Theme::contrast(foreground, background) - ratio) < 0.02);
+    }
+
+    // A message takes at most two lines: a long file name loses letters in
+    // its middle (its start and extension stay), and the rest of the message
+    // stays whole.
+    void longMessagesShortenTheName_data()
+    {
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<int>("width");
+        const QString name = QStringLiteral("museum-catalogue-cover-spread-final-approved-for-print.png");
+        QTest::newRow("fits as it is") << QStringLiteral("Saved a.png") << QStringLiteral("a.png") << 200;
+        QTest::newRow("confirmation, narrow")
+            << QStringLiteral("Saved %1 — next image ready.").arg(name) << name << 160;
+        QTest::newRow("confirmation, very narrow")
+            << QStringLiteral("Saved %1 — next image ready.").arg(name) << name << 125;
+        QTest::newRow("write error") << QStringLiteral("Couldn’t write to “%1”.").arg(name) << name << 150;
+        QTest::newRow("no name to shorten")
+            << QStringLiteral("Nothing to save. Nothing to save. Nothing to save. Nothing to save.") << QString() << 120;
+    }
+    void longMessagesShortenTheName()
+    {
+        QFETCH(QString, message);
+        QFETCH(QString, name);
+        QFETCH(int, width);
+        const QFont font = QApplication::font();
+        const QString shown = MessageLabel::fitted(message, name, font, width, 2);
+        QVERIFY2(MessageLabel::lineCount(shown, font, width) <= 2, qPrintable(shown));
+        if (MessageLabel::lineCount(message, font, width) <= 2) {
+            QCOMPARE(shown, message);
+            return;
+        }
+        QVERIFY2(shown.contains(QStringLiteral("…")), qPrintable(shown));
+        if (name.isEmpty())
+            return;
+        // Only the name changed: what comes before and after it is intact.
+        const qsizetype at = message.indexOf(name);
+        QVERIFY(shown.startsWith(message.left(at)));
+        QVERIFY(shown.endsWith(message.mid(at + name.size())));
+        if (width >= 150) // room for both ends of the name
+            QVERIFY2(shown.contains(QStringLiteral("museum")) && shown.contains(QStringLiteral(".png")), qPrintable(shown));
+    }
+
     void statusRowFollowsTheModel()
     {
         CropModel model;
         ControlsView controls(&model);
         auto* row = part<QWidget>(controls, "statusRow");
-        auto* text = part<QLabel>(controls, "statusText");
+        auto* text = part<MessageLabel>(controls, "statusText");
         QVERIFY(row->isHidden());
 
         // A failed opening: orange.
@@ -95,19 +198,19 @@ private Q_SLOTS:
         QTRY_VERIFY(!row->isHidden());
         QVERIFY(model.errorMessage());
         QCOMPARE(text->text(), *model.errorMessage());
-        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::orange());
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::orange(controls.palette()));
 
         // A save with another image left: green, "next image ready".
         model.open({image(QStringLiteral("status-1.png")), image(QStringLiteral("status-2.png"))});
         const QString first = model.active()->url.fileName();
         model.saveOverOriginal();
         QTRY_COMPARE(text->text(), QStringLiteral("Saved %1 — next image ready.").arg(first));
-        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green(controls.palette()));
 
         // The last one: all saved.
         model.saveOverOriginal();
         QTRY_COMPARE(text->text(), QStringLiteral("All 2 images saved."));
-        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
+        QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green(controls.palette()));
     }
 
     void enabledStatesAndSaveShortcut()

@@ -46,6 +46,8 @@ private Q_SLOTS:
     void scaledCopyMadeOncePerSize();
     void stripesFromTileMatchLines_data();
     void stripesFromTileMatchLines();
+    void tinyImageEnlargedToWholePixels_data();
+    void tinyImageEnlargedToWholePixels();
 
 private:
     void openAndShow(const QList<QUrl>& urls);
@@ -344,3 +346,40 @@ void ImagePreviewTest::stripesFromTileMatchLines()
 
 ORVANE_VIEW_TEST_MAIN(ImagePreviewTest)
 #include "imagepreviewtest.moc"
+
+// A 3 × 3 white image with a black centre pixel, its content rectangle, fitted
+// at F = (78, 28, 200, 200): each image pixel becomes a sharp block of 66 or
+// 67 device pixels (the centre one x 145 to 210, y 95 to 160), and the
+// darkening and the 2-pixel outline start exactly at the block's edges; a
+// smoothed enlargement would spill grey past them.
+void ImagePreviewTest::tinyImageEnlargedToWholePixels_data()
+{
+    QTest::addColumn<QPoint>("at");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("left of the centre block") << QPoint(144, 128) << "darkened white";
+    QTest::newRow("centre block's left edge") << QPoint(145, 128) << "outline";
+    QTest::newRow("inside the outline") << QPoint(147, 128) << "black";
+    QTest::newRow("centre block's right edge") << QPoint(210, 128) << "outline";
+    QTest::newRow("right of the centre block") << QPoint(211, 128) << "darkened white";
+    QTest::newRow("above the centre block") << QPoint(178, 94) << "darkened white";
+    QTest::newRow("centre block's top edge") << QPoint(178, 95) << "outline";
+    QTest::newRow("centre block's bottom edge") << QPoint(178, 160) << "outline";
+    QTest::newRow("below the centre block") << QPoint(178, 161) << "darkened white";
+    QTest::newRow("corner block, next to its neighbour") << QPoint(144, 94) << "darkened white";
+}
+
+void ImagePreviewTest::tinyImageEnlargedToWholePixels()
+{
+    QFETCH(QPoint, at);
+    QFETCH(QString, expected);
+    openAndShow({writeBlockImage(QDir(m_dir->path()), "tiny.png", 3, 3, QRect(1, 1, 1, 1))});
+    waitUntilSettled();
+    QTRY_VERIFY(m_preview->imageCache().copiesMade() >= 1);
+    const QImage shot = m_preview->grab().toImage();
+    QCOMPARE(shot.devicePixelRatio(), 1.0);
+    const QColor colour = shot.pixelColor(at);
+    const QColor wanted = expected == "black"     ? QColor(Qt::black)
+                          : expected == "outline" ? Theme::accent(m_preview->palette())
+                                                  : QColor(140, 140, 140);
+    QVERIFY2(closeColour(colour, wanted, 3), qPrintable(describe(colour) + " vs " + describe(wanted)));
+}

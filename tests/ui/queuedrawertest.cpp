@@ -185,7 +185,7 @@ void QueueDrawerTest::removeByButtonAndKeys()
     m_model->open(writeImages(5));
     showDrawer();
     QTRY_VERIFY(m_drawer->removeButton()->isEnabled());
-    QCOMPARE(m_drawer->removeButton()->toolTip(), QStringLiteral("Remove the selected image (⌫)"));
+    QCOMPARE(m_drawer->removeButton()->toolTip(), QStringLiteral("Remove the selected image (Delete)"));
     QVERIFY(m_drawer->removeButton()->text().isEmpty() || m_drawer->removeButton()->toolButtonStyle() == Qt::ToolButtonIconOnly);
 
     // The button removes the active item; its neighbour becomes active.
@@ -348,7 +348,7 @@ void QueueDrawerTest::savedRowShowsCheckMark()
         const QRect row = list->visualRect(rowOf(fileName));
         const QImage shot = list->viewport()->grab(row).toImage();
         int count = 0;
-        const QColor green = Theme::green();
+        const QColor green = Theme::green(list->palette());
         for (int y = 0; y < shot.height(); ++y)
             for (int x = shot.width() - 40; x < shot.width(); ++x) {
                 const QColor c = shot.pixelColor(x, y);

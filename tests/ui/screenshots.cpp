@@ -1,7 +1,7 @@
 // Renders the real main window in named states and saves each as a PNG, so
 // that a person can look at the window without running it by hand.
 //
-//   orvane-screenshots [folder]      (default: ./screenshots)
+//   orvane-screenshots [folder [state…]]   (default: ./screenshots, every state)
 
 #include <functional>
 
@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QDragEnterEvent>
 #include <QMimeData>
+#include <QPainter>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -44,28 +45,12 @@ Images makeImages(const QDir& dir)
     return images;
 }
 
-// A dark desktop palette, set while the window is open (as when the user
-// switches themes), to see that every colour follows it.
-QPalette darkPalette()
+// The states asked for on the command line; empty: all of them.
+QStringList wanted;
+
+bool isWanted(const QString& name)
 {
-    QPalette p;
-    const QColor text(0xE6, 0xE6, 0xE6);
-    p.setColor(QPalette::Window, QColor(0x2B, 0x2B, 0x2B));
-    p.setColor(QPalette::WindowText, text);
-    p.setColor(QPalette::Base, QColor(0x1F, 0x1F, 0x1F));
-    p.setColor(QPalette::AlternateBase, QColor(0x26, 0x26, 0x26));
-    p.setColor(QPalette::Text, text);
-    p.setColor(QPalette::Button, QColor(0x3A, 0x3A, 0x3A));
-    p.setColor(QPalette::ButtonText, text);
-    p.setColor(QPalette::Highlight, QColor(0x3D, 0x8F, 0xD6));
-    p.setColor(QPalette::HighlightedText, Qt::white);
-    p.setColor(QPalette::Mid, QColor(0x50, 0x50, 0x50));
-    p.setColor(QPalette::Light, QColor(0x48, 0x48, 0x48));
-    p.setColor(QPalette::Dark, QColor(0x18, 0x18, 0x18));
-    p.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x80));
-    p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
-    p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
-    return p;
+    return wanted.isEmpty() || wanted.contains(name);
 }
 
 void settle()
@@ -76,6 +61,8 @@ void settle()
 bool shoot(const QString& folder, const QString& name, const std::function<void(MainWindow&, const QDir&)>& prepare,
            QSize size = {720, 540})
 {
+    if (!isWanted(name))
+        return true;
     QTemporaryDir temporary;
     const QDir dir(temporary.path());
     MainWindow window;
@@ -100,6 +87,8 @@ int main(int argc, char* argv[])
     QApplication::setApplicationName(QStringLiteral("Orvane"));
 
     const QString folder = argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("screenshots");
+    for (int i = 2; i < argc; ++i)
+        wanted << QString::fromLocal8Bit(argv[i]);
     if (!QDir().mkpath(folder)) {
         qCritical("cannot create %s", qPrintable(folder));
         return 1;
@@ -181,10 +170,10 @@ int main(int argc, char* argv[])
 
     const QPalette light = QApplication::palette();
     ok &= shoot(folder, QStringLiteral("dark-empty"),
-                [](MainWindow&, const QDir&) { QApplication::setPalette(darkPalette()); });
+                [](MainWindow&, const QDir&) { QApplication::setPalette(test::darkPalette()); });
     QApplication::setPalette(light);
     ok &= shoot(folder, QStringLiteral("dark-three-images"), [](MainWindow& window, const QDir& dir) {
-        QApplication::setPalette(darkPalette());
+        QApplication::setPalette(test::darkPalette());
         const Images images = makeImages(dir);
         window.contentView()->openUrls({images.poster, images.badge, images.sticker});
         window.contentView()->model()->saveOverOriginal();
@@ -205,6 +194,77 @@ int main(int argc, char* argv[])
             window.contentView()->openUrls({url});
         },
         {480, 360});
+
+    // The smallest window with the drawer: every label must still read.
+    ok &= shoot(
+        folder, QStringLiteral("smallest-queue"),
+        [](MainWindow& window, const QDir& dir) {
+            window.resize(1, 1);
+            QList<QUrl> urls;
+            for (int i = 1; i <= 5; ++i)
+                urls << test::writeImage(dir.filePath(QStringLiteral("page-%1.png").arg(i)), {900, 1200},
+                                         QRect(80, 100, 740, 1000), QColor::fromHsv(i * 61 % 360, 140, 210));
+            window.contentView()->openUrls(urls);
+            window.contentView()->model()->saveOverOriginal();
+        },
+        {480, 360});
+    // A save whose confirmation holds a long file name, in the narrow window.
+    ok &= shoot(
+        folder, QStringLiteral("saved-long-name"),
+        [](MainWindow& window, const QDir& dir) {
+            window.resize(1, 1);
+            const Images images = makeImages(dir);
+            const QUrl url = test::writeImage(
+                dir.filePath(QStringLiteral("museum-catalogue-cover-spread-final-approved-for-print.png")),
+                {1600, 900}, QRect(120, 60, 1360, 780), QColor(0x9B, 0x5D, 0xE5));
+            window.contentView()->openUrls({url, images.badge});
+            window.contentView()->model()->saveOverOriginal();
+        },
+        {480, 360});
+
+    // Keyboard focus on the slider, the buttons and the drawer's Add, each visible.
+    for (const char* name : {"tolerance", "saveOverOriginal", "open", "queueAdd"}) {
+        ok &= shoot(folder, QStringLiteral("focus-") + QLatin1String(name), [name](MainWindow& window, const QDir& dir) {
+            const Images images = makeImages(dir);
+            window.contentView()->openUrls({images.poster, images.badge});
+            window.activateWindow();
+            QTest::qWait(50); // the buttons are enabled on the next turn of the event loop
+            if (auto* widget = window.findChild<QWidget*>(QLatin1String(name)))
+                widget->setFocus(Qt::TabFocusReason);
+        });
+    }
+
+    // The first image arriving, as a strip of frames 30 ms apart: the drop
+    // zone and the image cross-fade over the same stripes while the header
+    // slides in.
+    if (isWanted(QStringLiteral("arrival-frames"))) {
+        QTemporaryDir temporary;
+        const QDir dir(temporary.path());
+        MainWindow window;
+        window.resize(720, 540);
+        window.show();
+        QTest::qWaitForWindowExposed(&window);
+        settle();
+        const Images images = makeImages(dir);
+        window.contentView()->openUrls({images.poster});
+        QList<QImage> frames;
+        for (int i = 0; i < 12; ++i) {
+            frames << window.grab().toImage();
+            QTest::qWait(30);
+        }
+        const QSize cell = frames.front().size() / 2;
+        QImage strip(QSize(cell.width() * 4, cell.height() * 3), QImage::Format_RGB32);
+        strip.fill(Qt::white);
+        QPainter painter(&strip);
+        painter.setRenderHint(QPainter::SmoothPixmapTransform);
+        for (int i = 0; i < int(frames.size()); ++i)
+            painter.drawImage(QRect(QPoint(i % 4 * cell.width(), i / 4 * cell.height()), cell), frames[i]);
+        painter.end();
+        const QString path = QDir(folder).filePath(QStringLiteral("arrival-frames.png"));
+        const bool saved = strip.save(path, "PNG");
+        qInfo("%s %s", saved ? "wrote" : "FAILED", qPrintable(path));
+        ok &= saved;
+    }
 
     return ok ? 0 : 1;
 }

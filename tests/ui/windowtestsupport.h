@@ -10,6 +10,7 @@
 #include <QImage>
 #include <QList>
 #include <QPainter>
+#include <QPalette>
 #include <QRect>
 #include <QString>
 #include <QUrl>
@@ -49,6 +50,30 @@ inline QUrl writeImage(const QString& path, QSize size, QRect content, QColor co
     painter.end();
     image.save(path, "PNG");
     return QUrl::fromLocalFile(path);
+}
+
+/// A dark desktop palette, as when the user switches themes, to see that
+/// every colour of the window follows it.
+inline QPalette darkPalette()
+{
+    QPalette p;
+    const QColor text(0xE6, 0xE6, 0xE6);
+    p.setColor(QPalette::Window, QColor(0x2B, 0x2B, 0x2B));
+    p.setColor(QPalette::WindowText, text);
+    p.setColor(QPalette::Base, QColor(0x1F, 0x1F, 0x1F));
+    p.setColor(QPalette::AlternateBase, QColor(0x26, 0x26, 0x26));
+    p.setColor(QPalette::Text, text);
+    p.setColor(QPalette::Button, QColor(0x3A, 0x3A, 0x3A));
+    p.setColor(QPalette::ButtonText, text);
+    p.setColor(QPalette::Highlight, QColor(0x3D, 0x8F, 0xD6));
+    p.setColor(QPalette::HighlightedText, Qt::white);
+    p.setColor(QPalette::Mid, QColor(0x50, 0x50, 0x50));
+    p.setColor(QPalette::Light, QColor(0x48, 0x48, 0x48));
+    p.setColor(QPalette::Dark, QColor(0x18, 0x18, 0x18));
+    p.setColor(QPalette::Disabled, QPalette::WindowText, QColor(0x80, 0x80, 0x80));
+    p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
+    p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
+    return p;
 }
 
 /// Writes bytes that are no image under a name that looks like one.
