@@ -18,7 +18,7 @@
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
-#include "imagefile/pngencoder.h"
+#include "imagefile/png/pngencoder.h"
 #include "support/libvipspng.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
-#include "imagefile/pngencoder.h"
+#include "imagefile/png/pngencoder.h"
 #include "support/libvipspng.h"
 
 namespace {

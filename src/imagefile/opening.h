@@ -12,7 +12,13 @@
 
 #include "imagefile/imagetype.h"
 
-namespace orvane::ImageFile::detail {
+namespace orvane::ImageFile {
+
+// Set by load() on an image whose file stored it without loss where its
+// format also allows lossy storage (WebP), so that save() keeps it that way.
+inline constexpr const char* kLosslessSourceField = "orvane-lossless-source";
+
+namespace detail {
 
 enum class Access {
     Header,     ///< only the header is read; the image stays null
@@ -39,4 +45,5 @@ std::optional<Opened> open(const QString& path, Access access);
 /// the pixels is made besides what the format's encoder itself holds.
 bool saveSequential(const vips::VImage& image, const QString& path, const ImageType& type);
 
-} // namespace orvane::ImageFile::detail
+} // namespace detail
+} // namespace orvane::ImageFile

@@ -1,7 +1,7 @@
 // Orvane's own PNG writer, held against libpng (through libvips) and zlib:
 // it must round-trip every pixel and compress no worse than zlib at
 // ImageMagick's default.
-#include "imagefile/pngencoder.h"
+#include "imagefile/png/pngencoder.h"
 
 #include <QDir>
 #include <QList>

@@ -1,7 +1,7 @@
 // The PNG writer's choice of colour type and bit depth: every reduction must
 // decode (through libpng) to exactly the pixels it was given, and a palette
 // chosen from a sample of rows must not cost more than the stated margin.
-#include "imagefile/pngencoder.h"
+#include "imagefile/png/pngencoder.h"
 
 #include "imagefiletestsupport.h"
 #include "support/libvipspng.h"

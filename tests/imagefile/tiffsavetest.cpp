@@ -3,7 +3,7 @@
 // comes out no larger than its share of the source; a PNG gets a resolution
 // only when its source had one. The sources are written by libvips here.
 #include "imagefile/imagesource.h"
-#include "imagefile/pngencoder.h"
+#include "imagefile/png/pngencoder.h"
 #include "imagefile/tiffdirectory.h"
 
 #include <QBuffer>

@@ -1,4 +1,4 @@
-#include "imagefile/pngencoder.h"
+#include "imagefile/png/pngencoder.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +10,7 @@
 
 #include <libdeflate.h>
 
-#include "imagefile/pngrows.h"
+#include "imagefile/png/pngrows.h"
 
 namespace orvane::PngEncoder {
 
