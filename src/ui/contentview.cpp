@@ -15,7 +15,6 @@
 #include "ui/dropzone.h"
 #include "ui/headerview.h"
 #include "ui/imagepreview.h"
-#include "ui/openprogressdialog.h"
 #include "ui/queuedrawer.h"
 #include "ui/slidereveal.h"
 
@@ -172,7 +171,7 @@ QList<QUrl> ContentView::fileUrls(const QMimeData* data)
 
 void ContentView::dragEnterEvent(QDragEnterEvent* event)
 {
-    if (m_opening || fileUrls(event->mimeData()).isEmpty()) {
+    if (fileUrls(event->mimeData()).isEmpty()) {
         event->ignore();
         return;
     }
@@ -182,7 +181,7 @@ void ContentView::dragEnterEvent(QDragEnterEvent* event)
 
 void ContentView::dragMoveEvent(QDragMoveEvent* event)
 {
-    if (m_opening || fileUrls(event->mimeData()).isEmpty()) {
+    if (fileUrls(event->mimeData()).isEmpty()) {
         event->ignore();
         return;
     }
@@ -199,7 +198,7 @@ void ContentView::dropEvent(QDropEvent* event)
 {
     setTargeted(false);
     const QList<QUrl> urls = fileUrls(event->mimeData());
-    if (m_opening || urls.isEmpty()) {
+    if (urls.isEmpty()) {
         event->ignore();
         return;
     }
@@ -211,26 +210,12 @@ void ContentView::dropEvent(QDropEvent* event)
 
 void ContentView::openUrls(const QList<QUrl>& urls)
 {
-    if (m_opening || urls.isEmpty())
-        return;
-    m_opening = true;
-    {
-        OpenProgressDialog progress(this);
-        m_model->open(urls, &progress);
-    }
-    m_opening = false;
+    m_model->open(urls);
 }
 
 void ContentView::openPanel()
 {
-    if (m_opening)
-        return;
-    m_opening = true;
-    {
-        OpenProgressDialog progress(this);
-        m_model->openPanel(&progress);
-    }
-    m_opening = false;
+    m_model->openPanel();
 }
 
 } // namespace orvane

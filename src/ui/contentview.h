@@ -39,19 +39,15 @@ public:
     /// True while a drag carrying file URLs hovers over the window.
     bool isTargeted() const { return m_targeted; }
 
-    /// True while an open started here runs; drops are refused meanwhile.
-    bool isOpening() const { return m_opening; }
-
     /// The local file URLs of dropped data, in drop order; every other URL
     /// (web addresses, remote files) left out.
     static QList<QUrl> fileUrls(const QMimeData* data);
 
-    /// Opens urls through the model in one call, with the progress dialog for
-    /// a long open. Ignored while another open runs.
+    /// Opens urls through the model in one call; the images join the queue
+    /// as they are read, after those of an open still running.
     void openUrls(const QList<QUrl>& urls);
 
-    /// Runs the model's open panel and opens what the user picks, with the
-    /// progress dialog for a long open. Ignored while another open runs.
+    /// Runs the model's open panel and opens what the user picks.
     void openPanel();
 
 protected:
@@ -80,7 +76,6 @@ private:
     SlideReveal* m_headerReveal;
 
     bool m_targeted = false;
-    bool m_opening = false;
 };
 
 } // namespace orvane

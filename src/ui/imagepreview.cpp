@@ -79,10 +79,18 @@ std::array<double, 4> targetFractions(const CropModel& model, bool revealed)
     const std::optional<PixelRect> content = model.activeContentRect();
     if (!content)
         return wholeImage;
-    const double w = double(item->buffer.width());
-    const double h = double(item->buffer.height());
+    const double w = double(item->width());
+    const double h = double(item->height());
     return {double(content->x) / w, double(content->y) / h, double(content->width) / w,
             double(content->height) / h};
+}
+
+// The preview copy once it has been read; until then the thumbnail, scaled
+// up, with the content rectangle already right.
+Raster shownRaster(const CropModel& model, const CropModel::Item& item)
+{
+    const Raster preview = model.activePreview();
+    return preview.isNull() ? item.summary->thumbnail : preview;
 }
 
 } // namespace
@@ -145,8 +153,8 @@ QRectF ImagePreview::shownImageRect() const
     const CropModel::Item* item = m_model->active();
     if (!item)
         return QRectF();
-    const double w = double(item->buffer.width());
-    const double h = double(item->buffer.height());
+    const double w = double(item->width());
+    const double h = double(item->height());
     return QRectF(m_springs[0].value() * w, m_springs[1].value() * h, m_springs[2].value() * w,
                   m_springs[3].value() * h);
 }
@@ -156,8 +164,8 @@ QRectF ImagePreview::targetImageRect() const
     const CropModel::Item* item = m_model->active();
     if (!item)
         return QRectF();
-    const double w = double(item->buffer.width());
-    const double h = double(item->buffer.height());
+    const double w = double(item->width());
+    const double h = double(item->height());
     return QRectF(m_springs[0].target() * w, m_springs[1].target() * h, m_springs[2].target() * w,
                   m_springs[3].target() * h);
 }
@@ -270,18 +278,18 @@ void ImagePreview::paintEvent(QPaintEvent*)
     QImage scaled;
     if (item) {
         const QRectF area = QRectF(rect()).adjusted(imageInset, imageInset, -imageInset, -imageInset);
-        fitted = snapped(PreviewGeometry::fittedRect(item->buffer.width(), item->buffer.height(), area.size())
+        fitted = snapped(PreviewGeometry::fittedRect(item->width(), item->height(), area.size())
                              .translated(area.topLeft()),
                          dpr);
         pixels = QSize(qRound(fitted.width() * dpr), qRound(fitted.height() * dpr));
         if (!pixels.isEmpty())
-            scaled = m_images->image(item->id, item->buffer, pixels);
+            scaled = m_images->image(item->id, shownRaster(*m_model, *item), pixels);
     }
     painter.drawImage(0, 0, backgroundFor(fitted, pixels, scaled, dpr));
     if (!item)
         return;
     if (!pixels.isEmpty())
-        paintContent(painter, fitted, item->buffer.width());
+        paintContent(painter, fitted, item->width());
     paintHighlight(painter);
 }
 

@@ -87,12 +87,11 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     QPainterPath rounded;
     rounded.addRoundedRect(frame, thumbnailRadius, thumbnailRadius);
     painter->fillPath(rounded, withAlpha(text, 0.15));
-    const CropEngine::Buffer& buffer = item.buffer;
-    const QRectF fitted = PreviewGeometry::fittedRect(buffer.width(), buffer.height(), frame.size())
+    const QRectF fitted = PreviewGeometry::fittedRect(item.width(), item.height(), frame.size())
                               .translated(frame.topLeft());
     const double dpr = painter->device() ? painter->device()->devicePixelRatioF() : 1.0;
-    const QImage thumbnail =
-        m_thumbnails->image(item.id, buffer, thumbnailPixels(buffer.width(), buffer.height(), dpr));
+    const QImage thumbnail = m_thumbnails->image(item.id, item.summary->thumbnail,
+                                                 thumbnailPixels(item.width(), item.height(), dpr));
     if (!thumbnail.isNull()) {
         painter->save();
         painter->setClipPath(rounded);
