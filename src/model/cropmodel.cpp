@@ -139,6 +139,12 @@ void CropModel::setPanels(Panels* panels)
     m_panels = panels;
 }
 
+bool CropModel::hasFullImage(const QUuid& id) const
+{
+    const auto found = m_cache.find(id);
+    return found != m_cache.end() && found->second.decoded != nullptr;
+}
+
 std::uint64_t CropModel::cachedBytes() const
 {
     std::uint64_t total = 0;
@@ -533,21 +539,31 @@ void CropModel::decodeIfNeeded(const QUuid& id)
     if (!item.url.isLocalFile())
         return;
     m_decoding.insert(id);
-    m_source->run(decodeBytes(*item.summary), [source = m_source, mailbox = m_mailbox, id,
+    // The summary the decode starts from: a result that lands after the item
+    // was read anew (a save over it) is older than what the item shows.
+    const ImageFile::Summary* basis = item.summary.get();
+    m_source->run(decodeBytes(*item.summary), [source = m_source, mailbox = m_mailbox, id, basis,
                                                path = item.url.toLocalFile()] {
         std::optional<ImageFile::Decoded> decoded = source->decode(path);
         const bool missing = !decoded && !source->identify(path);
         auto shared = decoded ? std::make_shared<const ImageFile::Decoded>(std::move(*decoded)) : nullptr;
-        mailbox->post([id, shared, missing](CropModel* model) { model->decodeLanded(id, shared, missing); });
+        mailbox->post([id, basis, shared, missing](CropModel* model) {
+            model->decodeLanded(id, basis, shared, missing);
+        });
     });
 }
 
-void CropModel::decodeLanded(const QUuid& id, std::shared_ptr<const ImageFile::Decoded> decoded, bool missing)
+void CropModel::decodeLanded(const QUuid& id, const ImageFile::Summary* basis,
+                             std::shared_ptr<const ImageFile::Decoded> decoded, bool missing)
 {
     m_decoding.remove(id);
     const int i = indexOf(id);
     if (i < 0)
         return;
+    if (m_items[std::size_t(i)].summary.get() != basis || hasFullImage(id)) {
+        imagesInViewChanged();
+        return;
+    }
     const bool isActive = m_activeID && *m_activeID == id;
     const QString name = fileNameOf(m_items[std::size_t(i)].url);
     if (!decoded) {
@@ -691,45 +707,62 @@ void CropModel::startSave(const QString& destination, bool overOriginal)
                 image = std::make_shared<const ImageFile::Decoded>(std::move(*fresh));
         const std::optional<FileIdentity> now = source->identify(source_path);
         const QString name = QUrl::fromLocalFile(destination).fileName();
-        if (!image || !now) {
-            mailbox->post([id, name](CropModel* model) { model->saveLanded(id, name, false, nullptr, false, true); });
-            return;
-        }
-        if (!(image->summary.identity == seen) || !(*now == seen)) {
-            std::shared_ptr<const ImageFile::Decoded> current;
-            if (std::optional<ImageFile::Decoded> fresh = source->decode(source_path))
-                current = std::make_shared<const ImageFile::Decoded>(std::move(*fresh));
-            mailbox->post([id, name, current](CropModel* model) {
-                model->saveLanded(id, name, false, current, true, !current);
+        auto landed = [mailbox, id, name](SaveOutcome outcome, std::shared_ptr<const ImageFile::Decoded> current) {
+            mailbox->post([id, name, outcome, current](CropModel* model) {
+                model->saveLanded(id, name, outcome, current);
             });
+        };
+        if (!now) {
+            landed(SaveOutcome::Gone, nullptr);
             return;
         }
-        const bool written = source->saveCropped(*image, rect, destination, type);
-        std::shared_ptr<const ImageFile::Decoded> current;
-        if (written && overOriginal) {
-            // Read back what was written: the item now shows the trimmed
-            // image. A failed reload keeps the old image, silently.
-            if (std::optional<ImageFile::Decoded> fresh = source->decode(source_path))
-                current = std::make_shared<const ImageFile::Decoded>(std::move(*fresh));
+        if (image && image->summary.identity == seen && *now == seen) {
+            const bool written = source->saveCropped(*image, rect, destination, type);
+            image.reset();
+            std::shared_ptr<const ImageFile::Decoded> current;
+            if (written && overOriginal) {
+                // Read back what was written: the item now shows the trimmed
+                // image. A failed reload keeps the old image, silently.
+                if (std::optional<ImageFile::Decoded> fresh = source->decode(source_path))
+                    current = std::make_shared<const ImageFile::Decoded>(std::move(*fresh));
+            }
+            landed(written ? SaveOutcome::Written : SaveOutcome::WriteFailed, current);
+            return;
         }
-        image.reset();
-        mailbox->post([id, name, written, current](CropModel* model) {
-            model->saveLanded(id, name, written, current, false, false);
-        });
+        if (image && !(image->summary.identity == seen)) {
+            // Decoded here from a file that changed since the user saw it.
+            landed(SaveOutcome::Stale, image);
+            return;
+        }
+        if (!image) {
+            landed(SaveOutcome::Unreadable, nullptr);
+            return;
+        }
+        // The file changed after its image was read: read it as it is now.
+        std::shared_ptr<const ImageFile::Decoded> current;
+        if (std::optional<ImageFile::Decoded> fresh = source->decode(source_path))
+            current = std::make_shared<const ImageFile::Decoded>(std::move(*fresh));
+        landed(current ? SaveOutcome::Stale : SaveOutcome::Unreadable, current);
     });
 }
 
-void CropModel::saveLanded(const QUuid& id, const QString& name, bool written,
-                           std::shared_ptr<const ImageFile::Decoded> current, bool stale, bool missing)
+void CropModel::saveLanded(const QUuid& id, const QString& name, SaveOutcome outcome,
+                           std::shared_ptr<const ImageFile::Decoded> current)
 {
     setSaving(id, false);
     const int index = indexOf(id);
     const QString itemName = index >= 0 ? fileNameOf(m_items[std::size_t(index)].url) : name;
-    if (missing) {
+    switch (outcome) {
+    case SaveOutcome::Gone:
         setErrorMessage(goneMessage(itemName));
         return;
-    }
-    if (stale) {
+    case SaveOutcome::Unreadable:
+        setErrorMessage(unreadableMessage(itemName));
+        return;
+    case SaveOutcome::WriteFailed:
+        setErrorMessage(writeFailedMessage(name));
+        return;
+    case SaveOutcome::Stale:
         // Nothing was written: the item shows the file as it is now, and
         // the user saves again if the new rectangle suits.
         if (index >= 0 && current) {
@@ -740,10 +773,8 @@ void CropModel::saveLanded(const QUuid& id, const QString& name, bool written,
         setErrorMessage(reloadedMessage(itemName));
         recomputeActive();
         return;
-    }
-    if (!written) {
-        setErrorMessage(writeFailedMessage(name));
-        return;
+    case SaveOutcome::Written:
+        break;
     }
     if (index >= 0) {
         if (current) {

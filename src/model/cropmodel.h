@@ -126,6 +126,9 @@ public:
     Raster activePreview() const { return m_activePreview; }
     /// Whether the item's image is being written; its saves wait meanwhile.
     bool isSaving(const QUuid& id) const { return m_saving.contains(id); }
+    /// Whether the item's full image is in memory, so that a save of it
+    /// starts writing at once and shows the pixels the user saw.
+    bool hasFullImage(const QUuid& id) const;
     /// Absent unless an open runs.
     std::optional<Opening> opening() const { return m_opening; }
 
@@ -206,7 +209,8 @@ private:
     // Images in view.
     void imagesInViewChanged();
     void decodeIfNeeded(const QUuid& id);
-    void decodeLanded(const QUuid& id, std::shared_ptr<const ImageFile::Decoded> decoded, bool missing);
+    void decodeLanded(const QUuid& id, const ImageFile::Summary* basis,
+                      std::shared_ptr<const ImageFile::Decoded> decoded, bool missing);
     void replaceSummary(const QUuid& id, const ImageFile::Summary& summary);
     void evict();
     void publishActivePreview();
@@ -214,8 +218,9 @@ private:
 
     // Saving.
     void startSave(const QString& destination, bool overOriginal);
-    void saveLanded(const QUuid& id, const QString& name, bool written,
-                    std::shared_ptr<const ImageFile::Decoded> current, bool stale, bool missing);
+    enum class SaveOutcome { Written, WriteFailed, Stale, Gone, Unreadable };
+    void saveLanded(const QUuid& id, const QString& name, SaveOutcome outcome,
+                    std::shared_ptr<const ImageFile::Decoded> current);
     void setSaving(const QUuid& id, bool saving);
 
     Panels* m_panels = nullptr;

@@ -40,6 +40,13 @@ void writeLetterImage(const QString& path, int index);
 vips::VImage readBack(const QString& path);
 
 QList<QUrl> urls(const QStringList& paths);
+/// Opens urls and waits until every file has joined or been counted.
+void openAll(CropModel& model, const QList<QUrl>& urls);
+/// Runs the save command and waits until the write is done.
+void saveOver(CropModel& model);
+void saveAsNew(CropModel& model);
+/// Waits until no open runs and no save is being written.
+bool settle(CropModel& model);
 /// The file names of the queued items, in queue order.
 QStringList itemNames(const CropModel& model);
 /// The file name of the active item, or "none".
@@ -48,7 +55,9 @@ QString activeName(const CropModel& model);
 QUuid idOf(const CropModel& model, const QString& fileName);
 QRect toQRect(const std::optional<PixelRect>& rect);
 
-/// Records the property behind every willChange() in order.
+/// Records the property behind every willChange() in order: the six the
+/// window's design names (the preview copy, saves in flight and the opens'
+/// progress are left out).
 class Notes {
 public:
     explicit Notes(CropModel& model);

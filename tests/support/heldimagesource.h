@@ -1,0 +1,103 @@
+// An image source whose reads and decodes wait until the test lets each file
+// go, so that a test decides the order in which files finish. Every job runs
+// on a thread of its own pool, so a held file never keeps another from
+// starting.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+#include <QFileInfo>
+#include <QSet>
+#include <QThreadPool>
+
+#include "model/imagesource.h"
+
+namespace orvane::test {
+
+class HeldImageSource : public ImageSource {
+public:
+    enum class Step { Index, Decode };
+
+    ~HeldImageSource() override { releaseAll(); }
+
+    void run(std::uint64_t, std::function<void()> job) override { pool().start(std::move(job)); }
+
+    std::optional<ImageFile::Indexed> index(const QString& path, bool withPreview) override
+    {
+        wait(Step::Index, path);
+        return ImageSource::index(path, withPreview);
+    }
+    std::optional<ImageFile::Decoded> decode(const QString& path) override
+    {
+        wait(Step::Decode, path);
+        return ImageSource::decode(path);
+    }
+
+    /// From now on, files wait at step until released by name.
+    void hold(Step step)
+    {
+        std::lock_guard lock(m_mutex);
+        held(step) = true;
+    }
+    /// Lets the file with this name through step (now or when it gets there).
+    void release(Step step, const QString& fileName)
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            released(step).insert(fileName);
+        }
+        m_changed.notify_all();
+    }
+    /// Lets every file through and holds none any more.
+    void releaseAll()
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            m_holdIndex = m_holdDecode = false;
+        }
+        m_changed.notify_all();
+    }
+    /// How many files wait at step now.
+    int waiting(Step step)
+    {
+        std::lock_guard lock(m_mutex);
+        return step == Step::Index ? m_waitingIndex : m_waitingDecode;
+    }
+
+private:
+    static QThreadPool& pool()
+    {
+        // Lives as long as the process: a job may hold the last reference
+        // to its source, and a pool must not wait for itself.
+        static QThreadPool* threads = [] {
+            auto* made = new QThreadPool;
+            made->setMaxThreadCount(64);
+            return made;
+        }();
+        return *threads;
+    }
+    bool& held(Step step) { return step == Step::Index ? m_holdIndex : m_holdDecode; }
+    QSet<QString>& released(Step step) { return step == Step::Index ? m_releasedIndex : m_releasedDecode; }
+
+    void wait(Step step, const QString& path)
+    {
+        const QString name = QFileInfo(path).fileName();
+        std::unique_lock lock(m_mutex);
+        int& count = step == Step::Index ? m_waitingIndex : m_waitingDecode;
+        ++count;
+        m_changed.wait(lock, [&] { return !held(step) || released(step).contains(name); });
+        --count;
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_holdIndex = false;
+    bool m_holdDecode = false;
+    QSet<QString> m_releasedIndex;
+    QSet<QString> m_releasedDecode;
+    int m_waitingIndex = 0;
+    int m_waitingDecode = 0;
+};
+
+} // namespace orvane::test
