@@ -4,7 +4,6 @@
 #include <atomic>
 #include <mutex>
 
-#include <QThread>
 
 #include "imagefile/imagefile.h"
 #include "model/imagesource.h"
@@ -53,13 +52,6 @@ struct CropModel::OpenRun {
 };
 
 namespace {
-
-// Index jobs in flight at once: enough to keep every core busy, few enough
-// that a save or the active image's decode queued behind them starts soon.
-int readingSlots()
-{
-    return std::max(2, 2 * QThread::idealThreadCount());
-}
 
 // Memory a job may need: an index streams, a decode holds the image.
 constexpr std::uint64_t indexBytes = std::uint64_t(64) << 20;
@@ -284,7 +276,7 @@ void CropModel::listed(std::uint64_t serial, const QList<QUrl>& expanded)
 
 void CropModel::startReading(OpenRun& run)
 {
-    while (run.listed && run.nextToStart < int(run.slots.size()) && m_reading < readingSlots()) {
+    while (run.listed && run.nextToStart < int(run.slots.size()) && m_reading < m_source->parallelReads()) {
         const int slot = run.nextToStart++;
         const QUrl url = run.expanded[slot];
         // The first file of an open is likely to be shown at once: its
@@ -521,9 +513,14 @@ void CropModel::imagesInViewChanged()
         const QUuid id = item->id;
         decodeIfNeeded(id);
         const auto cached = m_cache.find(id);
-        if (cached != m_cache.end() && cached->second.decoded)
-            if (const std::optional<QUuid> next = nextUnsavedAfter(id))
+        const std::optional<QUuid> next = nextUnsavedAfter(id);
+        // Only when it fits beside the active one: a decode that eviction
+        // threw away at once would only be made again.
+        if (cached != m_cache.end() && cached->second.decoded && next) {
+            const Item& following = m_items[std::size_t(indexOf(*next))];
+            if (cached->second.bytes() + decodeBytes(*following.summary) <= m_cacheBudget)
                 decodeIfNeeded(*next);
+        }
     }
 }
 

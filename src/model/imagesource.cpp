@@ -1,5 +1,9 @@
 #include "model/imagesource.h"
 
+#include <algorithm>
+
+#include <QThread>
+
 #include "imagefile/imagefile.h"
 #include "imagefile/workerpool.h"
 
@@ -8,6 +12,11 @@ namespace orvane {
 void ImageSource::run(std::uint64_t bytes, std::function<void()> job)
 {
     WorkerPool::shared().run(bytes, std::move(job));
+}
+
+int ImageSource::parallelReads()
+{
+    return std::max(2, 2 * QThread::idealThreadCount());
 }
 
 QStringList ImageSource::expandingFolders(const QStringList& paths)

@@ -23,6 +23,9 @@ public:
 
     /// Queues job on a worker thread; bytes is the most memory it may need.
     virtual void run(std::uint64_t bytes, std::function<void()> job);
+    /// How many files an open reads at once: enough to keep every core busy,
+    /// few enough that a save or a decode queued behind them starts soon.
+    virtual int parallelReads();
 
     /// Folders become the accepted image files directly inside them, sorted
     /// by name; every other path stays as it is.

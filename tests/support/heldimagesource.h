@@ -22,6 +22,7 @@ public:
     ~HeldImageSource() override { releaseAll(); }
 
     void run(std::uint64_t, std::function<void()> job) override { pool().start(std::move(job)); }
+    int parallelReads() override { return 32; }
 
     std::optional<ImageFile::Indexed> index(const QString& path, bool withPreview) override
     {
