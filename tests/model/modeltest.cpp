@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QMetaEnum>
@@ -125,16 +126,19 @@ QRect toQRect(const std::optional<PixelRect>& rect)
 
 bool settle(CropModel& model)
 {
-    return QTest::qWaitFor(
-        [&] {
-            if (model.opening())
-                return false;
-            for (const CropModel::Item& item : model.items())
-                if (model.isSaving(item.id))
-                    return false;
+    auto busy = [&] {
+        if (model.opening())
             return true;
-        },
-        30000);
+        for (const CropModel::Item& item : model.items())
+            if (model.isSaving(item.id))
+                return true;
+        return false;
+    };
+    // Woken by each result the workers post, not by polling.
+    QDeadlineTimer deadline(30000);
+    while (busy() && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    return !busy();
 }
 
 void openAll(CropModel& model, const QList<QUrl>& urls)
