@@ -105,8 +105,10 @@ QString unreadableMessage(const QString& fileName)
 
 std::uint64_t CropModel::Cached::bytes() const
 {
-    // A decode's own preview is the one kept here: count it once.
-    return decoded ? decoded->byteCount() : preview.byteCount();
+    // A decode's own preview is counted in the decode.
+    if (!decoded)
+        return preview.byteCount();
+    return decoded->byteCount() + (preview.pixels == decoded->preview.pixels ? 0 : preview.byteCount());
 }
 
 CropModel::CropModel(Panels* panels, QObject* parent, std::shared_ptr<ImageSource> source)
@@ -570,8 +572,14 @@ void CropModel::decodeLanded(const QUuid& id, const ImageFile::Summary* basis,
             setErrorMessage(missing ? goneMessage(name) : unreadableMessage(name));
         return;
     }
-    m_cache[id] = Cached{decoded, decoded->preview};
-    if (!(decoded->summary.identity == m_items[std::size_t(i)].summary->identity)) {
+    const bool changed = !(decoded->summary.identity == m_items[std::size_t(i)].summary->identity);
+    // A preview copy of the same file from its first reading stays: views
+    // keep their scaled copies of it.
+    Raster preview = decoded->preview;
+    if (const auto found = m_cache.find(id); found != m_cache.end() && !changed && !found->second.preview.isNull())
+        preview = found->second.preview;
+    m_cache[id] = Cached{decoded, preview};
+    if (changed) {
         replaceSummary(id, decoded->summary);
         if (isActive) {
             setErrorMessage(reloadedMessage(name));

@@ -37,10 +37,10 @@ QFrame* rule(Qt::Orientation orientation, QWidget* parent)
 
 } // namespace
 
-ContentView::ContentView(QWidget* parent)
+ContentView::ContentView(QWidget* parent, std::shared_ptr<ImageSource> source)
     : QWidget(parent)
     , m_panels(this)
-    , m_model(std::make_unique<CropModel>(&m_panels))
+    , m_model(std::make_unique<CropModel>(&m_panels, nullptr, std::move(source)))
 {
     setObjectName(QStringLiteral("contentView"));
     setAcceptDrops(true);

@@ -18,6 +18,7 @@ namespace orvane {
 class ControlsView;
 class CropModel;
 class DropZone;
+class ImageSource;
 class HeaderView;
 class ImagePreview;
 class QueueDrawer;
@@ -30,7 +31,8 @@ class ContentView : public QWidget {
     Q_OBJECT
 
 public:
-    explicit ContentView(QWidget* parent = nullptr);
+    /// source null reads the files themselves on the shared worker pool.
+    explicit ContentView(QWidget* parent = nullptr, std::shared_ptr<ImageSource> source = nullptr);
     ~ContentView() override;
 
     /// The window's model, owned by this view.

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QMetaEnum>
@@ -122,41 +121,6 @@ QRect toQRect(const std::optional<PixelRect>& rect)
     if (!rect)
         return {};
     return QRect(int(rect->x), int(rect->y), int(rect->width), int(rect->height));
-}
-
-bool settle(CropModel& model)
-{
-    auto busy = [&] {
-        if (model.opening())
-            return true;
-        for (const CropModel::Item& item : model.items())
-            if (model.isSaving(item.id))
-                return true;
-        return false;
-    };
-    // Woken by each result the workers post, not by polling.
-    QDeadlineTimer deadline(30000);
-    while (busy() && !deadline.hasExpired())
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
-    return !busy();
-}
-
-void openAll(CropModel& model, const QList<QUrl>& urls)
-{
-    model.open(urls);
-    QVERIFY(settle(model));
-}
-
-void saveOver(CropModel& model)
-{
-    model.saveOverOriginal();
-    QVERIFY(settle(model));
-}
-
-void saveAsNew(CropModel& model)
-{
-    model.saveAsNewFile();
-    QVERIFY(settle(model));
 }
 
 Notes::Notes(CropModel& model)

@@ -15,6 +15,7 @@
 #include <vips/vips8>
 
 #include "model/cropmodel.h"
+#include "support/queuewaits.h"
 
 namespace orvane::test {
 
@@ -40,13 +41,7 @@ void writeLetterImage(const QString& path, int index);
 vips::VImage readBack(const QString& path);
 
 QList<QUrl> urls(const QStringList& paths);
-/// Opens urls and waits until every file has joined or been counted.
-void openAll(CropModel& model, const QList<QUrl>& urls);
-/// Runs the save command and waits until the write is done.
-void saveOver(CropModel& model);
-void saveAsNew(CropModel& model);
-/// Waits until no open runs and no save is being written.
-bool settle(CropModel& model);
+
 /// The file names of the queued items, in queue order.
 QStringList itemNames(const CropModel& model);
 /// The file name of the active item, or "none".

@@ -91,21 +91,21 @@ private Q_SLOTS:
         QVERIFY(row->isHidden());
 
         // A failed opening: orange.
-        model.open({test::writeNonImage(QDir(m_dir.path()).filePath(QStringLiteral("status-notes.png")))});
+        test::openAll(model, {test::writeNonImage(QDir(m_dir.path()).filePath(QStringLiteral("status-notes.png")))});
         QTRY_VERIFY(!row->isHidden());
         QVERIFY(model.errorMessage());
         QCOMPARE(text->text(), *model.errorMessage());
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::orange());
 
         // A save with another image left: green, "next image ready".
-        model.open({image(QStringLiteral("status-1.png")), image(QStringLiteral("status-2.png"))});
+        test::openAll(model, {image(QStringLiteral("status-1.png")), image(QStringLiteral("status-2.png"))});
         const QString first = model.active()->url.fileName();
-        model.saveOverOriginal();
+        test::saveOver(model);
         QTRY_COMPARE(text->text(), QStringLiteral("Saved %1 — next image ready.").arg(first));
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
 
         // The last one: all saved.
-        model.saveOverOriginal();
+        test::saveOver(model);
         QTRY_COMPARE(text->text(), QStringLiteral("All 2 images saved."));
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
     }
@@ -144,7 +144,7 @@ private Q_SLOTS:
 
         // An active image: everything works, and Ctrl+S saves over the original.
         const QUrl url = image(QStringLiteral("shortcut.png"));
-        model.open({url});
+        test::openAll(model, {url});
         QTRY_VERIFY(saveOver->isEnabled());
         QVERIFY(saveAsNew->isEnabled());
         QVERIFY(!part<QWidget>(controls, "toleranceRow")->isHidden());
@@ -161,7 +161,7 @@ private Q_SLOTS:
     {
         CropModel model;
         ControlsView controls(&model);
-        model.open({image(QStringLiteral("slider.png"))});
+        test::openAll(model, {image(QStringLiteral("slider.png"))});
         controls.refresh();
         auto* slider = part<QSlider>(controls, "tolerance");
         QCOMPARE(slider->minimum(), 0);

@@ -18,6 +18,7 @@
 
 #include "imagefile/imagefile.h"
 #include "model/cropmodel.h"
+#include "support/queuewaits.h"
 
 namespace orvane::test {
 
