@@ -1,5 +1,6 @@
-// The controls: the status row's choice of message, which buttons work when,
-// Ctrl+S, and the tolerance slider's two-way binding to the model.
+// The controls: the status row's choice of message and its list of files that
+// failed, which buttons work when (also while a save is written), Ctrl+S, and
+// the tolerance slider's two-way binding to the model.
 
 #include <QApplication>
 #include <QLabel>
@@ -12,6 +13,7 @@
 #include "model/cropmodel.h"
 #include "ui/controlsview.h"
 #include "ui/theme.h"
+#include "support/heldimagesource.h"
 #include "windowtestsupport.h"
 
 using namespace orvane;
@@ -96,6 +98,7 @@ private Q_SLOTS:
         QVERIFY(model.errorMessage());
         QCOMPARE(text->text(), *model.errorMessage());
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::orange());
+        QVERIFY(row->toolTip().startsWith(QStringLiteral("status-notes.png — ")));
 
         // A save with another image left: green, "next image ready".
         test::openAll(model, {image(QStringLiteral("status-1.png")), image(QStringLiteral("status-2.png"))});
@@ -103,11 +106,59 @@ private Q_SLOTS:
         test::saveOver(model);
         QTRY_COMPARE(text->text(), QStringLiteral("Saved %1 — next image ready.").arg(first));
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
+        QVERIFY(row->toolTip().isEmpty());
 
         // The last one: all saved.
         test::saveOver(model);
         QTRY_COMPARE(text->text(), QStringLiteral("All 2 images saved."));
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green());
+    }
+
+    void failuresToolTip_data()
+    {
+        QTest::addColumn<int>("files");
+        QTest::addColumn<int>("lines");
+        QTest::addColumn<QString>("last");
+        QTest::newRow("one") << 1 << 1 << "f0.png — The file isn’t there.";
+        QTest::newRow("twenty") << 20 << 20 << "f19.png — The file isn’t there.";
+        QTest::newRow("twenty-three") << 23 << 21 << "and 3 more";
+    }
+    void failuresToolTip()
+    {
+        QFETCH(int, files);
+        QFETCH(int, lines);
+        QFETCH(QString, last);
+        QList<CropModel::FailedFile> failures;
+        for (int i = 0; i < files; ++i)
+            failures.append({QStringLiteral("f%1.png").arg(i), QStringLiteral("The file isn’t there.")});
+        const QStringList shown = ControlsView::failuresToolTip(failures).split(QLatin1Char('\n'));
+        QCOMPARE(shown.size(), lines);
+        QCOMPARE(shown.first(), QStringLiteral("f0.png — The file isn’t there."));
+        QCOMPARE(shown.last(), last);
+    }
+
+    void aSaveInFlightHoldsBothButtons()
+    {
+        auto source = std::make_shared<test::HeldImageSource>();
+        source->hold(test::HeldImageSource::Step::Decode);
+        CropModel model(nullptr, nullptr, source);
+        ControlsView controls(&model);
+        auto* saveAsNew = part<QPushButton>(controls, "saveAsNew");
+        auto* saveOver = part<QPushButton>(controls, "saveOverOriginal");
+        test::openAll(model, {image(QStringLiteral("held-1.png")), image(QStringLiteral("held-2.png"))});
+        QTRY_VERIFY(saveOver->isEnabled());
+
+        // The image is still being read: the save waits for it, and so do the buttons.
+        QTest::mouseClick(saveOver, Qt::LeftButton);
+        QTRY_VERIFY(!saveOver->isEnabled());
+        QVERIFY(!saveAsNew->isEnabled());
+        QVERIFY(part<QWidget>(controls, "toleranceRow")->isVisibleTo(&controls));
+
+        source->releaseAll();
+        QTRY_VERIFY(model.items().front().saved);
+        QTRY_VERIFY(saveOver->isEnabled());
+        QVERIFY(saveAsNew->isEnabled());
+        QCOMPARE(model.active()->url.fileName(), QStringLiteral("held-2.png"));
     }
 
     void enabledStatesAndSaveShortcut()
