@@ -271,14 +271,29 @@ void CropModel::listed(std::uint64_t serial, const QList<QUrl>& expanded)
     run->expanded = expanded;
     run->slots.resize(std::size_t(expanded.size()));
     publishOpening();
-    for (const auto& each : m_opens)
-        startReading(*each);
+    resumeReading();
     joinReady();
+}
+
+bool CropModel::readingPaused() const
+{
+    // The pool takes jobs in order: while the image on screen is being
+    // decoded or saved, no more files are queued in front of the next such job.
+    if (!m_saving.isEmpty())
+        return true;
+    const Item* item = active();
+    return item && m_decoding.contains(item->id);
 }
 
 void CropModel::startReading(OpenRun& run)
 {
-    while (run.listed && run.nextToStart < int(run.slots.size()) && m_reading < m_source->parallelReads()) {
+    if (readingPaused())
+        return;
+    // The first file of an open is read alone, with every core, so that
+    // something is on screen as early as possible.
+    const bool firstAlone = !run.slots.empty() && run.slots.front().state == OpenRun::State::Pending;
+    while (run.listed && run.nextToStart < int(run.slots.size()) && m_reading < m_source->parallelReads()
+           && !(firstAlone && run.nextToStart >= 1)) {
         const int slot = run.nextToStart++;
         const QUrl url = run.expanded[slot];
         // The first file of an open is likely to be shown at once: its
@@ -322,8 +337,7 @@ void CropModel::fileRead(std::uint64_t serial, int slot, std::optional<ImageFile
         publishOpening();
         joinReady();
     }
-    for (const auto& each : m_opens)
-        startReading(*each);
+    resumeReading();
 }
 
 void CropModel::joinReady()
@@ -556,6 +570,8 @@ void CropModel::decodeLanded(const QUuid& id, const ImageFile::Summary* basis,
                              std::shared_ptr<const ImageFile::Decoded> decoded, bool missing)
 {
     m_decoding.remove(id);
+    // Whatever became of it, files of a running open may be queued again.
+    QMetaObject::invokeMethod(this, [this] { resumeReading(); }, Qt::QueuedConnection);
     const int i = indexOf(id);
     if (i < 0)
         return;
@@ -806,6 +822,14 @@ void CropModel::setSaving(const QUuid& id, bool saving)
         m_saving.insert(id);
     else
         m_saving.remove(id);
+    if (!saving)
+        QMetaObject::invokeMethod(this, [this] { resumeReading(); }, Qt::QueuedConnection);
+}
+
+void CropModel::resumeReading()
+{
+    for (const auto& run : m_opens)
+        startReading(*run);
 }
 
 // ---- Helpers ---------------------------------------------------------------

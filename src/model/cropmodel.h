@@ -199,7 +199,9 @@ private:
     void listed(std::uint64_t serial, const QList<QUrl>& expanded);
     void fileRead(std::uint64_t serial, int slot, std::optional<ImageFile::Indexed> indexed,
                   std::optional<ImageFile::Failure> failure);
+    bool readingPaused() const;
     void startReading(OpenRun& run);
+    void resumeReading();
     void joinReady();
     void join(OpenRun& run, std::vector<Item> newItems);
     void finishOpen(OpenRun& run, bool cancelled);

@@ -17,7 +17,7 @@ namespace orvane::test {
 
 class HeldImageSource : public ImageSource {
 public:
-    enum class Step { Index, Decode };
+    enum class Step { Index, Decode, Save };
 
     ~HeldImageSource() override { releaseAll(); }
 
@@ -35,7 +35,15 @@ public:
         return ImageSource::decode(path);
     }
 
-    /// From now on, files wait at step until released by name.
+    bool saveCropped(const ImageFile::Decoded& decoded, const PixelRect& rect, const QString& path,
+                     const ImageType& type) override
+    {
+        wait(Step::Save, path);
+        return ImageSource::saveCropped(decoded, rect, path, type);
+    }
+
+    /// From now on, files wait at step until released by name (a save by
+    /// its destination's name).
     void hold(Step step)
     {
         std::lock_guard lock(m_mutex);
@@ -55,7 +63,7 @@ public:
     {
         {
             std::lock_guard lock(m_mutex);
-            m_holdIndex = m_holdDecode = false;
+            m_holdIndex = m_holdDecode = m_holdSave = false;
         }
         m_changed.notify_all();
     }
@@ -63,7 +71,7 @@ public:
     int waiting(Step step)
     {
         std::lock_guard lock(m_mutex);
-        return step == Step::Index ? m_waitingIndex : m_waitingDecode;
+        return waitingAt(step);
     }
 
 private:
@@ -78,14 +86,24 @@ private:
         }();
         return *threads;
     }
-    bool& held(Step step) { return step == Step::Index ? m_holdIndex : m_holdDecode; }
-    QSet<QString>& released(Step step) { return step == Step::Index ? m_releasedIndex : m_releasedDecode; }
+    bool& held(Step step)
+    {
+        return step == Step::Index ? m_holdIndex : step == Step::Decode ? m_holdDecode : m_holdSave;
+    }
+    QSet<QString>& released(Step step)
+    {
+        return step == Step::Index ? m_releasedIndex : step == Step::Decode ? m_releasedDecode : m_releasedSave;
+    }
+    int& waitingAt(Step step)
+    {
+        return step == Step::Index ? m_waitingIndex : step == Step::Decode ? m_waitingDecode : m_waitingSave;
+    }
 
     void wait(Step step, const QString& path)
     {
         const QString name = QFileInfo(path).fileName();
         std::unique_lock lock(m_mutex);
-        int& count = step == Step::Index ? m_waitingIndex : m_waitingDecode;
+        int& count = waitingAt(step);
         ++count;
         m_changed.wait(lock, [&] { return !held(step) || released(step).contains(name); });
         --count;
@@ -95,10 +113,13 @@ private:
     std::condition_variable m_changed;
     bool m_holdIndex = false;
     bool m_holdDecode = false;
+    bool m_holdSave = false;
     QSet<QString> m_releasedIndex;
     QSet<QString> m_releasedDecode;
+    QSet<QString> m_releasedSave;
     int m_waitingIndex = 0;
     int m_waitingDecode = 0;
+    int m_waitingSave = 0;
 };
 
 } // namespace orvane::test

@@ -140,7 +140,6 @@ private Q_SLOTS:
     void aSaveInFlightHoldsBothButtons()
     {
         auto source = std::make_shared<test::HeldImageSource>();
-        source->hold(test::HeldImageSource::Step::Decode);
         CropModel model(nullptr, nullptr, source);
         ControlsView controls(&model);
         auto* saveAsNew = part<QPushButton>(controls, "saveAsNew");
@@ -148,7 +147,8 @@ private Q_SLOTS:
         test::openAll(model, {image(QStringLiteral("held-1.png")), image(QStringLiteral("held-2.png"))});
         QTRY_VERIFY(saveOver->isEnabled());
 
-        // The image is still being read: the save waits for it, and so do the buttons.
+        // While the file is written, both buttons wait for it.
+        source->hold(test::HeldImageSource::Step::Save);
         QTest::mouseClick(saveOver, Qt::LeftButton);
         QTRY_VERIFY(!saveOver->isEnabled());
         QVERIFY(!saveAsNew->isEnabled());
