@@ -6,6 +6,7 @@
 
 #include "engine/cropengine.h"
 #include "imagefile/imagefile.h"
+#include "imagefile/imagesource.h"
 
 namespace orvane::LoadCheck {
 namespace {
@@ -81,6 +82,50 @@ QString checkCrop(const CropEngine::Buffer& buffer, const PixelRect& rect,
     return {};
 }
 
+// A reduced copy: within its long side and premultiplied like the raster.
+QString checkCopy(const Raster& copy, int longSide, const char* what)
+{
+    if (copy.isNull())
+        return QStringLiteral("no %1").arg(QLatin1String(what));
+    if (std::max(copy.width, copy.height) > longSide
+        || copy.byteCount() != std::size_t(copy.width * copy.height * 4))
+        return QStringLiteral("%1 of %2x%3").arg(QLatin1String(what)).arg(copy.width).arg(copy.height);
+    const std::uint8_t* p = copy.pixels->data();
+    for (std::size_t i = 0; i < copy.byteCount(); i += 4) {
+        if (p[i] > p[i + 3] || p[i + 1] > p[i + 3] || p[i + 2] > p[i + 3])
+            return QStringLiteral("%1 pixel %2 not premultiplied").arg(QLatin1String(what)).arg(i / 4);
+    }
+    return {};
+}
+
+// The streamed pass over the same file (index() and decode()) must take
+// what load() took and answer every tolerance as the buffer does.
+QString checkStreamed(const QString& path, const CropEngine::Buffer& buffer, const std::array<double, 9>& tolerances)
+{
+    const std::optional<ImageFile::Indexed> indexed = ImageFile::index(path, true);
+    const std::optional<ImageFile::Decoded> decoded = ImageFile::decode(path);
+    if (!indexed || !decoded)
+        return QStringLiteral("loaded, but the streamed pass refused it (index %1, decode %2)")
+            .arg(bool(indexed)).arg(bool(decoded));
+    for (const ImageFile::Summary* summary : {&indexed->summary, &decoded->summary}) {
+        if (summary->width != buffer.width() || summary->height != buffer.height())
+            return QStringLiteral("streamed %1x%2 for %3x%4")
+                .arg(summary->width).arg(summary->height).arg(buffer.width()).arg(buffer.height());
+        for (const double tolerance : tolerances) {
+            const auto streamed = summary->contentRect(tolerance);
+            const auto expected = CropEngine::contentRect(buffer, tolerance);
+            if (streamed != expected)
+                return QStringLiteral("tolerance %1: streamed %2, buffer %3")
+                    .arg(tolerance).arg(rectText(streamed), rectText(expected));
+        }
+        if (QString fault = checkCopy(summary->thumbnail, ImageFile::thumbnailSide, "thumbnail"); !fault.isEmpty())
+            return fault;
+    }
+    if (QString fault = checkCopy(indexed->preview, ImageFile::previewSide, "preview"); !fault.isEmpty())
+        return fault;
+    return {};
+}
+
 } // namespace
 
 void prepare()
@@ -137,7 +182,7 @@ QString check(const QString& path, const QString& savePath)
             return QStringLiteral("tolerance %1: %2").arg(tolerance).arg(fault);
         saved = saved || save;
     }
-    return {};
+    return checkStreamed(path, *buffer, tolerances);
 }
 
 } // namespace orvane::LoadCheck

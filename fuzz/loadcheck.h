@@ -21,7 +21,9 @@ void prepare();
 
 /// Loads the file at path with ImageFile::load, makes its buffer, asks for the
 /// content rectangle at several tolerances (index against scan), crops, and
-/// for small crops writes the result to savePath and reloads it.
+/// for small crops writes the result to savePath and reloads it; then opens
+/// the file through the streamed pass (ImageFile::index and decode), which
+/// must answer every tolerance as the buffer does.
 /// Returns an empty string when every answer was consistent (a file that is
 /// refused counts as consistent), else what went wrong. savePath may be empty
 /// to skip writing. prepare() must have run.

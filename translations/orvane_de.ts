@@ -168,10 +168,6 @@
         <translation>Beenden</translation>
     </message>
     <message>
-        <source>More Apps</source>
-        <translation>Weitere Apps</translation>
-    </message>
-    <message>
         <source>&amp;Help</source>
         <translation>&amp;Hilfe</translation>
     </message>
@@ -186,6 +182,10 @@
     <message>
         <source>&lt;p&gt;&lt;b&gt;Orvane&lt;/b&gt; %1&lt;/p&gt;&lt;p&gt;Trims the empty border off images.&lt;/p&gt;</source>
         <translation>&lt;p&gt;&lt;b&gt;Orvane&lt;/b&gt; %1&lt;/p&gt;&lt;p&gt;Schneidet den leeren Rand von Bildern ab.&lt;/p&gt;</translation>
+    </message>
+    <message>
+        <source>&amp;More Apps</source>
+        <translation>&amp;Weitere Apps</translation>
     </message>
 </context>
 <context>
@@ -226,10 +226,6 @@
         <translation>Der Update-Server hat mit Status %1 (%2) geantwortet.</translation>
     </message>
     <message>
-        <source>Couldn’t reach the update server: %1</source>
-        <translation>Der Update-Server war nicht erreichbar: %1</translation>
-    </message>
-    <message>
         <source>This copy of Orvane has no valid key to verify updates.</source>
         <translation>Diese Orvane-Kopie hat keinen gültigen Schlüssel, um Updates zu prüfen.</translation>
     </message>
@@ -240,10 +236,6 @@
     <message>
         <source>Couldn’t create the folder “%1”.</source>
         <translation>Der Ordner „%1“ konnte nicht angelegt werden.</translation>
-    </message>
-    <message>
-        <source>Couldn’t save the download in “%1”: %2</source>
-        <translation>Der Download konnte nicht in „%1“ gesichert werden: %2</translation>
     </message>
     <message>
         <source>The download is larger than the update feed announced, so it was deleted.</source>
@@ -260,6 +252,66 @@
     <message>
         <source>The download’s signature doesn’t match the update’s, so it was deleted.</source>
         <translation>Die Signatur des Downloads passt nicht zum Update, deshalb wurde er gelöscht.</translation>
+    </message>
+    <message>
+        <source>Couldn’t save the download in “%1”.</source>
+        <translation>Der Download konnte nicht in „%1“ gesichert werden.</translation>
+    </message>
+    <message>
+        <source>Couldn’t save the download in “%1” (%2).</source>
+        <translation>Der Download konnte nicht in „%1“ gesichert werden (%2).</translation>
+    </message>
+    <message>
+        <source>The update server sent Orvane on to “%1”, which isn’t an https address on the same server, so Orvane stopped.</source>
+        <translation>Der Update-Server hat Orvane an „%1“ weitergeleitet. Das ist keine https-Adresse auf demselben Server, daher hat Orvane abgebrochen.</translation>
+    </message>
+    <message>
+        <source>Couldn’t make a secure connection to the update server.</source>
+        <translation>Es konnte keine sichere Verbindung zum Update-Server hergestellt werden.</translation>
+    </message>
+    <message>
+        <source>Couldn’t make a secure connection to the update server (%1).</source>
+        <translation>Es konnte keine sichere Verbindung zum Update-Server hergestellt werden (%1).</translation>
+    </message>
+    <message>
+        <source>Couldn’t reach the update server.</source>
+        <translation>Der Update-Server war nicht erreichbar.</translation>
+    </message>
+    <message>
+        <source>Couldn’t reach the update server (%1).</source>
+        <translation>Der Update-Server war nicht erreichbar (%1).</translation>
+    </message>
+    <message>
+        <source>The update server’s answer couldn’t be read.</source>
+        <translation>Die Antwort des Update-Servers konnte nicht gelesen werden.</translation>
+    </message>
+    <message>
+        <source>The update server’s answer couldn’t be read (%1).</source>
+        <translation>Die Antwort des Update-Servers konnte nicht gelesen werden (%1).</translation>
+    </message>
+    <message>
+        <source>The update feed’s address “%1” isn’t an https address, so Orvane doesn’t use it.</source>
+        <translation>Die Adresse des Update-Feeds „%1“ ist keine https-Adresse, daher verwendet Orvane sie nicht.</translation>
+    </message>
+    <message>
+        <source>The update feed’s signature isn’t valid, so Orvane didn’t use the feed.</source>
+        <translation>Die Signatur des Update-Feeds ist ungültig, daher hat Orvane den Feed nicht verwendet.</translation>
+    </message>
+    <message>
+        <source>The update feed isn’t signed, so Orvane didn’t use it.</source>
+        <translation>Der Update-Feed ist nicht signiert, daher hat Orvane ihn nicht verwendet.</translation>
+    </message>
+    <message>
+        <source>The update’s address “%1” isn’t an https address, so Orvane didn’t download it.</source>
+        <translation>Die Adresse des Updates „%1“ ist keine https-Adresse, daher hat Orvane es nicht geladen.</translation>
+    </message>
+    <message>
+        <source>The update feed announces %1 for this update, more than the %2 Orvane accepts, so it wasn’t downloaded.</source>
+        <translation>Der Update-Feed kündigt für dieses Update %1 an, mehr als die %2, die Orvane annimmt, daher wurde es nicht geladen.</translation>
+    </message>
+    <message>
+        <source>There isn’t enough free space in “%1” for the update: it needs %2, and %3 are free.</source>
+        <translation>In „%1“ ist nicht genug Platz für das Update: Es braucht %2, frei sind %3.</translation>
     </message>
 </context>
 <context>

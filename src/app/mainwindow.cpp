@@ -33,7 +33,7 @@ void MainWindow::createMenus()
     quit->setMenuRole(QAction::QuitRole);
     connect(quit, &QAction::triggered, qApp, &QApplication::closeAllWindows);
 
-    m_moreAppsMenu = menuBar()->addMenu(tr("More Apps"));
+    m_moreAppsMenu = menuBar()->addMenu(tr("&More Apps"));
     m_moreAppsMenu->setObjectName(QStringLiteral("moreAppsMenu"));
 
     m_helpMenu = menuBar()->addMenu(tr("&Help"));

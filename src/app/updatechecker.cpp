@@ -9,6 +9,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QStandardPaths>
+#include <QStorageInfo>
 #include <QTemporaryFile>
 #include <QTimer>
 
@@ -28,7 +29,32 @@ QNetworkRequest makeRequest(const QUrl& url, const UpdateChecker::Config& config
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     request.setHeader(QNetworkRequest::UserAgentHeader,
                       QStringLiteral("Orvane/%1").arg(config.currentVersion));
+    // Signatures cover the bytes as published. Asking for them unencoded also
+    // keeps Qt from decompressing on its own: a server that labels a .tar.gz
+    // "Content-Encoding: gzip" would otherwise hand over different bytes, and
+    // a compressed feed could expand far beyond the size Orvane accepts.
+    request.setRawHeader("Accept-Encoding", "identity");
+    // Every redirect is checked by UpdateChecker before it is followed.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::UserVerifiedRedirectPolicy);
+    request.setMaximumRedirectsAllowed(5);
     return request;
+}
+
+bool isLoopbackHost(const QString& host)
+{
+    return host == QLatin1String("127.0.0.1") || host == QLatin1String("::1")
+        || host.compare(QLatin1String("localhost"), Qt::CaseInsensitive) == 0;
+}
+
+// An error text of Qt's, made to fit inside a sentence: no trailing colon or
+// space (Qt leaves "Decompression failed: " and the like when it has no detail).
+QString detail(QString text)
+{
+    text = text.trimmed();
+    while (text.endsWith(u':') || text.endsWith(u'.'))
+        text.chop(1);
+    return text.trimmed();
 }
 
 // A name for the kept download taken from the address, never hidden and never
@@ -45,7 +71,23 @@ QString downloadFileName(const AppcastItem& item)
     return name;
 }
 
+// A size as people write it: "1 GiB", "64 KiB", "1.5 GiB".
+QString sizeText(qint64 bytes)
+{
+    qint64 unit = 1;
+    while (unit < (qint64(1) << 50) && bytes >= unit * 1024)
+        unit *= 1024;
+    return QLocale().formattedDataSize(bytes, bytes % unit == 0 ? 0 : 1);
+}
+
 } // namespace
+
+QString UpdateChecker::saveFailure(const QString& folder, const QString& why)
+{
+    const QString shown = detail(why);
+    return shown.isEmpty() ? tr("Couldn’t save the download in “%1”.").arg(folder)
+                           : tr("Couldn’t save the download in “%1” (%2).").arg(folder, shown);
+}
 
 UpdateChecker::UpdateChecker(Config config, QObject* parent)
     : QObject(parent), m_config(std::move(config))
@@ -73,6 +115,29 @@ UpdateChecker::~UpdateChecker()
 bool UpdateChecker::hasFeed() const
 {
     return m_config.feedUrl.isValid() && !m_config.feedUrl.isEmpty();
+}
+
+bool UpdateChecker::isAllowedAddress(const QUrl& url) const
+{
+    if (!url.isValid() || url.host().isEmpty() || !url.userInfo().isEmpty())
+        return false;
+    if (url.scheme() == QLatin1String("https"))
+        return true;
+    return m_config.allowLoopbackHttp && url.scheme() == QLatin1String("http")
+        && isLoopbackHost(url.host());
+}
+
+bool UpdateChecker::isAllowedRedirect(const QUrl& from, const QUrl& to) const
+{
+    return isAllowedAddress(to) && to.host().compare(from.host(), Qt::CaseInsensitive) == 0
+        && (to.scheme() == QLatin1String("https") || from.scheme() == to.scheme());
+}
+
+QUrl UpdateChecker::signatureUrl(const QUrl& feedUrl)
+{
+    QUrl url = feedUrl;
+    url.setPath(url.path() + QStringLiteral(".sig"));
+    return url;
 }
 
 QNetworkAccessManager* UpdateChecker::network()
@@ -104,6 +169,29 @@ bool UpdateChecker::verifySignature(QByteArrayView message, QByteArrayView signa
         == 0;
 }
 
+QNetworkReply* UpdateChecker::get(const QUrl& url, Abort& abort)
+{
+    QNetworkReply* reply = network()->get(makeRequest(url, m_config));
+    connect(reply, &QNetworkReply::redirected, this, [this, reply, url, &abort](const QUrl& target) {
+        const QUrl next = reply->url().resolved(target);
+        if (isAllowedRedirect(url, next)) {
+            Q_EMIT reply->redirectAllowed();
+        } else if (abort == Abort::None) {
+            abort = Abort::Redirect;
+            m_refusedRedirect = next;
+            reply->abort();
+        }
+    });
+    return reply;
+}
+
+QString UpdateChecker::redirectRefusal() const
+{
+    return tr("The update server sent Orvane on to “%1”, which isn’t an https address on the "
+              "same server, so Orvane stopped.")
+        .arg(m_refusedRedirect.toDisplayString());
+}
+
 QString UpdateChecker::networkFailure(QNetworkReply* reply, bool neverAnswered) const
 {
     if (neverAnswered)
@@ -120,7 +208,18 @@ QString UpdateChecker::networkFailure(QNetworkReply* reply, bool neverAnswered) 
                                           .arg(reason);
         }
     }
-    return tr("Couldn’t reach the update server: %1").arg(reply->errorString());
+    const QString why = detail(reply->errorString());
+    const QNetworkReply::NetworkError error = reply->error();
+    if (error == QNetworkReply::SslHandshakeFailedError)
+        return why.isEmpty() ? tr("Couldn’t make a secure connection to the update server.")
+                             : tr("Couldn’t make a secure connection to the update server (%1).").arg(why);
+    // Qt numbers connection and proxy failures below 200; above, the server
+    // was reached and its answer was the problem.
+    if (error < QNetworkReply::ContentAccessDenied)
+        return why.isEmpty() ? tr("Couldn’t reach the update server.")
+                             : tr("Couldn’t reach the update server (%1).").arg(why);
+    return why.isEmpty() ? tr("The update server’s answer couldn’t be read.")
+                         : tr("The update server’s answer couldn’t be read (%1).").arg(why);
 }
 
 // ---- Checking ------------------------------------------------------------
@@ -130,25 +229,49 @@ void UpdateChecker::check()
     if (m_checkReply)
         return; // joins the running check
 
+    auto failSoon = [this](const QString& reason) {
+        QTimer::singleShot(0, this, [this, reason] { Q_EMIT checkFinished({CheckStatus::Failed, {}, reason}); });
+    };
     if (!hasFeed()) {
         QTimer::singleShot(0, this, [this] { Q_EMIT checkFinished({CheckStatus::NoFeed, {}, {}}); });
         return;
     }
     if (decodedPublicKey().isEmpty()) {
-        QTimer::singleShot(0, this, [this] {
-            Q_EMIT checkFinished(
-                {CheckStatus::Failed, {}, tr("This copy of Orvane has no valid key to verify updates.")});
-        });
+        failSoon(tr("This copy of Orvane has no valid key to verify updates."));
+        return;
+    }
+    if (!isAllowedAddress(m_config.feedUrl)) {
+        failSoon(tr("The update feed’s address “%1” isn’t an https address, so Orvane doesn’t use it.")
+                     .arg(m_config.feedUrl.toDisplayString()));
         return;
     }
 
+    if (!m_checkDeadline) {
+        m_checkDeadline = new QTimer(this);
+        m_checkDeadline->setSingleShot(true);
+        connect(m_checkDeadline, &QTimer::timeout, this, [this] {
+            if (m_checkReply && m_checkAbort == Abort::None) {
+                m_checkAbort = Abort::Deadline;
+                m_checkReply->abort();
+            }
+        });
+    }
+    m_checkDeadline->start(m_config.checkDeadline);
     m_feed.clear();
+    m_checkStage = CheckStage::Feed;
+    fetchForCheck(m_config.feedUrl, m_config.maxFeedBytes);
+}
+
+void UpdateChecker::fetchForCheck(const QUrl& url, qint64 maxBytes)
+{
+    m_checkBody.clear();
+    m_checkLimit = maxBytes;
     m_checkAbort = Abort::None;
-    m_checkReply = network()->get(makeRequest(m_config.feedUrl, m_config));
+    m_checkReply = get(url, m_checkAbort);
     QNetworkReply* reply = m_checkReply;
 
     auto refuseIfTooLarge = [this, reply](qint64 size) {
-        if (size > m_config.maxFeedBytes && m_checkAbort == Abort::None) {
+        if (size > m_checkLimit && m_checkAbort == Abort::None) {
             m_checkAbort = Abort::TooLarge;
             reply->abort();
             return true;
@@ -162,23 +285,11 @@ void UpdateChecker::check()
     });
     connect(reply, &QNetworkReply::readyRead, this, [this, reply, refuseIfTooLarge] {
         if (m_checkAbort != Abort::None
-            || refuseIfTooLarge(m_feed.size() + reply->bytesAvailable()))
+            || refuseIfTooLarge(m_checkBody.size() + reply->bytesAvailable()))
             return;
-        m_feed += reply->readAll();
+        m_checkBody += reply->readAll();
     });
     connect(reply, &QNetworkReply::finished, this, &UpdateChecker::onCheckReplyFinished);
-
-    if (!m_checkDeadline) {
-        m_checkDeadline = new QTimer(this);
-        m_checkDeadline->setSingleShot(true);
-        connect(m_checkDeadline, &QTimer::timeout, this, [this] {
-            if (m_checkReply && m_checkAbort == Abort::None) {
-                m_checkAbort = Abort::Deadline;
-                m_checkReply->abort();
-            }
-        });
-    }
-    m_checkDeadline->start(m_config.checkDeadline);
 }
 
 void UpdateChecker::onCheckReplyFinished()
@@ -187,34 +298,61 @@ void UpdateChecker::onCheckReplyFinished()
     if (!reply)
         return;
     m_checkReply = nullptr;
-    m_checkDeadline->stop();
     reply->deleteLater();
 
-    if (m_checkAbort == Abort::TooLarge) {
-        finishCheck({CheckStatus::Failed, {},
-                     tr("The update feed is larger than %1.")
-                         .arg(QLocale().formattedDataSize(m_config.maxFeedBytes))});
-        return;
-    }
+    const bool signature = m_checkStage == CheckStage::Signature;
+    auto fail = [this](const QString& reason) {
+        m_checkDeadline->stop();
+        m_feed.clear();
+        m_checkBody.clear();
+        finishCheck({CheckStatus::Failed, {}, reason});
+    };
+    auto tooLarge = [&] {
+        fail(signature ? tr("The update feed’s signature isn’t valid, so Orvane didn’t use the feed.")
+                       : tr("The update feed is larger than %1.").arg(sizeText(m_config.maxFeedBytes)));
+    };
+
+    if (m_checkAbort == Abort::TooLarge)
+        return tooLarge();
+    if (m_checkAbort == Abort::Redirect)
+        return fail(redirectRefusal());
     // A transfer timeout shows up as a cancelled operation that we did not cancel.
     const bool neverAnswered = m_checkAbort == Abort::Deadline
         || reply->error() == QNetworkReply::OperationCanceledError;
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     const bool httpFailure = status.isValid() && (status.toInt() < 200 || status.toInt() > 299);
-    if (reply->error() != QNetworkReply::NoError || httpFailure || neverAnswered) {
-        finishCheck({CheckStatus::Failed, {}, networkFailure(reply, neverAnswered)});
+    if (signature && !neverAnswered && status.toInt() == 404)
+        return fail(tr("The update feed isn’t signed, so Orvane didn’t use it."));
+    if (reply->error() != QNetworkReply::NoError || httpFailure || neverAnswered)
+        return fail(networkFailure(reply, neverAnswered));
+
+    m_checkBody += reply->readAll();
+    if (m_checkBody.size() > m_checkLimit)
+        return tooLarge();
+
+    if (!signature) {
+        // The feed is kept unread until its signature has been checked.
+        m_feed = std::exchange(m_checkBody, {});
+        m_checkStage = CheckStage::Signature;
+        fetchForCheck(signatureUrl(m_config.feedUrl), maxSignatureFileBytes);
+        return;
+    }
+    m_checkDeadline->stop();
+    onFeedAndSignatureFetched();
+}
+
+void UpdateChecker::onFeedAndSignatureFetched()
+{
+    const QByteArray feed = std::exchange(m_feed, {});
+    const auto signature = QByteArray::fromBase64Encoding(std::exchange(m_checkBody, {}).trimmed(),
+                                                          QByteArray::AbortOnBase64DecodingErrors);
+    if (!signature || !verifySignature(feed, signature.decoded, decodedPublicKey())) {
+        finishCheck({CheckStatus::Failed, {},
+                     tr("The update feed’s signature isn’t valid, so Orvane didn’t use the feed.")});
         return;
     }
 
-    m_feed += reply->readAll();
-    if (m_feed.size() > m_config.maxFeedBytes) {
-        finishCheck({CheckStatus::Failed, {},
-                     tr("The update feed is larger than %1.")
-                         .arg(QLocale().formattedDataSize(m_config.maxFeedBytes))});
-        return;
-    }
-    const Appcast::ParseResult parsed = Appcast::parse(m_feed);
-    m_feed.clear();
+    const Appcast::ParseResult parsed = Appcast::parse(feed);
     if (!parsed.ok()) {
         finishCheck({CheckStatus::Failed, {}, parsed.error});
         return;
@@ -244,6 +382,17 @@ void UpdateChecker::download(const AppcastItem& item)
         fail(tr("This copy of Orvane has no valid key to verify updates."));
         return;
     }
+    if (!isAllowedAddress(item.enclosureUrl)) {
+        fail(tr("The update’s address “%1” isn’t an https address, so Orvane didn’t download it.")
+                 .arg(item.enclosureUrl.toDisplayString()));
+        return;
+    }
+    if (item.enclosureLength > m_config.maxDownloadBytes) {
+        fail(tr("The update feed announces %1 for this update, more than the %2 Orvane accepts, "
+                "so it wasn’t downloaded.")
+                 .arg(sizeText(item.enclosureLength), sizeText(m_config.maxDownloadBytes)));
+        return;
+    }
 
     QString directory = m_config.downloadDirectory;
     if (directory.isEmpty())
@@ -254,13 +403,19 @@ void UpdateChecker::download(const AppcastItem& item)
         fail(tr("Couldn’t create the folder “%1”.").arg(QDir::toNativeSeparators(directory)));
         return;
     }
+    const QStorageInfo storage(directory);
+    if (storage.isValid() && storage.bytesAvailable() >= 0 && storage.bytesAvailable() < item.enclosureLength) {
+        fail(tr("There isn’t enough free space in “%1” for the update: it needs %2, and %3 are free.")
+                 .arg(QDir::toNativeSeparators(directory), sizeText(item.enclosureLength),
+                      sizeText(storage.bytesAvailable())));
+        return;
+    }
 
     // The bytes go to a hidden temporary file next to their destination: it
     // is removed automatically unless it verifies and is renamed into place.
     auto file = std::make_unique<QTemporaryFile>(directory + QStringLiteral("/.orvane-download-XXXXXX"));
     if (!file->open()) {
-        fail(tr("Couldn’t save the download in “%1”: %2")
-                 .arg(QDir::toNativeSeparators(directory), file->errorString()));
+        fail(saveFailure(QDir::toNativeSeparators(directory), file->errorString()));
         return;
     }
 
@@ -269,7 +424,18 @@ void UpdateChecker::download(const AppcastItem& item)
     m_downloadDirectory = directory;
     m_downloadReceived = 0;
     m_downloadAbort = Abort::None;
-    m_downloadReply = network()->get(makeRequest(item.enclosureUrl, m_config));
+    m_downloadReply = get(item.enclosureUrl, m_downloadAbort);
+    // Bytes are written out as they come; Qt holds no more than this meanwhile.
+    m_downloadReply->setReadBufferSize(downloadBufferBytes);
+    QNetworkReply* reply = m_downloadReply;
+    connect(reply, &QNetworkReply::metaDataChanged, this, [this, reply] {
+        const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+        if (length.isValid() && length.toLongLong() > m_downloadItem->enclosureLength
+            && m_downloadAbort == Abort::None) {
+            m_downloadAbort = Abort::TooLarge;
+            reply->abort();
+        }
+    });
     connect(m_downloadReply, &QNetworkReply::readyRead, this, &UpdateChecker::onDownloadReadyRead);
     connect(m_downloadReply, &QNetworkReply::finished, this, &UpdateChecker::onDownloadReplyFinished);
 }
@@ -326,11 +492,13 @@ void UpdateChecker::onDownloadReplyFinished()
         return;
     case Abort::WriteFailed:
         finishDownload({false, {},
-                        tr("Couldn’t save the download in “%1”: %2")
-                            .arg(folder, m_downloadFile->errorString())});
+                        saveFailure(folder, m_downloadFile->errorString())});
         return;
     case Abort::Cancelled:
         finishDownload({false, {}, tr("The download was cancelled.")});
+        return;
+    case Abort::Redirect:
+        finishDownload({false, {}, redirectRefusal()});
         return;
     case Abort::Deadline:
     case Abort::None:
@@ -345,8 +513,7 @@ void UpdateChecker::onDownloadReplyFinished()
     }
     if (!m_downloadFile->flush()) {
         finishDownload({false, {},
-                        tr("Couldn’t save the download in “%1”: %2")
-                            .arg(folder, m_downloadFile->errorString())});
+                        saveFailure(folder, m_downloadFile->errorString())});
         return;
     }
     if (m_downloadReceived != item.enclosureLength) {
@@ -373,8 +540,7 @@ void UpdateChecker::onDownloadReplyFinished()
     const QString destination = finalDownloadPath(m_downloadDirectory);
     if (!m_downloadFile->rename(destination)) {
         finishDownload({false, {},
-                        tr("Couldn’t save the download in “%1”: %2")
-                            .arg(folder, m_downloadFile->errorString())});
+                        saveFailure(folder, m_downloadFile->errorString())});
         return;
     }
     m_downloadFile->setAutoRemove(false);

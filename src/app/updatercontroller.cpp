@@ -4,7 +4,7 @@
 #include <utility>
 
 #include <QAction>
-#include <QApplication>
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QFileInfo>
 #include <QSettings>
@@ -104,15 +104,26 @@ QAction* UpdaterController::makeCheckForUpdatesAction(QWidget* window, QObject* 
 {
     auto* action = new QAction(checkForUpdatesIcon(), tr("Check for Updates…"), parent);
     action->setMenuRole(QAction::ApplicationSpecificRole);
+    setWindow(window);
     QPointer<QWidget> guardedWindow(window);
     connect(action, &QAction::triggered, this, [this, guardedWindow] { checkForUpdates(guardedWindow); });
     return action;
 }
 
-UpdateDialog* UpdaterController::ensureDialog(QWidget* window)
+void UpdaterController::setWindow(QWidget* window)
+{
+    m_window = window;
+    if (m_dialog && window && m_dialog->parentWidget() != window) {
+        const bool visible = m_dialog->isVisible();
+        m_dialog->setParent(window, m_dialog->windowFlags());
+        m_dialog->setVisible(visible);
+    }
+}
+
+UpdateDialog* UpdaterController::ensureDialog()
 {
     if (!m_dialog) {
-        m_dialog = new UpdateDialog(window);
+        m_dialog = new UpdateDialog(m_window);
         connect(m_dialog, &UpdateDialog::automaticChecksToggled, this,
                 &UpdaterController::setAutomaticallyChecksForUpdates);
         connect(m_dialog, &UpdateDialog::downloadRequested, this, [this] {
@@ -136,7 +147,9 @@ UpdateDialog* UpdaterController::ensureDialog(QWidget* window)
 
 void UpdaterController::checkForUpdates(QWidget* window)
 {
-    UpdateDialog* dialog = ensureDialog(window);
+    if (window)
+        setWindow(window);
+    UpdateDialog* dialog = ensureDialog();
     if (!m_checker->isDownloading()) {
         m_userWaiting = true;
         dialog->showChecking();
@@ -163,7 +176,7 @@ void UpdaterController::onCheckFinished(const UpdateChecker::CheckResult& result
             || result.update->version == m_lastAnnounced || m_checker->isDownloading())
             return;
         m_lastAnnounced = result.update->version;
-        ensureDialog(QApplication::activeWindow())->showUpdate(*result.update, current);
+        ensureDialog()->showUpdate(*result.update, current);
         m_dialog->show();
         return;
     }

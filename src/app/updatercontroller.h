@@ -51,9 +51,15 @@ public:
     /// Stores the choice and starts or stops the daily schedule.
     void setAutomaticallyChecksForUpdates(bool on);
 
-    /// The user-initiated check: shows the update dialog (over window, may be
-    /// null) with its progress, then the outcome. Asking again while a check
-    /// runs shows the same dialog and the same running check.
+    /// The window every update dialog belongs to, whichever application is
+    /// active when a background check finishes: the dialog closes with it and
+    /// never keeps Orvane running on its own. Null: dialogs have no parent.
+    void setWindow(QWidget* window);
+
+    /// The user-initiated check: shows the update dialog with its progress,
+    /// then the outcome. A non-null window becomes the dialogs' window (see
+    /// setWindow). Asking again while a check runs shows the same dialog and
+    /// the same running check.
     void checkForUpdates(QWidget* window = nullptr);
 
     /// The dialog as last shown, or null when none has been made (or its parent was closed).
@@ -63,11 +69,12 @@ public:
     static QIcon checkForUpdatesIcon();
 
     /// A new "Check for Updates…" action (always enabled, no shortcut) that
-    /// runs checkForUpdates(window) on this controller. parent owns it.
+    /// runs checkForUpdates(window) on this controller; window becomes the
+    /// dialogs' window at once. parent owns the action.
     QAction* makeCheckForUpdatesAction(QWidget* window, QObject* parent);
 
 private:
-    UpdateDialog* ensureDialog(QWidget* window);
+    UpdateDialog* ensureDialog();
     void onCheckFinished(const UpdateChecker::CheckResult& result);
     void onDownloadFinished(const UpdateChecker::DownloadResult& result);
     void updateSchedule();
@@ -75,6 +82,7 @@ private:
     std::unique_ptr<QSettings> m_settings;
     UpdateChecker* m_checker = nullptr;
     QTimer* m_daily = nullptr;
+    QPointer<QWidget> m_window;
     QPointer<UpdateDialog> m_dialog;
     std::optional<AppcastItem> m_offered;
     QString m_downloadedPath;

@@ -5,14 +5,14 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
-#include <thread>
-#include <vector>
 
 namespace orvane {
 
-BatchRunner::BatchRunner(int workers, int window)
+BatchRunner::BatchRunner(int workers, int window, WorkerPool& pool, Bytes bytes)
     : m_workers(std::max(1, workers))
     , m_window(std::max(m_workers, window))
+    , m_pool(pool)
+    , m_bytes(std::move(bytes))
 {
 }
 
@@ -21,60 +21,58 @@ qsizetype BatchRunner::run(qsizetype count, const Work& work, const Deliver& del
 {
     const auto stopped = [stop] { return stop && stop->load(); };
     std::mutex mutex;
-    std::condition_variable mayStart; // a worker may take the next index
     std::condition_variable finished; // a result arrived
-    qsizetype next = 0;
+    qsizetype next = 0;               // the next index to hand to the pool
     qsizetype delivered = 0;
+    int inFlight = 0;
     std::map<qsizetype, TrimResult> ready;
 
-    const auto worker = [&] {
-        for (;;) {
-            qsizetype index;
-            {
-                std::unique_lock lock(mutex);
-                // A slow early image must not let the others race ahead and
-                // pile up decoded images or results: wait for the window.
-                mayStart.wait(lock, [&] { return next >= count || next < delivered + m_window || stopped(); });
-                if (next >= count || stopped())
-                    return;
-                index = next++;
-            }
-            TrimResult result = work(index);
-            {
+    // Hands the pool as many jobs as the window and the worker count allow.
+    // A slow early image must not let the others race ahead and pile up
+    // decoded images or results. Called with the mutex held.
+    const auto topUp = [&] {
+        while (!stopped() && next < count && next < delivered + m_window && inFlight < m_workers) {
+            const qsizetype index = next++;
+            ++inFlight;
+            m_pool.run(m_bytes ? m_bytes(index) : 0, [&, index] {
+                TrimResult result;
+                try {
+                    result = work(index);
+                } catch (...) {
+                    result.error = QStringLiteral("Couldn’t be processed.");
+                }
                 std::lock_guard lock(mutex);
                 ready.emplace(index, std::move(result));
-            }
-            finished.notify_one();
+                --inFlight;
+                finished.notify_all();
+            });
         }
     };
 
-    const int threads = static_cast<int>(std::min<qsizetype>(m_workers, std::max<qsizetype>(count, 1)));
-    std::vector<std::jthread> pool;
-    pool.reserve(threads);
-    for (int i = 0; i < threads; ++i)
-        pool.emplace_back(worker);
-
     qsizetype index = 0;
-    for (; index < count; ++index) {
-        TrimResult result;
-        {
-            std::unique_lock lock(mutex);
+    {
+        std::unique_lock lock(mutex);
+        for (; index < count; ++index) {
+            topUp();
             const auto arrived = [&] { return ready.contains(index); };
-            // A signal handler cannot notify; look at the flag now and then.
-            while (!finished.wait_for(lock, std::chrono::milliseconds(100), arrived)) {
+            while (!arrived()) {
+                // A signal handler cannot notify; look at the flag now and then.
+                finished.wait_for(lock, std::chrono::milliseconds(100));
                 if (stopped() && index >= next)
                     break;
+                topUp(); // a later image finished: another may start
             }
-            if (!arrived()) {
-                mayStart.notify_all();
+            if (!arrived())
                 break;
-            }
             auto node = ready.extract(index);
-            result = std::move(node.mapped());
             delivered = index + 1;
+            topUp();
+            lock.unlock();
+            deliver(index, std::move(node.mapped()));
+            lock.lock();
         }
-        mayStart.notify_all();
-        deliver(index, std::move(result));
+        // Jobs refer to this frame: wait for every one handed out.
+        finished.wait(lock, [&] { return inFlight == 0; });
     }
     return index;
 }

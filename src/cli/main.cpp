@@ -121,7 +121,8 @@ int main(int argc, char* argv[])
     const bool writing = !options.dryRun;
 
     catchInterrupts();
-    const BatchRunner runner(options.jobs, options.jobs * 2 + 2);
+    const BatchRunner runner(options.jobs, options.jobs * 2 + 2, WorkerPool::shared(),
+                             [&](qsizetype index) { return TrimJob::bytes(tasks.at(index), options); });
     const qsizetype delivered = runner.run(
         tasks.size(),
         [&](qsizetype index) {

@@ -7,6 +7,7 @@
 #include <QSaveFile>
 
 #include "imagefile/imagefile.h"
+#include "imagefile/imagesource.h"
 
 namespace orvane {
 
@@ -61,6 +62,18 @@ PixelRect TrimJob::withMargin(const PixelRect& rect, std::int64_t margin, std::i
     return {left, top, right - left, bottom - top};
 }
 
+std::uint64_t TrimJob::bytes(const TrimTask& task, const TrimOptions& options)
+{
+    if (!task.error.isEmpty())
+        return 0;
+    const std::optional<ImageFile::ReadCost> cost = ImageFile::readCost(task.path);
+    if (!cost)
+        return 0; // refused at once, without the memory
+    // Writing holds the encoded file beside the decoded image, and the
+    // encoder's own buffers: counted as much again.
+    return options.dryRun ? cost->index : 2 * cost->decode;
+}
+
 TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
 {
     TrimResult result;
@@ -70,25 +83,30 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         return result;
     }
 
-    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(task.path);
-    if (!loaded) {
+    // A dry run needs the index alone, made in one streamed pass; a writing
+    // run decodes the image once (unless it is too large to hold, when the
+    // save reads it again) and writes exactly what was measured.
+    std::optional<ImageFile::Decoded> decoded;
+    std::optional<ImageFile::Summary> summary;
+    if (options.dryRun) {
+        if (std::optional<ImageFile::Indexed> indexed = ImageFile::index(task.path, false))
+            summary = std::move(indexed->summary);
+    } else if ((decoded = ImageFile::decode(task.path, false))) {
+        summary = decoded->summary;
+    }
+    if (!summary) {
         // The file may have gone between listing and decoding.
         result.error = QFileInfo::exists(task.path) ? QStringLiteral("Couldn’t be opened.")
                                                     : QStringLiteral("No such file or folder.");
         return result;
     }
-    const std::optional<CropEngine::Buffer> buffer = CropEngine::Buffer::make(loaded->image);
-    if (!buffer) {
-        result.error = QStringLiteral("Couldn’t be opened.");
-        return result;
-    }
 
     result.decoded = true;
-    result.type = loaded->type.mimeName();
-    result.width = buffer->width();
-    result.height = buffer->height();
+    result.type = summary->type.mimeName();
+    result.width = summary->width;
+    result.height = summary->height;
     for (const double tolerance : options.tolerances) {
-        std::optional<PixelRect> rect = CropEngine::contentRect(*buffer, tolerance);
+        std::optional<PixelRect> rect = summary->contentRect(tolerance);
         if (rect && options.margin > 0)
             rect = withMargin(*rect, options.margin, result.width, result.height);
         result.rects.append({tolerance, rect});
@@ -127,12 +145,7 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         return result;
     }
 
-    const std::optional<vips::VImage> cropped = CropEngine::crop(*buffer, *rect);
-    if (!cropped) {
-        result.error = QStringLiteral("Couldn’t be trimmed.");
-        return result;
-    }
-    if (!ImageFile::save(*cropped, task.output, loaded->type)) {
+    if (!ImageFile::saveCropped(*decoded, *rect, task.output, summary->type)) {
         result.error = writeFailure(task.output);
         return result;
     }

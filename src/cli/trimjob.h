@@ -51,9 +51,15 @@ namespace TrimJob {
 /// width × height image.
 PixelRect withMargin(const PixelRect& rect, std::int64_t margin, std::int64_t width, std::int64_t height);
 
-/// Processes the task. Holds the decoded image only while it runs. Safe to
-/// call from several threads at once for tasks with different outputs.
+/// Processes the task. A dry run reads the image once, in strips, and holds
+/// only its index; a writing run holds the decoded image (one at most) while
+/// it runs. Safe to call from several threads at once for tasks with
+/// different outputs.
 TrimResult run(const TrimTask& task, const TrimOptions& options);
+
+/// The most memory run() may take for the task, from the file's header: the
+/// bytes its WorkerPool job states.
+std::uint64_t bytes(const TrimTask& task, const TrimOptions& options);
 
 } // namespace TrimJob
 } // namespace orvane

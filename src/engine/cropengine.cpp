@@ -13,6 +13,7 @@
 
 #include <sys/mman.h>
 
+#include "engine/rasterconversion.h"
 #include "engine/toleranceindex.h"
 
 namespace orvane::CropEngine {
@@ -164,9 +165,9 @@ std::uint8_t* allocateRaster(std::size_t byteCount)
     return static_cast<std::uint8_t*>(memory);
 }
 
-// The raster made by libvips: colour-managed, premultiplied, rounded to 8 bits.
-// Works for any decoded image; the result comes from allocateRaster.
-std::uint8_t* rasterByPipeline(const vips::VImage& image, const Layout& layout, std::size_t byteCount)
+// The raster as a libvips pipeline: colour-managed, premultiplied, rounded to
+// 8 bits. Works for any decoded image; nothing is computed until asked for.
+vips::VImage lazyRaster(const vips::VImage& image, const Layout& layout)
 {
     vips::VImage colour = image.bands() > layout.colourBands
         ? image.extract_band(0, vips::VImage::option()->set("n", layout.colourBands))
@@ -188,9 +189,15 @@ std::uint8_t* rasterByPipeline(const vips::VImage& image, const Layout& layout, 
     }
     vips::VImage premultiplied = rgb.bandjoin(alpha).premultiply(vips::VImage::option()->set("max_alpha", 255.0));
     // cast() truncates; adding one half rounds to nearest.
-    vips::VImage raster = (premultiplied + 0.5)
-                              .cast(VIPS_FORMAT_UCHAR)
-                              .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+    return (premultiplied + 0.5)
+        .cast(VIPS_FORMAT_UCHAR)
+        .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+}
+
+// The raster made by libvips, written into memory from allocateRaster.
+std::uint8_t* rasterByPipeline(const vips::VImage& image, const Layout& layout, std::size_t byteCount)
+{
+    const vips::VImage raster = lazyRaster(image, layout);
     std::unique_ptr<std::uint8_t, void (*)(void*)> memory{allocateRaster(byteCount), std::free};
     if (!memory)
         return nullptr;
@@ -249,6 +256,15 @@ void expandRow(const std::uint8_t* in, int bands, std::uint8_t* out, std::size_t
         premultiplyRow(in, out, width);
         break;
     }
+}
+
+// Whether the raster is the image's bytes rearranged (and premultiplied):
+// 8-bit grey or RGB, with or without alpha, and no profile to apply.
+bool expandsByBytes(const vips::VImage& image, const Layout& layout)
+{
+    return image.format() == VIPS_FORMAT_UCHAR && !layout.hasProfile
+        && (layout.model == ColourModel::Grey || layout.model == ColourModel::Rgb)
+        && image.bands() == layout.colourBands + (layout.hasAlpha ? 1 : 0);
 }
 
 bool pixelsInMemory(const vips::VImage& image)
@@ -339,6 +355,25 @@ bool rasterInMemory(const std::uint8_t* source, std::size_t sourceStride, int ba
 
 } // namespace
 
+namespace detail {
+
+std::optional<int> bytesToExpand(const vips::VImage& image)
+{
+    return expandsByBytes(image, layoutOf(image)) ? std::optional<int>(image.bands()) : std::nullopt;
+}
+
+void expandRow(const std::uint8_t* in, int bands, std::uint8_t* out, std::size_t width)
+{
+    orvane::CropEngine::expandRow(in, bands, out, width);
+}
+
+vips::VImage rasterPipeline(const vips::VImage& image)
+{
+    return lazyRaster(image, layoutOf(image));
+}
+
+} // namespace detail
+
 std::optional<Buffer> Buffer::make(vips::VImage image)
 {
     if (!image.get_image())
@@ -362,9 +397,7 @@ std::optional<Buffer> Buffer::make(vips::VImage image)
         const auto h = static_cast<std::size_t>(height);
         const Layout layout = layoutOf(image);
 
-        const bool direct = image.format() == VIPS_FORMAT_UCHAR && !layout.hasProfile
-            && (layout.model == ColourModel::Grey || layout.model == ColourModel::Rgb)
-            && image.bands() == layout.colourBands + (layout.hasAlpha ? 1 : 0) && pixelsInMemory(image);
+        const bool direct = expandsByBytes(image, layout) && pixelsInMemory(image);
 
         if (!direct) {
             data->owned.reset(rasterByPipeline(image, layout, byteCount));

@@ -139,19 +139,35 @@ void ToleranceIndex::Builder::absorb(const Builder& other)
 
 namespace {
 
+// The running maxima of values from the start and from the end, as runs.
 template<typename T>
-void runningMaxima(const std::vector<T>& values, std::vector<std::uint16_t>& forward,
-                   std::vector<std::uint16_t>& backward)
+void runningMaxima(const std::vector<T>& values, std::vector<ToleranceIndex::Step>& forward,
+                   std::vector<ToleranceIndex::Step>& backward)
 {
     const std::size_t n = values.size();
-    forward.resize(n);
-    backward.resize(n);
+    forward.clear();
+    backward.clear();
     std::uint16_t m = 0;
-    for (std::size_t i = 0; i < n; ++i)
-        forward[i] = m = std::max(m, static_cast<std::uint16_t>(values[i] & 0xFFFF));
+    for (std::size_t i = 0; i < n; ++i) {
+        const auto v = static_cast<std::uint16_t>(values[i] & 0xFFFF);
+        if (i == 0 || v > m)
+            forward.push_back({static_cast<std::uint32_t>(i), m = std::max(m, v)});
+    }
+    // From the end the maximum falls as the position rises: runs are found
+    // from the end and then put in order of position.
     m = 0;
-    for (std::size_t i = n; i-- > 0;)
-        backward[i] = m = std::max(m, static_cast<std::uint16_t>(values[i] & 0xFFFF));
+    for (std::size_t i = n; i-- > 0;) {
+        const auto v = static_cast<std::uint16_t>(values[i] & 0xFFFF);
+        if (i + 1 == n || v > m) {
+            m = std::max(m, v);
+            backward.push_back({static_cast<std::uint32_t>(i), m});
+        } else {
+            backward.back().start = static_cast<std::uint32_t>(i);
+        }
+    }
+    std::reverse(backward.begin(), backward.end());
+    forward.shrink_to_fit();
+    backward.shrink_to_fit();
 }
 
 } // namespace
@@ -161,6 +177,8 @@ ToleranceIndex ToleranceIndex::Builder::finish()
     ToleranceIndex index;
     runningMaxima(m_rowMax, index.m_fromTop, index.m_fromBottom);
     runningMaxima(m_columnMax, index.m_fromLeft, index.m_fromRight);
+    index.m_rows = static_cast<std::uint32_t>(m_rowMax.size());
+    index.m_columns = static_cast<std::uint32_t>(m_columnMax.size());
     m_rowMax = {};
     m_columnMax = {};
     return index;
@@ -201,33 +219,32 @@ ToleranceIndex ToleranceIndex::build(const std::uint8_t* pixels, std::size_t wid
 
 std::optional<PixelRect> ToleranceIndex::contentRect(std::uint16_t threshold) const
 {
-    if (m_fromTop.empty() || m_fromTop.back() < threshold)
+    if (m_fromTop.empty() || m_fromTop.back().value < threshold)
         return std::nullopt;
-    const auto reaches = [threshold](std::uint16_t v) { return v < threshold; };
-    // Running maxima from the start rise, so the first entry that reaches the
-    // threshold is a partition point; from the end they fall.
-    const auto firstOf = [&](const std::vector<std::uint16_t>& fromStart) {
+    // Runs from the start rise, so the first run that reaches the threshold
+    // is a partition point and its start the first position; runs from the
+    // end fall, and the last run that reaches it ends at the last position.
+    const auto firstOf = [threshold](const std::vector<Step>& fromStart) {
         return static_cast<std::int64_t>(
-            std::partition_point(fromStart.begin(), fromStart.end(), reaches) - fromStart.begin());
+            std::partition_point(fromStart.begin(), fromStart.end(), [threshold](const Step& s) { return s.value < threshold; })
+                ->start);
     };
-    const auto lastOf = [&](const std::vector<std::uint16_t>& fromEnd) {
-        return static_cast<std::int64_t>(
-                   std::partition_point(fromEnd.begin(), fromEnd.end(),
-                                        [threshold](std::uint16_t v) { return v >= threshold; })
-                   - fromEnd.begin())
-            - 1;
+    const auto lastOf = [threshold](const std::vector<Step>& fromEnd, std::uint32_t size) {
+        const auto next = std::partition_point(fromEnd.begin(), fromEnd.end(),
+                                               [threshold](const Step& s) { return s.value >= threshold; });
+        return static_cast<std::int64_t>(next == fromEnd.end() ? size : next->start) - 1;
     };
     const std::int64_t top = firstOf(m_fromTop);
-    const std::int64_t bottom = lastOf(m_fromBottom);
+    const std::int64_t bottom = lastOf(m_fromBottom, m_rows);
     const std::int64_t left = firstOf(m_fromLeft);
-    const std::int64_t right = lastOf(m_fromRight);
+    const std::int64_t right = lastOf(m_fromRight, m_columns);
     return PixelRect{left, top, right - left + 1, bottom - top + 1};
 }
 
 std::size_t ToleranceIndex::byteCount() const
 {
     return (m_fromTop.capacity() + m_fromBottom.capacity() + m_fromLeft.capacity() + m_fromRight.capacity())
-        * sizeof(std::uint16_t);
+        * sizeof(Step);
 }
 
 } // namespace orvane

@@ -87,12 +87,23 @@ public:
     /// Bytes held by the index.
     std::size_t byteCount() const;
 
+    /// One run of equal running maxima: from position start up to the next run.
+    struct Step {
+        std::uint32_t start = 0;
+        std::uint16_t value = 0;
+    };
+
 private:
-    // Running maxima from the top, from the bottom, from the left and from the right.
-    std::vector<std::uint16_t> m_fromTop;
-    std::vector<std::uint16_t> m_fromBottom;
-    std::vector<std::uint16_t> m_fromLeft;
-    std::vector<std::uint16_t> m_fromRight;
+    // Running maxima from the top, from the bottom, from the left and from the
+    // right, as runs: a running maximum only ever changes to a larger key, and
+    // there are fewer than 400 distinct keys, so the index stays a few KiB
+    // whatever the image's size.
+    std::vector<Step> m_fromTop;
+    std::vector<Step> m_fromBottom;
+    std::vector<Step> m_fromLeft;
+    std::vector<Step> m_fromRight;
+    std::uint32_t m_rows = 0;
+    std::uint32_t m_columns = 0;
 };
 
 } // namespace orvane

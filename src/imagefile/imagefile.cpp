@@ -1,5 +1,5 @@
 #include "imagefile/imagefile.h"
-#include "imagefile/pngdecoder.h"
+#include "imagefile/opening.h"
 #include "imagefile/pngencoder.h"
 
 #include <algorithm>
@@ -192,19 +192,6 @@ private:
     }
 };
 
-// Whether an image of this size may be decoded. bytesPerPixel is what the
-// decoded image takes per pixel; extraPerPixel is what the decoder holds
-// besides it while decoding. Every image later gets a 4-byte raster as well.
-bool fitsInMemory(std::int64_t width, std::int64_t height, std::int64_t bytesPerPixel, std::int64_t extraPerPixel)
-{
-    if (width <= 0 || height <= 0)
-        return false;
-    if (width > maxPixels || height > maxPixels || width * height > maxPixels)
-        return false;
-    const std::uint64_t need = std::uint64_t(width * height) * std::uint64_t(bytesPerPixel + extraPerPixel + 4);
-    return need <= availableMemory() / 2;
-}
-
 std::uint32_t littleEndian32(const QByteArray& bytes, qsizetype offset)
 {
     const auto* p = reinterpret_cast<const unsigned char*>(bytes.constData() + offset);
@@ -367,13 +354,46 @@ vips::VOption* loadOptions()
     return vips::VImage::option()->set("access", VIPS_ACCESS_SEQUENTIAL)->set("fail_on", VIPS_FAIL_ON_ERROR);
 }
 
-std::optional<LoadResult> loadBmp(QFile& file, const QByteArray& head)
+// What reading an image of width × height costs: the decoded image (bytes
+// per pixel) and what the decoder holds whole besides it while it reads.
+struct Cost {
+    std::int64_t width = 0;
+    std::int64_t height = 0;
+    std::int64_t bytesPerPixel = 0;
+    std::int64_t extraPerPixel = 0;
+    std::int64_t extraBytes = 0; ///< a copy of the file, for decoders that take it whole
+
+    std::uint64_t whole() const { return std::uint64_t(width * height) * std::uint64_t(bytesPerPixel + extraPerPixel) + std::uint64_t(extraBytes); }
+    std::uint64_t sequential() const { return std::uint64_t(width * height) * std::uint64_t(extraPerPixel) + std::uint64_t(extraBytes); }
+};
+
+// Sizes beyond what libvips addresses are refused whatever the memory.
+bool plausible(std::int64_t width, std::int64_t height)
+{
+    return width > 0 && height > 0 && width <= VIPS_MAX_COORD && height <= VIPS_MAX_COORD;
+}
+
+bool affordable(const Cost& cost, detail::Access access)
+{
+    if (!plausible(cost.width, cost.height))
+        return false;
+    const std::uint64_t need = access == detail::Access::Whole ? cost.whole() : cost.sequential();
+    return need <= availableMemory() / 2;
+}
+
+std::optional<detail::Opened> openBmp(QFile& file, const QByteArray& head, detail::Access access)
 {
     const auto size = bmpSize(head);
-    // ImageMagick keeps its own copy of the pixels: four 16-bit channels.
-    if (!size || !fitsInMemory(size->first, size->second, 4, 8))
+    if (!size)
         return std::nullopt;
-    if (file.size() > std::int64_t(availableMemory() / 4) || !file.seek(0))
+    // ImageMagick keeps its own copy of the pixels (four 16-bit channels)
+    // and is given the whole file.
+    const Cost cost{size->first, size->second, 4, 8, file.size()};
+    if (!affordable(cost, access) || file.size() > std::int64_t(availableMemory() / 4))
+        return std::nullopt;
+    if (access == detail::Access::Header)
+        return detail::Opened{{}, ImageType::bmp(), cost.whole(), cost.sequential()};
+    if (!file.seek(0))
         return std::nullopt;
     const QByteArray bytes = file.readAll();
     if (bytes.size() != file.size())
@@ -392,29 +412,12 @@ std::optional<LoadResult> loadBmp(QFile& file, const QByteArray& head)
     if (image.width() != size->first || image.height() != size->second)
         return std::nullopt;
     ownBlobs(image);
-    return LoadResult{decodedInMemory(image), ImageType::bmp()};
+    if (access == detail::Access::Whole)
+        image = decodedInMemory(image);
+    return detail::Opened{image, ImageType::bmp(), cost.whole(), cost.sequential()};
 }
 
-// PNGs of the common kinds through our own decoder. Without an image and
-// not damaged when it doesn't take the file, which libvips then reads.
-PngDecoder::Decoded decodeCommonPng(QFile& file, const QByteArray& head)
-{
-    const QByteArray start = head.left(8 + 25);
-    const std::optional<PngDecoder::Header> header = PngDecoder::header(start);
-    if (!header)
-        return {};
-    // The whole file and the inflated rows are held besides the image.
-    const std::int64_t bytesPerPixel = header->bands * header->depth / 8;
-    if (!fitsInMemory(header->width, header->height, bytesPerPixel, bytesPerPixel)
-        || file.size() > std::int64_t(availableMemory() / 4) || !file.seek(0))
-        return {};
-    const QByteArray bytes = file.readAll();
-    if (bytes.size() != file.size())
-        return {};
-    return PngDecoder::decode(bytes);
-}
-
-std::optional<LoadResult> loadUnchecked(const QString& path)
+std::optional<detail::Opened> openUnchecked(const QString& path, detail::Access access)
 {
     const QFileInfo info(path);
     if (!info.isFile()) // missing, a folder, a device or a pipe
@@ -432,19 +435,12 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
     if (!type)
         return std::nullopt;
     if (*type == ImageType::bmp())
-        return loadBmp(file, head);
-    if (*type == ImageType::png()) {
-        const PngDecoder::Decoded fast = decodeCommonPng(file, head);
-        if (fast.image)
-            return LoadResult{*fast.image, ImageType::png()};
-        if (fast.damaged)
-            return std::nullopt;
-    }
+        return openBmp(file, head, access);
     if (*type == ImageType::tiff()) {
         // At least a byte a pixel, whatever the samples: a size that fails
         // even that is refused before libtiff reads the directory.
         const auto size = tiffSize(file);
-        if (size && !fitsInMemory(size->first, size->second, 1, 0))
+        if (size && !affordable(Cost{size->first, size->second, 1, 0, 0}, detail::Access::Whole))
             return std::nullopt;
     }
     file.close();
@@ -452,10 +448,17 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
     const QByteArray name = QFile::encodeName(path);
     vips::VImage header;
     std::int64_t extraPerPixel = 0;
+    const auto flag = [&](const char* field) {
+        return header.get_typeof(field) != 0 && header.get_int(field) != 0;
+    };
     if (*type == ImageType::png()) {
         header = vips::VImage::pngload(name.constData(), loadOptions());
+        if (flag("interlaced")) // an interlaced PNG is inflated whole
+            extraPerPixel = header.bands() * std::int64_t(vips_format_sizeof(header.format()));
     } else if (*type == ImageType::jpeg()) {
         header = vips::VImage::jpegload(name.constData(), loadOptions());
+        if (flag("jpeg-multiscan")) // a progressive JPEG keeps every coefficient, 16 bits each
+            extraPerPixel = 2 * header.bands();
     } else if (*type == ImageType::tiff()) {
         header = vips::VImage::tiffload(name.constData(), loadOptions());
     } else if (*type == ImageType::gif()) {
@@ -473,16 +476,19 @@ std::optional<LoadResult> loadUnchecked(const QString& path)
 
     // Only the header has been read so far.
     const std::int64_t bytesPerPixel = header.bands() * std::int64_t(vips_format_sizeof(header.format()));
-    if (!fitsInMemory(header.width(), header.height(), bytesPerPixel, extraPerPixel))
+    const Cost cost{header.width(), header.height(), bytesPerPixel, extraPerPixel, 0};
+    if (!affordable(cost, access))
         return std::nullopt;
+    if (access == detail::Access::Header)
+        return detail::Opened{{}, *type, cost.whole(), cost.sequential()};
     ownBlobs(header);
-    vips::VImage image = decodedInMemory(header);
+    vips::VImage image = access == detail::Access::Whole ? decodedInMemory(header) : header;
     if (*type == ImageType::webP()) {
         QFile webp(path);
         if (webp.open(QIODevice::ReadOnly) && webpIsLossless(webp))
             image.set(kLosslessSourceField, 1);
     }
-    return LoadResult{image, *type};
+    return detail::Opened{image, *type, cost.whole(), cost.sequential()};
 }
 
 // ---------------------------------------------------------------- saving
@@ -556,8 +562,15 @@ QByteArray encodePngWithLibvips(const vips::VImage& image)
         vips::VImage::option()->set("compression", PngEncoder::referenceZlibLevel)->set("filter", VIPS_FOREIGN_PNG_FILTER_ALL)->set("strip", false)));
 }
 
+// Set while an image read sequentially from its file is written: its pixels
+// exist only as libvips computes them, so libvips' PNG writer, which takes
+// them row by row, writes it instead of ours, which wants them all at once.
+thread_local bool writingSequentialImage = false;
+
 QByteArray encodePng(const vips::VImage& image)
 {
+    if (writingSequentialImage)
+        return encodePngWithLibvips(image);
     const VipsInterpretation kind = image.interpretation();
     const int depth = image.format() == VIPS_FORMAT_UCHAR ? 8 : image.format() == VIPS_FORMAT_USHORT ? 16 : 0;
     const bool grey = image.bands() <= 2 && kind == (depth == 8 ? VIPS_INTERPRETATION_B_W : VIPS_INTERPRETATION_GREY16);
@@ -605,9 +618,11 @@ QByteArray encode(const vips::VImage& image, const ImageType& written, bool loss
         return fromBlob(image.webpsave_buffer(vips::VImage::option()->set("lossless", true)->set("strip", false)));
     }
     if (written == ImageType::jpeg()) {
-        // Optimised Huffman tables cost nothing in quality and shrink the file.
+        // Optimised Huffman tables cost nothing in quality and shrink the
+        // file, but libjpeg then holds every coefficient of the image: not
+        // for an image too large to hold.
         return fromBlob(image.jpegsave_buffer(
-            vips::VImage::option()->set("Q", 92)->set("optimize_coding", true)->set("strip", false)));
+            vips::VImage::option()->set("Q", 92)->set("optimize_coding", !writingSequentialImage)->set("strip", false)));
     }
     if (written == ImageType::png())
         return encodePng(image);
@@ -699,8 +714,16 @@ void initialise()
 
 std::optional<LoadResult> load(const QString& path)
 {
+    std::optional<detail::Opened> opened = detail::open(path, detail::Access::Whole);
+    if (!opened)
+        return std::nullopt;
+    return LoadResult{std::move(opened->image), opened->type};
+}
+
+std::optional<detail::Opened> detail::open(const QString& path, Access access)
+{
     try {
-        std::optional<LoadResult> result = loadUnchecked(path);
+        std::optional<Opened> result = openUnchecked(path, access);
         vips_error_clear();
         return result;
     } catch (const vips::VError&) {
@@ -763,6 +786,14 @@ bool save(const vips::VImage& image, const QString& path, const ImageType& type)
     }
     vips_error_clear();
     return false;
+}
+
+bool detail::saveSequential(const vips::VImage& image, const QString& path, const ImageType& type)
+{
+    writingSequentialImage = true;
+    const bool written = save(image, path, type);
+    writingSequentialImage = false;
+    return written;
 }
 
 bool isAccepted(const QString& path)

@@ -34,19 +34,13 @@ struct LoadResult {
 
 /// Decodes the file at path. The decoder is chosen by the file's first bytes,
 /// never by its name. Absent for a missing or unreadable file, one that is not
-/// an image Orvane accepts, one that is truncated or corrupt, one of more than
-/// maxPixels pixels, or one whose decoded size plus its raster would take more
-/// than half of availableMemory(); the size test reads only the header, so
-/// such files are refused before any memory is spent on them.
+/// an image Orvane accepts, one that is truncated or corrupt, or one whose
+/// decoded size (with what its decoder holds besides) would take more than
+/// half of availableMemory(); the size test reads only the header, so such
+/// files are refused before any memory is spent on them. There is no other
+/// limit on the number of pixels.
 /// Thread-safe; produces no messages.
 std::optional<LoadResult> load(const QString& path);
-
-/// The most pixels (width × height) an image may have to be loaded: 2^27,
-/// about 134 megapixels (11 585 × 11 585). Bigger images would need well over
-/// a gigabyte for the decoded image and its raster; the same limit already
-/// applies to BMP through ImageMagick's policy here, and it stops
-/// decompression bombs on machines with plenty of free memory.
-inline constexpr std::int64_t maxPixels = std::int64_t(1) << 27;
 
 /// Bytes of memory that this process can still use without being killed:
 /// the smaller of the kernel's MemAvailable and what the memory cgroup

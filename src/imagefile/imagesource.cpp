@@ -9,51 +9,73 @@
 
 #include <QFile>
 
+#include "engine/rasterpass.h"
 #include "imagefile/imagefile.h"
+#include "imagefile/opening.h"
 
 namespace orvane::ImageFile {
 
 namespace {
 
-// A copy of an engine raster scaled so that its long side is at most longSide.
-Raster scaledCopy(const std::uint8_t* pixels, std::int64_t width, std::int64_t height, int longSide)
+// Room for a pass's strips, its reduced copy and the preview it hands back.
+constexpr std::uint64_t kPassBytes = std::uint64_t(48) << 20;
+
+Raster rasterOf(RasterPass::Scaled&& scaled)
 {
-    const double scale = std::min(1.0, double(longSide) / double(std::max(width, height)));
-    vips::VImage image = vips::VImage::new_from_memory(const_cast<std::uint8_t*>(pixels),
-                                                       std::size_t(width * height * 4), int(width), int(height), 4,
-                                                       VIPS_FORMAT_UCHAR);
-    if (scale < 1.0)
-        image = image.resize(scale);
-    std::size_t size = 0;
-    void* memory = image.write_to_memory(&size);
-    auto bytes = std::make_shared<std::vector<std::uint8_t>>(static_cast<std::uint8_t*>(memory),
-                                                             static_cast<std::uint8_t*>(memory) + size);
-    g_free(memory);
-    return Raster{image.width(), image.height(), std::move(bytes)};
+    if (scaled.pixels.empty())
+        return {};
+    return Raster{scaled.width, scaled.height,
+                  std::make_shared<const std::vector<std::uint8_t>>(std::move(scaled.pixels))};
 }
 
-std::optional<Decoded> decodeUnchecked(const QString& path, bool keepImage, bool withPreview)
+// The summary (and preview) of an opened image by one pass over its pixels.
+std::optional<Indexed> indexOpened(const detail::Opened& opened, const FileIdentity& identity, bool withPreview)
+{
+    std::optional<RasterPass::Result> pass = RasterPass::run(opened.image, thumbnailSide, withPreview ? previewSide : 0);
+    if (!pass)
+        return std::nullopt;
+    Indexed indexed;
+    indexed.summary.type = opened.type;
+    indexed.summary.width = pass->width;
+    indexed.summary.height = pass->height;
+    indexed.summary.index = std::move(pass->index);
+    indexed.summary.thumbnail = rasterOf(std::move(pass->thumbnail));
+    indexed.summary.identity = identity;
+    indexed.preview = rasterOf(std::move(pass->preview));
+    return indexed;
+}
+
+std::optional<Indexed> indexUnchecked(const QString& path, bool withPreview)
 {
     const std::optional<FileIdentity> identity = identify(path);
     if (!identity)
         return std::nullopt;
-    std::optional<LoadResult> loaded = load(path);
-    if (!loaded)
+    const std::optional<detail::Opened> opened = detail::open(path, detail::Access::Sequential);
+    if (!opened)
         return std::nullopt;
-    std::optional<CropEngine::Buffer> buffer = CropEngine::Buffer::make(loaded->image);
-    if (!buffer)
+    return indexOpened(*opened, *identity, withPreview);
+}
+
+std::optional<Decoded> decodeUnchecked(const QString& path, bool withPreview)
+{
+    const std::optional<FileIdentity> identity = identify(path);
+    if (!identity)
+        return std::nullopt;
+    const std::optional<detail::Opened> header = detail::open(path, detail::Access::Header);
+    const bool hold = header && header->wholeBytes <= holdLimit();
+    const std::optional<detail::Opened> opened
+        = detail::open(path, hold ? detail::Access::Whole : detail::Access::Sequential);
+    if (!opened)
+        return std::nullopt;
+    std::optional<Indexed> indexed = indexOpened(*opened, *identity, withPreview);
+    if (!indexed)
         return std::nullopt;
     Decoded decoded;
-    decoded.summary.type = loaded->type;
-    decoded.summary.width = buffer->width();
-    decoded.summary.height = buffer->height();
-    decoded.summary.index = buffer->index();
-    decoded.summary.thumbnail = scaledCopy(buffer->pixels(), buffer->width(), buffer->height(), thumbnailSide);
-    decoded.summary.identity = *identity;
-    if (withPreview)
-        decoded.preview = scaledCopy(buffer->pixels(), buffer->width(), buffer->height(), previewSide);
-    if (keepImage)
-        decoded.image = buffer->image();
+    if (hold)
+        decoded.image = opened->image;
+    decoded.summary = std::move(indexed->summary);
+    decoded.preview = std::move(indexed->preview);
+    decoded.source = path;
     return decoded;
 }
 
@@ -78,11 +100,9 @@ std::size_t Decoded::byteCount() const
 std::optional<Indexed> index(const QString& path, bool withPreview)
 {
     try {
-        std::optional<Decoded> decoded = decodeUnchecked(path, false, withPreview);
+        std::optional<Indexed> indexed = indexUnchecked(path, withPreview);
         vips_error_clear();
-        if (!decoded)
-            return std::nullopt;
-        return Indexed{std::move(decoded->summary), std::move(decoded->preview)};
+        return indexed;
     } catch (const std::exception&) {
         vips_error_clear();
         return std::nullopt;
@@ -91,14 +111,33 @@ std::optional<Indexed> index(const QString& path, bool withPreview)
 
 std::optional<Decoded> decode(const QString& path)
 {
+    return decode(path, true);
+}
+
+std::optional<Decoded> decode(const QString& path, bool withPreview)
+{
     try {
-        std::optional<Decoded> decoded = decodeUnchecked(path, true, true);
+        std::optional<Decoded> decoded = decodeUnchecked(path, withPreview);
         vips_error_clear();
         return decoded;
     } catch (const std::exception&) {
         vips_error_clear();
         return std::nullopt;
     }
+}
+
+std::uint64_t holdLimit()
+{
+    return std::min<std::uint64_t>(std::uint64_t(1) << 30, availableMemory() / 4);
+}
+
+std::optional<ReadCost> readCost(const QString& path)
+{
+    const std::optional<detail::Opened> header = detail::open(path, detail::Access::Header);
+    if (!header)
+        return std::nullopt;
+    const std::uint64_t index = header->sequentialBytes + kPassBytes;
+    return ReadCost{index, header->wholeBytes <= holdLimit() ? header->wholeBytes + kPassBytes : index};
 }
 
 std::optional<FileIdentity> identify(const QString& path)
@@ -130,14 +169,58 @@ Failure whyNotOpened(const QString& path)
     return {FailureReason::Damaged, QStringLiteral("The file couldn’t be decoded.")};
 }
 
+namespace {
+
+// The image cut to the rectangle (clipped to it); absent when nothing is left.
+std::optional<vips::VImage> cut(const vips::VImage& image, const PixelRect& rect)
+{
+    const std::int64_t width = image.width();
+    const std::int64_t height = image.height();
+    if (rect.width <= 0 || rect.height <= 0)
+        return std::nullopt;
+    const auto farEdge = [](std::int64_t origin, std::int64_t size) {
+        std::int64_t edge = 0;
+        return __builtin_add_overflow(origin, size, &edge) ? INT64_MAX : edge;
+    };
+    const std::int64_t left = std::clamp<std::int64_t>(rect.x, 0, width);
+    const std::int64_t top = std::clamp<std::int64_t>(rect.y, 0, height);
+    const std::int64_t right = std::clamp<std::int64_t>(farEdge(rect.x, rect.width), 0, width);
+    const std::int64_t bottom = std::clamp<std::int64_t>(farEdge(rect.y, rect.height), 0, height);
+    if (right <= left || bottom <= top)
+        return std::nullopt;
+    if (left == 0 && top == 0 && right == width && bottom == height)
+        return image;
+    return image.extract_area(int(left), int(top), int(right - left), int(bottom - top));
+}
+
+} // namespace
+
 bool saveCropped(const Decoded& decoded, const PixelRect& rect, const QString& path, const ImageType& type)
 {
+    if (!decoded.holdsImage())
+        return saveCropped(decoded.source, decoded.summary, rect, path, type);
     try {
-        std::optional<CropEngine::Buffer> buffer = CropEngine::Buffer::make(decoded.image);
-        if (!buffer)
-            return false;
-        std::optional<vips::VImage> cropped = CropEngine::crop(*buffer, rect);
+        std::optional<vips::VImage> cropped = cut(decoded.image, rect);
         const bool written = cropped && save(*cropped, path, type);
+        vips_error_clear();
+        return written;
+    } catch (const std::exception&) {
+        vips_error_clear();
+        return false;
+    }
+}
+
+bool saveCropped(const QString& source, const Summary& summary, const PixelRect& rect, const QString& path,
+                 const ImageType& type)
+{
+    try {
+        if (identify(source) != summary.identity)
+            return false;
+        const std::optional<detail::Opened> opened = detail::open(source, detail::Access::Sequential);
+        if (!opened || opened->image.width() != summary.width || opened->image.height() != summary.height)
+            return false;
+        std::optional<vips::VImage> cropped = cut(opened->image, rect);
+        const bool written = cropped && detail::saveSequential(*cropped, path, type);
         vips_error_clear();
         return written;
     } catch (const std::exception&) {

@@ -82,17 +82,42 @@ std::optional<Indexed> index(const QString& path, bool withPreview = true);
 
 /// An image decoded in full, for the item on screen: what a save crops and
 /// writes, so that the file gets exactly the pixels the user saw.
+///
+/// An image whose decode would take more than holdLimit() is not held: its
+/// image stays null, and saveCropped() reads the file again, sequentially,
+/// provided it is still the file that was read (same identity).
 struct Decoded {
-    vips::VImage image; ///< the first frame, in memory, unrotated
+    vips::VImage image; ///< the first frame, in memory, unrotated; null when too large to hold
     Summary summary;    ///< of this very decode
     Raster preview;     ///< long side at most previewSide
+    QString source;     ///< the file read
+
+    /// Whether the image is held (else saving reads source again).
+    bool holdsImage() const { return !image.is_null(); }
 
     /// Bytes held: the decoded image, the preview and the summary.
     std::size_t byteCount() const;
 };
 
-/// Decodes the whole file into memory. Absent as for index().
+/// Decodes the whole file into memory (unless it is too large to hold, see
+/// Decoded). Absent as for index().
 std::optional<Decoded> decode(const QString& path);
+/// As above; without a preview when withPreview is false (orvane-trim).
+std::optional<Decoded> decode(const QString& path, bool withPreview);
+
+/// The most bytes a decoded image may take for decode() to hold it: the
+/// smaller of 1 GiB and a quarter of availableMemory().
+std::uint64_t holdLimit();
+
+/// What reading a file takes in memory at most, from its header alone: for
+/// index() (with a preview) and for decode(). What a WorkerPool job that
+/// reads the file states as its bytes.
+struct ReadCost {
+    std::uint64_t index = 0;
+    std::uint64_t decode = 0;
+};
+/// Absent when index() would refuse the file (a small job then finds out why).
+std::optional<ReadCost> readCost(const QString& path);
 
 /// The file's identity now; absent when it is not there (or not a file).
 std::optional<FileIdentity> identify(const QString& path);
@@ -121,7 +146,17 @@ Failure whyNotOpened(const QString& path);
 
 /// Writes the decoded image cut to rect to path in writableType(type),
 /// atomically (see save()). True when the file was written completely.
+/// A Decoded that does not hold its image is written as saveCropped() below
+/// writes it from its source and summary.
 bool saveCropped(const Decoded& decoded, const PixelRect& rect, const QString& path, const ImageType& type);
+
+/// Writes the image in the file at source, cut to rect, to path as above,
+/// reading the source once, sequentially, and holding only what the encoder
+/// needs (besides the encoded file). False, and nothing written, when the
+/// source is no longer the file summary was made from (its identity differs)
+/// or cannot be read. Saving over source itself is safe.
+bool saveCropped(const QString& source, const Summary& summary, const PixelRect& rect, const QString& path,
+                 const ImageType& type);
 
 } // namespace ImageFile
 } // namespace orvane

@@ -1,5 +1,5 @@
-// What Orvane's PNG reader and writer share: the Paeth predictor, which both
-// must compute identically, and the malloc'd buffers they hold rows in.
+// The PNG writer's row helpers: the Paeth predictor and the malloc'd buffers
+// rows are held in.
 #pragma once
 
 #include <cstdint>

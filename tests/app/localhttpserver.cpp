@@ -54,6 +54,13 @@ void LocalHttpServer::onReadyRead(QTcpSocket* socket)
     const QList<QByteArray> requestLine = request.left(request.indexOf("\r\n")).split(' ');
     const QString path = requestLine.size() >= 2 ? QString::fromLatin1(requestLine[1]) : QString();
     m_requests.append(path);
+    m_lastHeaders.clear();
+    const QList<QByteArray> lines = request.left(request.indexOf("\r\n\r\n")).split('\n');
+    for (qsizetype i = 1; i < lines.size(); ++i) {
+        const qsizetype colon = lines[i].indexOf(':');
+        if (colon > 0)
+            m_lastHeaders.insert(lines[i].left(colon).trimmed().toLower(), lines[i].mid(colon + 1).trimmed());
+    }
 
     Response response;
     if (const auto it = m_responses.constFind(path); it != m_responses.constEnd())
@@ -70,6 +77,8 @@ void LocalHttpServer::onReadyRead(QTcpSocket* socket)
     head += "Content-Type: " + response.contentType + "\r\n";
     if (response.sendLength)
         head += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n";
+    for (const auto& [name, value] : std::as_const(response.headers))
+        head += name + ": " + value + "\r\n";
     head += "Connection: close\r\n\r\n";
     socket->write(head);
     socket->write(response.body);

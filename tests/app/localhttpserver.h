@@ -10,6 +10,8 @@
 #include <QTcpServer>
 #include <QUrl>
 
+#include <utility>
+
 class QTcpSocket;
 
 namespace orvane::test {
@@ -25,6 +27,7 @@ public:
         QByteArray contentType = "application/octet-stream";
         bool sendLength = true;   ///< false: no Content-Length, the body ends with the connection
         bool neverAnswer = false; ///< read the request and then stay silent
+        QList<std::pair<QByteArray, QByteArray>> headers = {}; ///< more header lines (Location, Content-Encoding)
     };
 
     explicit LocalHttpServer(QObject* parent = nullptr);
@@ -37,6 +40,8 @@ public:
     void setResponse(const QString& path, const Response& response);
     /// Paths requested so far, in order.
     QList<QString> requests() const { return m_requests; }
+    /// The header lines of the last request, names in lower case.
+    QHash<QByteArray, QByteArray> lastRequestHeaders() const { return m_lastHeaders; }
 
 private:
     void onNewConnection();
@@ -45,6 +50,7 @@ private:
     QTcpServer m_server;
     QHash<QString, Response> m_responses;
     QList<QString> m_requests;
+    QHash<QByteArray, QByteArray> m_lastHeaders;
     QList<QPointer<QTcpSocket>> m_silent;
 };
 

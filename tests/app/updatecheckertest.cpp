@@ -1,5 +1,6 @@
-// The updater's network core against a real HTTP server on 127.0.0.1:
-// checking the feed, and downloads kept only when they verify.
+// The updater's network core against a real HTTP server on 127.0.0.1 (plain
+// http through the test-only loopback switch): the signed feed, the address
+// rules, the limits, and downloads kept only when they verify.
 #include <csignal>
 
 #include <sys/resource.h>
@@ -20,6 +21,7 @@ Q_DECLARE_METATYPE(orvane::test::LocalHttpServer::Response)
 using namespace orvane;
 using namespace std::chrono_literals;
 using orvane::test::FeedItem;
+using orvane::test::gzipStored;
 using orvane::test::LocalHttpServer;
 using orvane::test::makeFeed;
 using orvane::test::SigningKey;
@@ -56,6 +58,7 @@ private:
         c.checkDeadline = 10s;
         c.maxFeedBytes = 64 * 1024;
         c.downloadDirectory = m_downloads->path();
+        c.allowLoopbackHttp = true;
         return c;
     }
 
@@ -63,6 +66,13 @@ private:
     {
         return {version, QString(), m_server->url(path).toString(), QString::number(payload.size()),
                 m_key.signBase64(payload), QString(), QString()};
+    }
+
+    // The rollback attack: an old build, correctly signed, announced as 99.0.
+    QByteArray relabelledOldBuild() const
+    {
+        const QByteArray oldBuild = "Orvane 0.9, with a known flaw";
+        return makeFeed({item(QStringLiteral("99.0"), oldBuild, QStringLiteral("/dl/Orvane-0.9.tar.gz"))});
     }
 
     static UpdateChecker::CheckResult runCheck(UpdateChecker& checker)
@@ -84,9 +94,16 @@ private:
     }
 
     // Serves a feed offering payload as version 2.0 and returns the offered item.
+    // Serves feed at /feed.xml with the key's signature beside it.
+    void serveSignedFeed(const QByteArray& feed)
+    {
+        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", feed, "application/rss+xml"});
+        m_server->setResponse(QStringLiteral("/feed.xml.sig"), {200, "OK", m_key.signBase64(feed), "text/plain"});
+    }
+
     AppcastItem offer(UpdateChecker& checker, const FeedItem& feedItem)
     {
-        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", makeFeed({feedItem}), "application/rss+xml"});
+        serveSignedFeed(makeFeed({feedItem}));
         const auto result = runCheck(checker);
         if (result.status != UpdateChecker::CheckStatus::UpdateAvailable)
             qFatal("the feed offered nothing: %s", qPrintable(result.error));
@@ -115,7 +132,6 @@ private Q_SLOTS:
         QTest::addColumn<int>("status");
         QTest::addColumn<QString>("offeredOrError");
 
-        const QByteArray payload = "new build";
         auto feed = [&](const QStringList& versions) {
             QList<FeedItem> items;
             for (const QString& v : versions)
@@ -147,14 +163,24 @@ private Q_SLOTS:
         Response streamed{200, "OK", QByteArray(200 * 1024, ' '), "application/rss+xml"};
         streamed.sendLength = false;
         QTest::newRow("oversized feed, unannounced") << streamed << failed << "larger than";
+        // A small gzip that expands far beyond the feed limit. Asked for
+        // unencoded bytes, Orvane reads it as it is: not a feed, and never
+        // "couldn't reach" a server that answered.
+        Response bomb{200, "OK", qCompress(QByteArray(64 << 20, ' '), 9).mid(4), "application/rss+xml"};
+        bomb.headers = {{"Content-Encoding", "deflate"}};
+        QTest::newRow("compressed bomb") << bomb << failed << "not valid XML";
     }
 
+    // Every feed served here is properly signed, so what is tested is what
+    // follows the signature.
     void checkOutcomes()
     {
         QFETCH(Response, response);
         QFETCH(int, status);
         QFETCH(QString, offeredOrError);
         m_server->setResponse(QStringLiteral("/feed.xml"), response);
+        m_server->setResponse(QStringLiteral("/feed.xml.sig"),
+                              {200, "OK", m_key.signBase64(response.body), "text/plain"});
 
         UpdateChecker checker(config());
         const auto result = runCheck(checker);
@@ -165,11 +191,56 @@ private Q_SLOTS:
         } else {
             QVERIFY(!result.update);
         }
-        if (result.status == UpdateChecker::CheckStatus::Failed)
+        if (result.status == UpdateChecker::CheckStatus::Failed) {
             QVERIFY2(result.error.contains(offeredOrError), qPrintable(result.error));
-        else
+            QVERIFY2(result.error.endsWith(u'.'), qPrintable(result.error));
+        } else {
             QVERIFY(result.error.isEmpty());
-        QCOMPARE(m_server->requests(), QList<QString>{QStringLiteral("/feed.xml")});
+        }
+        QCOMPARE(m_server->requests().first(), QStringLiteral("/feed.xml"));
+        QCOMPARE(m_server->lastRequestHeaders().value("accept-encoding"), QByteArray("identity"));
+    }
+
+    // A feed is believed only with the key's signature of its exact bytes:
+    // otherwise whoever serves it could offer an old signed build as 99.0.
+    void feedWithoutValidSignatureIsRefused_data()
+    {
+        QTest::addColumn<QString>("signature"); // what is served as feed.xml.sig
+        QTest::addColumn<QString>("error");
+        QTest::newRow("no signature") << "none" << "isn’t signed";
+        QTest::newRow("signed by another key") << "other key" << "isn’t valid";
+        QTest::newRow("signature of the previous feed") << "previous feed" << "isn’t valid";
+        QTest::newRow("damaged signature") << "damaged" << "isn’t valid";
+        QTest::newRow("not base64") << "%%%%" << "isn’t valid";
+        QTest::newRow("empty") << "" << "isn’t valid";
+        QTest::newRow("oversized") << QString(4096, u'A') << "isn’t valid";
+    }
+
+    void feedWithoutValidSignatureIsRefused()
+    {
+        QFETCH(QString, signature);
+        QFETCH(QString, error);
+        const QByteArray feed = relabelledOldBuild();
+        QByteArray served = signature.toLatin1();
+        if (signature == QLatin1String("other key")) {
+            served = SigningKey().signBase64(feed);
+        } else if (signature == QLatin1String("previous feed")) {
+            served = m_key.signBase64(makeFeed({}));
+        } else if (signature == QLatin1String("damaged")) {
+            QByteArray flipped = QByteArray::fromBase64(m_key.signBase64(feed));
+            flipped[10] = char(flipped[10] ^ 1);
+            served = flipped.toBase64();
+        }
+        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", feed, "application/rss+xml"});
+        if (signature != QLatin1String("none"))
+            m_server->setResponse(QStringLiteral("/feed.xml.sig"), {200, "OK", served, "text/plain"});
+
+        UpdateChecker checker(config());
+        const auto result = runCheck(checker);
+        QCOMPARE(result.status, UpdateChecker::CheckStatus::Failed);
+        QVERIFY(!result.update);
+        QVERIFY2(result.error.contains(error), qPrintable(result.error));
+        QCOMPARE(m_server->requests(), (QList<QString>{QStringLiteral("/feed.xml"), QStringLiteral("/feed.xml.sig")}));
     }
 
     void unreachableServerIsReported()
@@ -221,7 +292,7 @@ private Q_SLOTS:
 
     void secondCheckJoinsTheRunningOne()
     {
-        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", makeFeed({}), "application/rss+xml"});
+        serveSignedFeed(makeFeed({}));
         UpdateChecker checker(config());
         QSignalSpy spy(&checker, &UpdateChecker::checkFinished);
         checker.check();
@@ -229,7 +300,7 @@ private Q_SLOTS:
         QVERIFY(spy.wait(kWait));
         QTest::qWait(50); // a second answer would be queued by now
         QCOMPARE(spy.size(), 1);
-        QCOMPARE(m_server->requests().size(), 1);
+        QCOMPARE(m_server->requests().size(), 2); // the feed and its signature, once
     }
 
     void verifiedDownloadIsKept()
@@ -378,6 +449,167 @@ private Q_SLOTS:
         QVERIFY(result.error.contains(QStringLiteral("cancelled")));
         QVERIFY(!checker.isDownloading());
         QCOMPARE(filesIn(m_downloads->path()), QStringList());
+    }
+
+    void addressRules_data()
+    {
+        QTest::addColumn<bool>("loopbackHttp");
+        QTest::addColumn<QString>("from");
+        QTest::addColumn<QString>("to");
+        QTest::addColumn<bool>("allowed"); // to as an address; a redirect from from to to
+
+        QTest::newRow("https, same host") << false << "https://orvane.app/a" << "https://orvane.app/b" << true;
+        QTest::newRow("host case differs") << false << "https://orvane.app/a" << "https://ORVANE.app:8443/b" << true;
+        QTest::newRow("down to http") << false << "https://orvane.app/a" << "http://orvane.app/b" << false;
+        QTest::newRow("another host") << false << "https://orvane.app/a" << "https://mirror.example/b" << false;
+        QTest::newRow("a subdomain is another host")
+            << false << "https://orvane.app/a" << "https://dl.orvane.app/b" << false;
+        QTest::newRow("credentials") << false << "https://orvane.app/a" << "https://u:p@orvane.app/b" << false;
+        QTest::newRow("file") << false << "https://orvane.app/a" << "file:///etc/passwd" << false;
+        QTest::newRow("loopback http without the switch")
+            << false << "http://127.0.0.1:8/a" << "http://127.0.0.1:9/b" << false;
+        QTest::newRow("loopback http with the switch")
+            << true << "http://127.0.0.1:8/a" << "http://127.0.0.1:9/b" << true;
+        QTest::newRow("the switch is for loopback only")
+            << true << "http://orvane.app/a" << "http://orvane.app/b" << false;
+        QTest::newRow("loopback, another name") << true << "http://127.0.0.1:8/a" << "http://localhost:8/b" << false;
+        QTest::newRow("loopback https to http") << true << "https://127.0.0.1/a" << "http://127.0.0.1/b" << false;
+    }
+
+    void addressRules()
+    {
+        QFETCH(bool, loopbackHttp);
+        QFETCH(QString, from);
+        QFETCH(QString, to);
+        QFETCH(bool, allowed);
+        UpdateChecker::Config c = config();
+        c.allowLoopbackHttp = loopbackHttp;
+        const UpdateChecker checker(c);
+        QCOMPARE(checker.isAllowedRedirect(QUrl(from), QUrl(to)), allowed);
+        if (QUrl(from).scheme() == QUrl(to).scheme() && QUrl(to).userInfo().isEmpty())
+            QCOMPARE(checker.isAllowedAddress(QUrl(to)), checker.isAllowedAddress(QUrl(from)));
+    }
+
+    void plainHttpFeedIsNeverAsked()
+    {
+        UpdateChecker::Config c = config();
+        c.allowLoopbackHttp = false; // as in the application
+        serveSignedFeed(makeFeed({}));
+        UpdateChecker checker(c);
+        const auto result = runCheck(checker);
+        QCOMPARE(result.status, UpdateChecker::CheckStatus::Failed);
+        QVERIFY2(result.error.contains(QStringLiteral("isn’t an https address")), qPrintable(result.error));
+        QVERIFY(m_server->requests().isEmpty());
+    }
+
+    void redirects_data()
+    {
+        QTest::addColumn<QString>("redirectedPath"); // /feed.xml or the download
+        QTest::addColumn<QByteArray>("location");
+        QTest::addColumn<bool>("followed");
+        QTest::newRow("feed, same host") << "/feed.xml" << QByteArray("/moved/feed.xml") << true;
+        QTest::newRow("feed, another host") << "/feed.xml" << QByteArray("http://localhost:%1/moved/feed.xml")
+                                            << false;
+        QTest::newRow("download, same host") << "/dl/Orvane-2.0.tar.gz" << QByteArray("/moved/Orvane-2.0.tar.gz")
+                                             << true;
+        QTest::newRow("download, another host")
+            << "/dl/Orvane-2.0.tar.gz" << QByteArray("http://localhost:%1/moved/Orvane-2.0.tar.gz") << false;
+    }
+
+    void redirects()
+    {
+        QFETCH(QString, redirectedPath);
+        QFETCH(QByteArray, location);
+        QFETCH(bool, followed);
+        location.replace("%1", QByteArray::number(m_server->url(QStringLiteral("/")).port()));
+        const QByteArray payload = "Orvane 2.0";
+        const QByteArray feed = makeFeed({item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz"))});
+        serveSignedFeed(feed);
+        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), {200, "OK", payload});
+        const QString target = QUrl(QString::fromLatin1(location)).path();
+        m_server->setResponse(target, {200, "OK", redirectedPath.endsWith(QStringLiteral(".xml")) ? feed : payload});
+        m_server->setResponse(target + QStringLiteral(".sig"), {200, "OK", m_key.signBase64(feed), "text/plain"});
+        Response moved{302, "Found", "", "text/plain"};
+        moved.headers = {{"Location", location}};
+        m_server->setResponse(redirectedPath, moved);
+
+        UpdateChecker checker(config());
+        const auto check = runCheck(checker);
+        const bool feedRedirected = redirectedPath == QStringLiteral("/feed.xml");
+        if (feedRedirected && !followed) {
+            QCOMPARE(check.status, UpdateChecker::CheckStatus::Failed);
+            QVERIFY2(check.error.contains(QStringLiteral("isn’t an https address on the same server")),
+                     qPrintable(check.error));
+            QVERIFY(!m_server->requests().contains(target));
+            return;
+        }
+        QCOMPARE(check.status, UpdateChecker::CheckStatus::UpdateAvailable);
+        const auto result = runDownload(checker, *check.update);
+        QCOMPARE(result.ok, followed);
+        QCOMPARE(m_server->requests().contains(target), followed);
+        if (!followed) {
+            QVERIFY2(result.error.contains(QStringLiteral("isn’t an https address on the same server")),
+                     qPrintable(result.error));
+            QCOMPARE(filesIn(m_downloads->path()), QStringList());
+        }
+    }
+
+    // Refused before a byte is asked for: nothing is requested, nothing written.
+    void downloadRefusedUpFront_data()
+    {
+        QTest::addColumn<QString>("url");
+        QTest::addColumn<QString>("length");
+        QTest::addColumn<qint64>("cap");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("announced above the cap") << "/dl/big.tar.gz" << "10737418240" << qint64(1 << 20)
+                                                 << "more than the 1 MiB Orvane accepts";
+        QTest::newRow("the default cap") << "/dl/big.tar.gz" << "10737418240" << UpdateChecker::maxUpdateBytes
+                                         << "more than the 1 GiB Orvane accepts";
+        QTest::newRow("more than the disk holds")
+            << "/dl/big.tar.gz" << "1125899906842624" << (qint64(1) << 62) << "enough free space";
+        QTest::newRow("plain http elsewhere") << "http://192.0.2.1/Orvane.tar.gz" << "10" << qint64(1 << 20)
+                                              << "isn’t an https address";
+    }
+
+    void downloadRefusedUpFront()
+    {
+        QFETCH(QString, url);
+        QFETCH(QString, length);
+        QFETCH(qint64, cap);
+        QFETCH(QString, error);
+        FeedItem feedItem = item(QStringLiteral("2.0"), "x", QStringLiteral("/dl/big.tar.gz"));
+        if (!url.startsWith(u'/'))
+            feedItem.url = url;
+        feedItem.length = length;
+        m_server->setResponse(QStringLiteral("/dl/big.tar.gz"), {200, "OK", QByteArray(4 << 20, 'x')});
+        UpdateChecker::Config c = config();
+        c.maxDownloadBytes = cap;
+        UpdateChecker checker(c);
+        const AppcastItem update = offer(checker, feedItem);
+        const qsizetype asked = m_server->requests().size();
+        const auto result = runDownload(checker, update);
+        QVERIFY(!result.ok);
+        QVERIFY2(result.error.contains(error), qPrintable(result.error));
+        QCOMPARE(m_server->requests().size(), asked);
+        QCOMPARE(filesIn(m_downloads->path()), QStringList());
+    }
+
+    // Servers often label a .tar.gz as gzip-encoded; the signature covers the
+    // file as published, so it must arrive as it is.
+    void gzipEncodedDownloadIsKeptAsPublished()
+    {
+        const QByteArray payload = gzipStored(QByteArray("Orvane 2.0 build ").repeated(8000));
+        Response encoded{200, "OK", payload, "application/gzip"};
+        encoded.headers = {{"Content-Encoding", "gzip"}};
+        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), encoded);
+        UpdateChecker checker(config());
+        const auto result = runDownload(
+            checker, offer(checker, item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz"))));
+        QVERIFY2(result.ok, qPrintable(result.error));
+        QCOMPARE(m_server->lastRequestHeaders().value("accept-encoding"), QByteArray("identity"));
+        QFile kept(result.filePath);
+        QVERIFY(kept.open(QIODevice::ReadOnly));
+        QCOMPARE(kept.readAll(), payload);
     }
 
     void signatureVerification()

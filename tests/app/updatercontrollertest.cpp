@@ -1,6 +1,9 @@
 // The updater as the user meets it: the automatic-check setting, background
 // checks, and the dialog of a user-initiated check, against a local server.
 #include <QAction>
+#include <QApplication>
+#include <QMainWindow>
+#include <QTimer>
 #include <QCheckBox>
 #include <QDir>
 #include <QFile>
@@ -56,6 +59,7 @@ private:
         config.currentVersion = QStringLiteral("1.0");
         config.transferTimeout = 300ms;
         config.downloadDirectory = m_dir->filePath(QStringLiteral("downloads"));
+        config.allowLoopbackHttp = true;
         return std::make_unique<UpdaterController>(
             config, std::make_unique<QSettings>(settingsPath(), QSettings::IniFormat));
     }
@@ -65,7 +69,9 @@ private:
         const FeedItem item{version, QString(), m_server->url(QStringLiteral("/dl/Orvane.tar.gz")).toString(),
                             QString::number(m_payload.size()), m_key.signBase64(m_payload),
                             QStringLiteral("https://orvane.app/notes.html"), QString()};
-        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", makeFeed({item}), "application/rss+xml"});
+        const QByteArray feed = makeFeed({item});
+        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", feed, "application/rss+xml"});
+        m_server->setResponse(QStringLiteral("/feed.xml.sig"), {200, "OK", m_key.signBase64(feed), "text/plain"});
         m_server->setResponse(QStringLiteral("/dl/Orvane.tar.gz"), {200, "OK", m_payload});
     }
 
@@ -223,7 +229,35 @@ private Q_SLOTS:
         QVERIFY(announcing->dialog());
         QVERIFY(announcing->dialog()->isVisible());
         QCOMPARE(announcing->dialog()->headline(), QStringLiteral("A new version of Orvane is available."));
-        QCOMPARE(m_server->requests().size(), 2);
+        QCOMPARE(m_server->requests().size(), 4); // two feeds, two signatures
+    }
+
+    // A background check may finish while another application is active: the
+    // dialog still belongs to the window, and closing the window ends Orvane.
+    void dialogBelongsToTheWindow()
+    {
+        serveFeed(QStringLiteral("2.0"));
+        auto controller = makeController();
+        QMainWindow window;
+        window.show();
+        delete controller->makeCheckForUpdatesAction(&window, nullptr);
+        QApplication::setActiveWindow(nullptr);
+        QSignalSpy finished(&controller->checker(), &UpdateChecker::checkFinished);
+        controller->start();
+        QVERIFY(finished.wait(kWait));
+        QVERIFY(controller->dialog() && controller->dialog()->isVisible());
+        QCOMPARE(controller->dialog()->parentWidget(), &window);
+
+        const bool quitOnClose = QApplication::quitOnLastWindowClosed();
+        QApplication::setQuitOnLastWindowClosed(true);
+        QTimer::singleShot(0, &window, &QWidget::close);
+        QTimer giveUp; // gone with the test, so it cannot end a later one's wait
+        giveUp.setSingleShot(true);
+        connect(&giveUp, &QTimer::timeout, qApp, [] { QCoreApplication::exit(1); });
+        giveUp.start(kWait);
+        const int status = QApplication::exec();
+        QApplication::setQuitOnLastWindowClosed(quitOnClose);
+        QCOMPARE(status, 0);
     }
 
     void checkingTwiceShowsOneDialog()

@@ -76,7 +76,7 @@ private Q_SLOTS:
 
         QMenu* moreApps = window.moreAppsMenu();
         QVERIFY(moreApps);
-        QCOMPARE(moreApps->title(), QStringLiteral("More Apps"));
+        QCOMPARE(moreApps->title(), QStringLiteral("&More Apps"));
         // A menu of its own in the menu bar.
         bool inBar = false;
         for (QAction* action : window.menuBar()->actions())

@@ -1,0 +1,251 @@
+// The streamed pass behind ImageFile::index() and decode(): the content
+// rectangle it answers is the plain scan's in every format and colour model,
+// what it keeps is small, and images too large to hold still open and save.
+#include <QTemporaryDir>
+
+#include "engine/cropengine.h"
+#include "imagefile/imagesource.h"
+#include "imagefiletestsupport.h"
+
+using namespace orvane;
+using namespace orvane::test;
+
+namespace {
+
+class Source : public ::testing::Test {
+protected:
+    QString path(const QString& name) const { return dir.filePath(name); }
+    QString save(const vips::VImage& image, const QString& name, const char* options = "")
+    {
+        const QString p = path(name);
+        image.write_to_file((p + QString::fromLatin1(options)).toLocal8Bit().constData());
+        return p;
+    }
+    void TearDown() override { ImageFile::setAvailableMemoryForTesting(std::nullopt); }
+
+    QTemporaryDir dir;
+};
+
+// The pattern (a gradient with falling alpha where it has alpha) placed on a
+// white, or fully transparent, canvas: its rectangle changes with the
+// tolerance, and no two tolerances need to agree.
+vips::VImage framed(int width, int height, int bands, VipsBandFormat format)
+{
+    const double max = format == VIPS_FORMAT_USHORT ? 65535.0 : 255.0;
+    const vips::VImage inner = pattern(width / 2, height / 3, bands, format);
+    std::vector<double> background(std::size_t(bands), max);
+    if (bands == 2 || bands == 4)
+        background.back() = 0;
+    vips::VImage canvas = (vips::VImage::black(width, height, vips::VImage::option()->set("bands", bands)) + background)
+                              .cast(format)
+                              .copy(vips::VImage::option()->set("interpretation", inner.interpretation()));
+    return canvas.insert(inner, width / 5, height / 4);
+}
+
+std::optional<PixelRect> scanned(const QString& file, double tolerance)
+{
+    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+    if (!loaded)
+        return PixelRect{-1, -1, -1, -1};
+    const std::optional<CropEngine::Buffer> buffer = CropEngine::Buffer::make(loaded->image);
+    return buffer ? CropEngine::contentRectByScan(*buffer, tolerance) : PixelRect{-2, -2, -2, -2};
+}
+
+struct Format {
+    const char* name;
+    const char* options;
+    int bands;
+    VipsBandFormat format;
+    bool profile;
+};
+
+std::string caseName(const ::testing::TestParamInfo<Format>& info)
+{
+    std::string name = info.param.name;
+    for (char& c : name)
+        if (!std::isalnum(static_cast<unsigned char>(c)))
+            c = '_';
+    return name;
+}
+
+class StreamedPass : public Source, public ::testing::WithParamInterface<Format> {};
+
+} // namespace
+
+TEST_P(StreamedPass, AnswersEveryToleranceAsThePlainScan)
+{
+    const Format& f = GetParam();
+    // Wide enough for several strips, and large enough in one case for the
+    // pass to fold on its helper thread.
+    const bool large = std::string(f.name).find("large") != std::string::npos;
+    vips::VImage image = framed(large ? 1400 : 300, large ? 900 : 700, f.bands, f.format);
+    if (f.profile)
+        image = withProfile(image, iccProfile());
+    const QString file = save(image, QString::fromLatin1(f.name), f.options);
+
+    const std::optional<ImageFile::Indexed> indexed = ImageFile::index(file);
+    ASSERT_TRUE(indexed);
+    EXPECT_EQ(indexed->summary.width, image.width());
+    EXPECT_EQ(indexed->summary.height, image.height());
+    const std::optional<ImageFile::Decoded> decoded = ImageFile::decode(file);
+    ASSERT_TRUE(decoded);
+    EXPECT_TRUE(decoded->holdsImage());
+    for (const double tolerance : {0.0, 1.0, 10.0, 25.0, 50.0, 63.0, 80.0, 99.0, 100.0}) {
+        const std::optional<PixelRect> expected = scanned(file, tolerance);
+        EXPECT_EQ(indexed->summary.contentRect(tolerance), expected) << f.name << " at " << tolerance;
+        EXPECT_EQ(decoded->summary.contentRect(tolerance), expected) << f.name << " at " << tolerance;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    FormatsAndColourModels, StreamedPass,
+    ::testing::Values(Format{"grey.png", "", 1, VIPS_FORMAT_UCHAR, false},
+                      Format{"grey-alpha.png", "", 2, VIPS_FORMAT_UCHAR, false},
+                      Format{"rgb.png", "", 3, VIPS_FORMAT_UCHAR, false},
+                      Format{"rgba.png", "", 4, VIPS_FORMAT_UCHAR, false},
+                      Format{"rgba-large.png", "", 4, VIPS_FORMAT_UCHAR, false},
+                      Format{"rgb16.png", "", 3, VIPS_FORMAT_USHORT, false},
+                      Format{"grey-alpha16.png", "", 2, VIPS_FORMAT_USHORT, false},
+                      Format{"rgba-interlaced.png", "[interlace]", 4, VIPS_FORMAT_UCHAR, false},
+                      Format{"profile.png", "", 3, VIPS_FORMAT_UCHAR, true},
+                      Format{"rgb.jpg", "[Q=90]", 3, VIPS_FORMAT_UCHAR, false},
+                      Format{"rgb-large-progressive.jpg", "[Q=90,interlace]", 3, VIPS_FORMAT_UCHAR, false},
+                      Format{"profile.jpg", "[Q=90]", 3, VIPS_FORMAT_UCHAR, true},
+                      Format{"grey.jpg", "[Q=90]", 1, VIPS_FORMAT_UCHAR, false},
+                      Format{"rgba.tif", "", 4, VIPS_FORMAT_UCHAR, false},
+                      Format{"rgba16-tiled.tif", "[tile,tile_width=64,tile_height=64]", 4, VIPS_FORMAT_USHORT, false},
+                      Format{"rgba.webp", "[lossless]", 4, VIPS_FORMAT_UCHAR, false},
+                      Format{"rgb.gif", "", 3, VIPS_FORMAT_UCHAR, false}),
+    caseName);
+
+TEST_F(Source, CmykAnswersAsThePlainScan)
+{
+    // CMYK exists only as JPEG or TIFF, made here from the sRGB pattern.
+    const vips::VImage cmyk = framed(300, 400, 3, VIPS_FORMAT_UCHAR).icc_export(
+        vips::VImage::option()->set("output_profile", "cmyk"));
+    for (const char* name : {"cmyk.jpg", "cmyk.tif"}) {
+        const QString file = save(cmyk, QString::fromLatin1(name));
+        const std::optional<ImageFile::Indexed> indexed = ImageFile::index(file, false);
+        ASSERT_TRUE(indexed) << name;
+        for (const double tolerance : {5.0, 30.0, 70.0})
+            EXPECT_EQ(indexed->summary.contentRect(tolerance), scanned(file, tolerance)) << name << " at " << tolerance;
+    }
+}
+
+TEST_F(Source, CopiesAreSmallAveragesInTheRightPlace)
+{
+    // Left half opaque black, right half transparent: the copies keep the
+    // split at the same fraction of their width.
+    const vips::VImage left = vips::VImage::black(3000, 1000, vips::VImage::option()->set("bands", 4))
+        + std::vector<double>{0, 0, 0, 255};
+    const vips::VImage image = left.embed(0, 0, 6000, 1000).copy(
+        vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+    const QString file = save(image.cast(VIPS_FORMAT_UCHAR), QStringLiteral("split.png"));
+
+    const std::optional<ImageFile::Indexed> indexed = ImageFile::index(file, true);
+    ASSERT_TRUE(indexed);
+    const Raster& preview = indexed->preview;
+    const Raster& thumbnail = indexed->summary.thumbnail;
+    EXPECT_EQ(preview.width, ImageFile::previewSide);
+    EXPECT_EQ(preview.height, 341);
+    EXPECT_EQ(thumbnail.width, ImageFile::thumbnailSide);
+    EXPECT_EQ(thumbnail.height, 21);
+    for (const Raster* copy : {&preview, &thumbnail}) {
+        const auto alphaAt = [&](std::int64_t x, std::int64_t y) { return (*copy->pixels)[std::size_t((y * copy->width + x) * 4 + 3)]; };
+        EXPECT_EQ(alphaAt(0, 0), 255);
+        EXPECT_EQ(alphaAt(copy->width / 2 - 1, copy->height - 1), 255);
+        EXPECT_EQ(alphaAt(copy->width / 2, 0), 0);
+        EXPECT_EQ(alphaAt(copy->width - 1, copy->height - 1), 0);
+    }
+    EXPECT_TRUE(ImageFile::index(file, false)->preview.isNull());
+}
+
+TEST_F(Source, AQueuedImageHoldsNoFullSizePixels)
+{
+    const QString file = save(vips::VImage::black(6000, 4000).cast(VIPS_FORMAT_UCHAR), QStringLiteral("24mp.png"),
+                              "[compression=1]");
+    const std::optional<ImageFile::Indexed> indexed = ImageFile::index(file, true);
+    ASSERT_TRUE(indexed);
+    EXPECT_LE(indexed->summary.byteCount(), std::size_t(256) << 10);
+    // A long strip of gradients: as many distinct keys along it as there are.
+    const vips::VImage strip = framed(120000, 30, 4, VIPS_FORMAT_UCHAR);
+    const std::optional<ImageFile::Indexed> long_ = ImageFile::index(save(strip, QStringLiteral("strip.png")), false);
+    ASSERT_TRUE(long_);
+    EXPECT_LE(long_->summary.byteCount(), std::size_t(256) << 10);
+    const std::optional<ImageFile::Decoded> decoded = ImageFile::decode(file);
+    ASSERT_TRUE(decoded);
+    EXPECT_GE(decoded->byteCount(), std::size_t(6000) * 4000);
+}
+
+TEST_F(Source, AChangedFileHasANewIdentityAndIsNotSavedFromItsOldSummary)
+{
+    const QString file = save(framed(200, 100, 3, VIPS_FORMAT_UCHAR), QStringLiteral("a.png"));
+    const std::optional<ImageFile::Indexed> before = ImageFile::index(file, false);
+    ASSERT_TRUE(before);
+    EXPECT_EQ(ImageFile::identify(file), before->summary.identity);
+
+    // The same size and bytes of the same length: only the time tells.
+    save(framed(200, 100, 3, VIPS_FORMAT_UCHAR).invert(), QStringLiteral("a.png"));
+    EXPECT_NE(ImageFile::identify(file), before->summary.identity);
+    const QString out = path(QStringLiteral("out.png"));
+    EXPECT_FALSE(ImageFile::saveCropped(file, before->summary, PixelRect{0, 0, 50, 50}, out, ImageType::png()));
+    EXPECT_FALSE(QFile::exists(out));
+    const std::optional<ImageFile::Indexed> after = ImageFile::index(file, false);
+    ASSERT_TRUE(after);
+    EXPECT_TRUE(ImageFile::saveCropped(file, after->summary, PixelRect{0, 0, 50, 50}, out, ImageType::png()));
+}
+
+TEST_F(Source, AnImageTooLargeToHoldIsSavedFromASecondRead)
+{
+    const vips::VImage image = framed(600, 400, 3, VIPS_FORMAT_UCHAR);
+    for (const char* name : {"big.png", "big.jpg", "big.tif"}) {
+        const QString file = save(image, QString::fromLatin1(name));
+        // 720 KB decoded is more than a quarter of 2 MB: not held.
+        ImageFile::setAvailableMemoryForTesting(std::uint64_t(2) << 20);
+        const std::optional<ImageFile::Decoded> decoded = ImageFile::decode(file);
+        ASSERT_TRUE(decoded) << name;
+        EXPECT_FALSE(decoded->holdsImage()) << name;
+        EXPECT_FALSE(decoded->preview.isNull()) << name;
+        const PixelRect rect{123, 45, 300, 200};
+        const QString out = path(QStringLiteral("cut-") + QString::fromLatin1(name));
+        EXPECT_TRUE(ImageFile::saveCropped(*decoded, rect, out, decoded->summary.type)) << name;
+
+        ImageFile::setAvailableMemoryForTesting(std::nullopt);
+        const std::optional<ImageFile::LoadResult> written = ImageFile::load(out);
+        const std::optional<ImageFile::LoadResult> source = ImageFile::load(file);
+        ASSERT_TRUE(written && source) << name;
+        const vips::VImage expected = source->image.extract_area(123, 45, 300, 200);
+        ASSERT_EQ(written->image.width(), 300) << name;
+        ASSERT_EQ(written->image.height(), 200) << name;
+        // JPEG is compared on average (it was encoded twice), the others exactly.
+        const vips::VImage difference = (written->image - expected).abs();
+        if (QString::fromLatin1(name).endsWith(QLatin1String(".jpg")))
+            EXPECT_LE(difference.avg(), 2.0) << name;
+        else
+            EXPECT_EQ(difference.max(), 0.0) << name;
+    }
+}
+
+TEST_F(Source, TwentyThousandSquareOpensAndSavesWithHalfAGigabyte)
+{
+    // White, with a black block: one bit per pixel keeps the file small.
+    const vips::VImage white = vips::VImage::black(20000, 20000) + 255;
+    const vips::VImage image = white.insert(vips::VImage::black(345, 678), 12000, 7000).cast(VIPS_FORMAT_UCHAR);
+    const QString file = save(image, QStringLiteral("huge.png"), "[bitdepth=1,compression=1]");
+    ImageFile::setAvailableMemoryForTesting(std::uint64_t(512) << 20);
+    EXPECT_FALSE(ImageFile::load(file)) << "400 MB decoded is more than half of 512 MB";
+
+    const std::optional<ImageFile::Decoded> decoded = ImageFile::decode(file);
+    ASSERT_TRUE(decoded);
+    EXPECT_FALSE(decoded->holdsImage());
+    const std::optional<PixelRect> rect = decoded->summary.contentRect(50);
+    EXPECT_EQ(rect, (PixelRect{12000, 7000, 345, 678}));
+    const QString out = path(QStringLiteral("huge-cropped.png"));
+    ASSERT_TRUE(ImageFile::saveCropped(*decoded, *rect, out, ImageType::png()));
+    const std::optional<ImageFile::LoadResult> written = ImageFile::load(out);
+    ASSERT_TRUE(written);
+    EXPECT_EQ(written->image.width(), 345);
+    EXPECT_EQ(written->image.max(), 0);
+}
+
+ORVANE_IMAGEFILE_TEST_MAIN((void)0)
