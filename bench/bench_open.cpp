@@ -9,7 +9,8 @@
 //
 // K different images (default 20) are generated once into PATH and linked
 // under N names (default 150,1000). Each open runs in a child process of this
-// program so that its VmHWM is its own.
+// program so that its VmHWM is its own. With ORVANE_BENCH_PLAIN_POOL set the
+// model's jobs run on a plain QThreadPool instead of the shared WorkerPool.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +29,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QThread>
+#include <QThreadPool>
 #include <QUrl>
 
 #include <vips/vips8>
@@ -34,6 +37,7 @@
 #include "imagefile/imagefile.h"
 #include "imagefile/imagesource.h"
 #include "model/cropmodel.h"
+#include "model/imagesource.h"
 
 using namespace orvane;
 
@@ -106,10 +110,21 @@ long statusKiB(const char* key)
     return 0;
 }
 
+// The model's jobs on a plain pool of one thread per core instead of the
+// shared WorkerPool: tells the pool's share of the time from the model's.
+class PlainPoolSource : public ImageSource {
+public:
+    PlainPoolSource() { m_pool.setMaxThreadCount(QThread::idealThreadCount()); }
+    void run(std::uint64_t, std::function<void()> job) override { m_pool.start(std::move(job)); }
+
+private:
+    QThreadPool m_pool;
+};
+
 // The child: opens the folder as a drop would and notes when each stage is reached.
-int openChild(const QString& folder)
+int openChild(const QString& folder, bool plainPool)
 {
-    CropModel model;
+    CropModel model(nullptr, nullptr, plainPool ? std::make_shared<PlainPoolSource>() : nullptr);
     double joined = -1;
     double preview = -1;
     double full = -1;
@@ -137,8 +152,12 @@ int openChild(const QString& folder)
         if (all >= 0 && full >= 0)
             break;
     }
-    std::printf("%zu %d %.3f %.3f %.3f %.3f %ld\n", model.items().size(),
-                model.errorMessage() ? 1 : 0, joined, preview, full, all, statusKiB("VmHWM:"));
+    struct rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const double cpu = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
+                       + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    std::printf("%zu %d %.3f %.3f %.3f %.3f %ld %.3f\n", model.items().size(),
+                model.errorMessage() ? 1 : 0, joined, preview, full, all, statusKiB("VmHWM:"), cpu);
     return 0;
 }
 
@@ -150,8 +169,8 @@ int main(int argc, char** argv)
     if (VIPS_INIT(argv[0]) != 0)
         return 1;
     ImageFile::initialise();
-    if (argc == 3 && std::strcmp(argv[1], "--open-child") == 0)
-        return openChild(QFile::decodeName(argv[2]));
+    if (argc >= 3 && std::strcmp(argv[1], "--open-child") == 0)
+        return openChild(QFile::decodeName(argv[2]), argc == 4);
 
     QList<int> counts{150, 1000};
     int distinct = 20;
@@ -182,24 +201,47 @@ int main(int argc, char** argv)
                 return 1;
             decode = std::min(decode, since(start));
         }
+        // One streamed pass, as every queued file gets.
+        double pass = 1e9;
+        for (int i = 0; i < 3; ++i) {
+            const auto start = Clock::now();
+            if (!ImageFile::index(paths[i % paths.size()], false))
+                return 1;
+            pass = std::min(pass, since(start));
+        }
+        // The same passes with nothing else around them: every file on a
+        // plain pool of one thread per core, no model, no window.
+        QThreadPool plain;
+        plain.setMaxThreadCount(cores);
+        const auto plainStart = Clock::now();
+        for (const QString& path : paths)
+            plain.start([path] { ImageFile::index(path, false); });
+        plain.waitForDone();
+        const double plainAll = since(plainStart);
         QProcess child;
         child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        child.start(QCoreApplication::applicationFilePath(),
-                    {QStringLiteral("--open-child"), QFileInfo(paths.first()).absolutePath()});
+        QStringList args{QStringLiteral("--open-child"), QFileInfo(paths.first()).absolutePath()};
+        if (qEnvironmentVariableIsSet("ORVANE_BENCH_PLAIN_POOL"))
+            args << QStringLiteral("--plain-pool");
+        child.start(QCoreApplication::applicationFilePath(), args);
         if (!child.waitForFinished(-1) || child.exitCode() != 0)
             return 1;
         std::size_t items = 0;
         int refused = 0;
         double joined = 0, preview = 0, full = 0, all = 0;
         long peakKiB = 0;
-        std::sscanf(child.readAllStandardOutput().constData(), "%zu %d %lf %lf %lf %lf %ld", &items, &refused,
-                    &joined, &preview, &full, &all, &peakKiB);
+        double cpu = 0;
+        std::sscanf(child.readAllStandardOutput().constData(), "%zu %d %lf %lf %lf %lf %ld %lf", &items, &refused,
+                    &joined, &preview, &full, &all, &peakKiB, &cpu);
         const double bar = 1.1 * decode * count / cores;
         std::printf("%d files: %zu queued%s; first item joined %.2f s, sharp preview %.2f s, full image %.2f s; "
                     "all joined %.1f s; one decode %.3f s, so 1.1 x decode x N / cores = %.1f s (ratio %.2f); "
-                    "first image / all joined = %.3f; VmHWM %.0f MiB\n",
+                    "one streamed pass %.3f s (pass x N / cores = %.1f s); first image / all joined = %.3f; "
+                    "VmHWM %.0f MiB; CPU time of the open %.1f s (passes alone: %.1f s); "
+                    "the passes on a plain pool %.1f s, so the model's open takes %.2fx that\n",
                     count, items, refused ? ", some refused" : "", joined, preview, full, all, decode, bar,
-                    all / bar, preview / all, peakKiB / 1024.0);
+                    all / bar, pass, pass * count / cores, preview / all, peakKiB / 1024.0, cpu, pass * count, plainAll,
+                    all / plainAll);
         std::fflush(stdout);
     }
     return 0;

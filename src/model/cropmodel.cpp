@@ -53,8 +53,9 @@ struct CropModel::OpenRun {
 
 namespace {
 
-// Memory a job may need: an index streams, a decode holds the image.
-constexpr std::uint64_t indexBytes = std::uint64_t(64) << 20;
+// Memory a job may need: listing and reading a header take little; a
+// file's pass states its own cost; a decode holds the image.
+constexpr std::uint64_t headerBytes = std::uint64_t(1) << 20;
 
 std::uint64_t decodeBytes(const ImageFile::Summary& summary)
 {
@@ -210,7 +211,7 @@ void CropModel::open(const QList<QUrl>& urls)
 
     // Folders become their image files; a file (or nothing) stays the very URL
     // it was given, so that a queued item keeps the caller's URL.
-    m_source->run(indexBytes, [source = m_source, mailbox = m_mailbox, urls, serial, cancelled] {
+    m_source->run(headerBytes, [source = m_source, mailbox = m_mailbox, urls, serial, cancelled] {
         if (cancelled->load())
             return;
         QList<QUrl> expanded;
@@ -277,12 +278,21 @@ void CropModel::listed(std::uint64_t serial, const QList<QUrl>& expanded)
 
 bool CropModel::readingPaused() const
 {
-    // The pool takes jobs in order: while the image on screen is being
-    // decoded or saved, no more files are queued in front of the next such job.
-    if (!m_saving.isEmpty())
-        return true;
-    const Item* item = active();
-    return item && m_decoding.contains(item->id);
+    // The pool takes jobs in order: until a decode or save that was asked
+    // for has started, no more files are queued in front of it.
+    return m_waitingToStart > 0;
+}
+
+void CropModel::queueUrgent(std::uint64_t bytes, std::function<void()> job)
+{
+    ++m_waitingToStart;
+    m_source->run(bytes, [mailbox = m_mailbox, job = std::move(job)] {
+        mailbox->post([](CropModel* model) {
+            --model->m_waitingToStart;
+            model->resumeReading();
+        });
+        job();
+    });
 }
 
 void CropModel::startReading(OpenRun& run)
@@ -300,21 +310,37 @@ void CropModel::startReading(OpenRun& run)
         // preview copy comes from the same pass.
         const bool withPreview = slot == 0;
         ++m_reading;
-        m_source->run(indexBytes, [source = m_source, mailbox = m_mailbox, cancelled = run.cancelled,
-                                   serial = run.serial, slot, url, withPreview] {
+        // A small job reads the header; the pass itself is queued with what
+        // it will really take, so the pool keeps to its memory budget.
+        m_source->run(headerBytes, [source = m_source, mailbox = m_mailbox, cancelled = run.cancelled,
+                                    serial = run.serial, slot, url, withPreview] {
+            auto post = [mailbox, serial, slot](std::optional<ImageFile::Indexed> indexed,
+                                                std::optional<ImageFile::Failure> failure) {
+                mailbox->post([serial, slot, indexed = std::move(indexed), failure](CropModel* model) mutable {
+                    model->fileRead(serial, slot, std::move(indexed), failure);
+                });
+            };
             if (cancelled->load()) {
-                mailbox->post([](CropModel* model) { model->fileRead(0, -1, std::nullopt, std::nullopt); });
+                post(std::nullopt, std::nullopt);
                 return;
             }
-            std::optional<ImageFile::Indexed> indexed;
-            std::optional<ImageFile::Failure> failure;
             const QString path = url.isLocalFile() ? url.toLocalFile() : QString();
-            if (!path.isEmpty() && source->isAccepted(path))
-                indexed = source->index(path, withPreview);
-            if (!indexed)
-                failure = source->whyNotOpened(path);
-            mailbox->post([serial, slot, indexed = std::move(indexed), failure](CropModel* model) mutable {
-                model->fileRead(serial, slot, std::move(indexed), failure);
+            const std::optional<ImageFile::ReadCost> cost =
+                !path.isEmpty() && source->isAccepted(path) ? source->readCost(path) : std::nullopt;
+            if (!cost) {
+                post(std::nullopt, source->whyNotOpened(path));
+                return;
+            }
+            source->run(cost->index, [source, cancelled, path, withPreview, post] {
+                if (cancelled->load()) {
+                    post(std::nullopt, std::nullopt);
+                    return;
+                }
+                std::optional<ImageFile::Indexed> indexed = source->index(path, withPreview);
+                std::optional<ImageFile::Failure> failure;
+                if (!indexed)
+                    failure = source->whyNotOpened(path);
+                post(std::move(indexed), failure);
             });
         });
     }
@@ -555,7 +581,7 @@ void CropModel::decodeIfNeeded(const QUuid& id)
     // The summary the decode starts from: a result that lands after the item
     // was read anew (a save over it) is older than what the item shows.
     const ImageFile::Summary* basis = item.summary.get();
-    m_source->run(decodeBytes(*item.summary), [source = m_source, mailbox = m_mailbox, id, basis,
+    queueUrgent(decodeBytes(*item.summary), [source = m_source, mailbox = m_mailbox, id, basis,
                                                path = item.url.toLocalFile()] {
         std::optional<ImageFile::Decoded> decoded = source->decode(path);
         const bool missing = !decoded && !source->identify(path);
@@ -570,8 +596,6 @@ void CropModel::decodeLanded(const QUuid& id, const ImageFile::Summary* basis,
                              std::shared_ptr<const ImageFile::Decoded> decoded, bool missing)
 {
     m_decoding.remove(id);
-    // Whatever became of it, files of a running open may be queued again.
-    QMetaObject::invokeMethod(this, [this] { resumeReading(); }, Qt::QueuedConnection);
     const int i = indexOf(id);
     if (i < 0)
         return;
@@ -718,7 +742,7 @@ void CropModel::startSave(const QString& destination, bool overOriginal)
     // The rectangle the user saw came from this summary: the pixels written
     // must be those of the very same version of the file, checked just
     // before writing. A file that changed is read again instead.
-    m_source->run(decodeBytes(*item.summary) * 2,
+    queueUrgent(decodeBytes(*item.summary) * 2,
                   [source = m_source, mailbox = m_mailbox, id, decoded, source_path = item.url.toLocalFile(),
                    seen = item.summary->identity, rect = *m_activeContentRect, type = item.type, destination,
                    overOriginal] {
@@ -822,8 +846,6 @@ void CropModel::setSaving(const QUuid& id, bool saving)
         m_saving.insert(id);
     else
         m_saving.remove(id);
-    if (!saving)
-        QMetaObject::invokeMethod(this, [this] { resumeReading(); }, Qt::QueuedConnection);
 }
 
 void CropModel::resumeReading()

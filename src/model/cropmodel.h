@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -200,6 +201,7 @@ private:
     void fileRead(std::uint64_t serial, int slot, std::optional<ImageFile::Indexed> indexed,
                   std::optional<ImageFile::Failure> failure);
     bool readingPaused() const;
+    void queueUrgent(std::uint64_t bytes, std::function<void()> job);
     void startReading(OpenRun& run);
     void resumeReading();
     void joinReady();
@@ -241,7 +243,8 @@ private:
 
     std::deque<std::unique_ptr<OpenRun>> m_opens; // in the order they were asked for
     std::uint64_t m_nextSerial = 1;
-    int m_reading = 0; // index jobs handed to the source and not yet back
+    int m_reading = 0;        // index jobs handed to the source and not yet back
+    int m_waitingToStart = 0; // decodes and saves queued and not yet started
 
     std::map<QUuid, Cached> m_cache;
     QSet<QUuid> m_decoding;

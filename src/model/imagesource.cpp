@@ -29,6 +29,11 @@ bool ImageSource::isAccepted(const QString& path)
     return ImageFile::isAccepted(path);
 }
 
+std::optional<ImageFile::ReadCost> ImageSource::readCost(const QString& path)
+{
+    return ImageFile::readCost(path);
+}
+
 std::optional<ImageFile::Indexed> ImageSource::index(const QString& path, bool withPreview)
 {
     return ImageFile::index(path, withPreview);

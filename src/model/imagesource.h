@@ -32,6 +32,9 @@ public:
     virtual QStringList expandingFolders(const QStringList& paths);
     /// The accepted test on the name's extension.
     virtual bool isAccepted(const QString& path);
+    /// What reading the file takes in memory, from its header; absent when
+    /// index() would refuse it.
+    virtual std::optional<ImageFile::ReadCost> readCost(const QString& path);
     virtual std::optional<ImageFile::Indexed> index(const QString& path, bool withPreview);
     virtual std::optional<ImageFile::Decoded> decode(const QString& path);
     virtual std::optional<FileIdentity> identify(const QString& path);
