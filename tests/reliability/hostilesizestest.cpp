@@ -15,6 +15,7 @@
 #include <zlib.h>
 
 #include "imagefile/imagefile.h"
+#include "support/queuewaits.h"
 #include "model/cropmodel.h"
 #include "testimages.h"
 
@@ -389,7 +390,7 @@ void HostileSizesTest::refuse(const QByteArray& bytes, const QString& name, cons
     QVERIFY2(grown < 64 * 1024, qPrintable(QStringLiteral("%1 KiB").arg(grown)));
 
     CropModel model;
-    model.open({QUrl::fromLocalFile(path)});
+    test::openAll(model, {QUrl::fromLocalFile(path)});
     QVERIFY(model.items().empty());
     QCOMPARE(model.errorMessage(), std::optional<QString>(kSkipped));
 }
@@ -471,7 +472,7 @@ void HostileSizesTest::modelSkipsAllOfThem()
     QElapsedTimer timer;
     timer.start();
     CropModel model;
-    model.open(urls);
+    test::openAll(model, urls);
     qInfo("%lld hostile files through the model in %lld ms, peak memory +%lld KiB", qint64(urls.size()),
           timer.elapsed(), peak.growth());
     QVERIFY(model.items().empty());
