@@ -1,6 +1,8 @@
 // Saving: as a new file through the save panel and over the original; the
 // proposed names, the messages, refused writes, the reload after a save over
 // the original, and a type that has no encoder.
+#include <atomic>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -11,6 +13,7 @@
 
 #include "imagefile/imagefile.h"
 #include "model/cropmodel.h"
+#include "model/imagesource.h"
 #include "modeltest.h"
 
 using namespace orvane;
@@ -271,16 +274,29 @@ private Q_SLOTS:
 
     void aFailedReloadKeepsTheOldBuffer()
     {
-        // The loader refuses anything when no memory is left: the write
-        // succeeds, the reload does not.
+        // The write succeeds, reading the file back does not.
+        class FailingReload : public ImageSource {
+        public:
+            std::optional<ImageFile::Decoded> decode(const QString& path) override
+            {
+                if (written)
+                    return std::nullopt;
+                return ImageSource::decode(path);
+            }
+            bool saveCropped(const ImageFile::Decoded& decoded, const PixelRect& rect, const QString& path,
+                             const ImageType& type) override
+            {
+                written = ImageSource::saveCropped(decoded, rect, path, type);
+                return written;
+            }
+            std::atomic<bool> written{false};
+        };
         writeImage(path("tight.png"), whiteImageWithBlock(50, 40, QRect(5, 5, 10, 10)));
-        CropModel model;
+        CropModel model(nullptr, nullptr, std::make_shared<FailingReload>());
         openAll(model, urls({path("tight.png")}));
         QTRY_VERIFY(model.hasFullImage(model.items().front().id));
         const QString key = model.revealKey();
-        ImageFile::setAvailableMemoryForTesting(1);
         saveOver(model);
-        ImageFile::setAvailableMemoryForTesting(std::nullopt);
 
         QCOMPARE(readBack(path("tight.png")).width(), 10);
         const CropModel::Item& item = model.items().front();
