@@ -38,7 +38,6 @@ struct CropModel::OpenRun {
     };
 
     std::uint64_t serial = 0;
-    QList<QUrl> input;
     bool listed = false;
     QList<QUrl> expanded;
     std::vector<Slot> slots;
@@ -203,7 +202,6 @@ void CropModel::open(const QList<QUrl>& urls)
         return;
     auto run = std::make_unique<OpenRun>();
     run->serial = m_nextSerial++;
-    run->input = urls;
     const std::uint64_t serial = run->serial;
     const std::shared_ptr<std::atomic<bool>> cancelled = run->cancelled;
     m_opens.push_back(std::move(run));
