@@ -126,12 +126,21 @@ int main(int argc, char** argv)
 
     QTemporaryDir dir;
     CropModel model;
-    model.open({writePicture(dir.path())});
-    if (!model.active()) {
+    const QUrl picture = writePicture(dir.path());
+    model.open({picture});
+    while (model.opening())
+        QApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    // The full raster, as the engine makes it, for drawing it unscaled.
+    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(picture.toLocalFile());
+    const std::optional<CropEngine::Buffer> engineBuffer =
+        loaded ? CropEngine::Buffer::make(loaded->image) : std::nullopt;
+    if (!model.active() || !engineBuffer) {
         std::fprintf(stderr, "could not open the test picture\n");
         return 1;
     }
-    const CropEngine::Buffer& buffer = model.active()->buffer;
+    const Raster buffer{engineBuffer->width(), engineBuffer->height(),
+                        std::make_shared<const std::vector<std::uint8_t>>(
+                            engineBuffer->pixels(), engineBuffer->pixels() + engineBuffer->byteCount())};
     const QImage full = ScaledImageCache::wrap(buffer);
     const QRectF area = QRectF(QPointF(0, 0), QSizeF(kView)).adjusted(28, 28, -28, -28);
     const QRectF fitted = PreviewGeometry::fittedRect(kWidth, kHeight, area.size());
@@ -144,7 +153,7 @@ int main(int argc, char** argv)
     QImage copy;
     const Stats qtCopy = measure(std::max(3, runs / 3), [&] { copy = ScaledImageCache::scaledCopy(buffer, copySize); });
     const Stats vipsCopy = measure(std::max(3, runs / 3), [&] {
-        vips::VImage wrapped = vips::VImage::new_from_memory(const_cast<std::uint8_t*>(buffer.pixels()),
+        vips::VImage wrapped = vips::VImage::new_from_memory(const_cast<std::uint8_t*>(buffer.pixels->data()),
                                                              buffer.byteCount(), kWidth, kHeight, 4,
                                                              VIPS_FORMAT_UCHAR);
         vips::VImage scaled = wrapped.resize(double(copySize.width()) / kWidth,
@@ -177,7 +186,9 @@ int main(int argc, char** argv)
     preview.show();
     QElapsedTimer wait;
     wait.start();
-    while (!preview.imageCache().isReady(model.active()->id, buffer, copySize) && wait.elapsed() < 10000) {
+    while ((model.activePreview().isNull()
+            || !preview.imageCache().isReady(model.active()->id, model.activePreview(), copySize))
+           && wait.elapsed() < 10000) {
         preview.render(&target);
         QApplication::processEvents(QEventLoop::AllEvents, 20);
     }

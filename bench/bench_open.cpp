@@ -1,12 +1,16 @@
-// Opening images with the queue model: one decoding thread against one per
-// core, in the same run, and the memory one queued 24-megapixel image costs.
+// The window's open at camera-card scale: N JPEGs of 24 megapixels dropped
+// at once on the queue model, as the window does it. Reports when the first
+// image is there (its summary joined, its preview copy ready, its full image
+// decoded), when every file has joined, the process's peak memory (VmHWM),
+// and, from the same run, the time one full decode takes, so that the total
+// compares with one decode × N ÷ cores.
 //
-//   bench_open [--files N] [--big N] [--dir PATH]
+//   bench_open [--files N[,N...]] [--distinct K] [--dir PATH]
 //
-// Test images are generated once into PATH (default: a folder under the temp
-// directory, reused by later runs). The memory figures come from child
-// processes of this program, each reporting its own peak resident size
-// (VmHWM, which starts afresh at exec, unlike the rusage of a forked child).
+// K different images (default 20) are generated once into PATH and linked
+// under N names (default 150,1000). Each open runs in a child process of this
+// program so that its VmHWM is its own. With ORVANE_BENCH_PLAIN_POOL set the
+// model's jobs run on a plain QThreadPool instead of the shared WorkerPool.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -14,20 +18,26 @@
 #include <cstring>
 #include <vector>
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QThread>
+#include <QThreadPool>
 #include <QUrl>
 
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
+#include "imagefile/imagesource.h"
 #include "model/cropmodel.h"
+#include "model/imagesource.h"
 
 using namespace orvane;
 
@@ -35,127 +45,120 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A photo-like picture: a smooth noisy field in the middle of a white border,
-// so that files compress like real ones rather than like flat colour.
+double since(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// A photo-like picture: a smooth noisy field in a white border, so that the
+// files compress like real ones rather than like flat colour.
 vips::VImage picture(int width, int height, int seed)
 {
-    const int innerW = width * 7 / 10;
-    const int innerH = height * 7 / 10;
-    vips::VImage noise = vips::VImage::gaussnoise(std::max(innerW / 4, 1), std::max(innerH / 4, 1),
-                                                  vips::VImage::option()->set("mean", 110.0 + seed % 40)->set("sigma", 45.0)->set("seed", seed));
+    const int innerW = width * 8 / 10;
+    const int innerH = height * 8 / 10;
+    vips::VImage noise = vips::VImage::gaussnoise(
+        std::max(innerW / 8, 1), std::max(innerH / 8, 1),
+        vips::VImage::option()->set("mean", 100.0 + seed * 3 % 60)->set("sigma", 50.0)->set("seed", seed));
     vips::VImage field = noise.bandjoin({noise.rot180(), noise.flip(VIPS_DIRECTION_HORIZONTAL)})
-                             .resize(4.0, vips::VImage::option()->set("kernel", VIPS_KERNEL_LINEAR))
-                             .cast(VIPS_FORMAT_UCHAR);
+                             .resize(8.0, vips::VImage::option()->set("kernel", VIPS_KERNEL_LINEAR));
+    field = (field + vips::VImage::gaussnoise(field.width(), field.height(),
+                                              vips::VImage::option()->set("sigma", 6.0)->set("seed", seed)))
+                .cast(VIPS_FORMAT_UCHAR);
     return field
         .embed((width - field.width()) / 2, (height - field.height()) / 2, width, height,
                vips::VImage::option()->set("extend", VIPS_EXTEND_WHITE))
         .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
 }
 
-// The paths of count PNGs of width × height in dir, written if missing.
-QStringList ensureImages(const QString& dir, const QString& prefix, int count, int width, int height)
+// count names in dir/<count>/ for distinct JPEGs of 6000 × 4000, hard-linked
+// round-robin; everything made only when missing.
+QStringList ensureCard(const QString& dir, int count, int distinct)
 {
     QDir().mkpath(dir);
-    QStringList paths;
-    for (int i = 0; i < count; ++i) {
-        const QString path = QDir(dir).filePath(QStringLiteral("%1-%2.png").arg(prefix).arg(i, 3, 10, QLatin1Char('0')));
+    QStringList originals;
+    for (int i = 0; i < distinct; ++i) {
+        const QString path = QDir(dir).filePath(QStringLiteral("source-%1.jpg").arg(i, 2, 10, QLatin1Char('0')));
         if (!QFileInfo::exists(path)) {
-            const QString partial = path + QStringLiteral(".part");
-            picture(width, height, i + 1).pngsave(QFile::encodeName(partial).constData(),
-                                                 vips::VImage::option()->set("compression", 6));
+            const QString partial = path + QStringLiteral(".part.jpg");
+            picture(6000, 4000, i + 1).jpegsave(QFile::encodeName(partial).constData(),
+                                                vips::VImage::option()->set("Q", 90));
             QFile::rename(partial, path);
         }
+        originals.append(path);
+    }
+    const QString card = QDir(dir).filePath(QString::number(count));
+    QDir().mkpath(card);
+    QStringList paths;
+    for (int i = 0; i < count; ++i) {
+        const QString path = QDir(card).filePath(QStringLiteral("IMG_%1.JPG").arg(i + 1, 4, 10, QLatin1Char('0')));
+        if (!QFileInfo::exists(path)
+            && ::link(QFile::encodeName(originals[i % distinct]).constData(), QFile::encodeName(path).constData()) != 0)
+            std::exit(1);
         paths.append(path);
     }
     return paths;
 }
 
-QList<QUrl> toUrls(const QStringList& paths)
-{
-    QList<QUrl> urls;
-    for (const QString& path : paths)
-        urls.append(QUrl::fromLocalFile(path));
-    return urls;
-}
-
-double openSeconds(const QStringList& paths, int threads, std::size_t* items)
-{
-    CropModel model;
-    model.setDecodeThreads(threads);
-    const auto start = Clock::now();
-    model.open(toUrls(paths));
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    *items = model.items().size();
-    return seconds;
-}
-
-// A "Vm..." line of /proc/self/status in KiB; 0 when missing.
 long statusKiB(const char* key)
 {
     QFile status(QStringLiteral("/proc/self/status"));
     if (!status.open(QIODevice::ReadOnly))
         return 0;
-    for (const QByteArray& line : status.readAll().split('\n')) {
+    for (const QByteArray& line : status.readAll().split('\n'))
         if (line.startsWith(key))
             return line.mid(qsizetype(std::strlen(key))).trimmed().split(' ').value(0).toLong();
-    }
     return 0;
 }
 
-// The child side of the memory measurement: opens paths in one model (or
-// nothing) and prints the items, what they should cost, and its memory.
-int memoryChild(const QStringList& paths)
-{
-    CropModel model;
-    model.open(toUrls(paths));
-    std::size_t expected = 0;
-    for (const CropModel::Item& item : model.items()) {
-        const vips::VImage& image = item.buffer.image();
-        expected += VIPS_IMAGE_SIZEOF_IMAGE(image.get_image()) + item.buffer.extraBytes();
-    }
-    std::printf("%zu %zu %ld %ld\n", model.items().size(), expected, statusKiB("VmHWM:"), statusKiB("VmRSS:"));
-    std::fflush(stdout);
-    return 0;
-}
+// The model's jobs on a plain pool of one thread per core instead of the
+// shared WorkerPool: tells the pool's share of the time from the model's.
+class PlainPoolSource : public ImageSource {
+public:
+    PlainPoolSource() { m_pool.setMaxThreadCount(QThread::idealThreadCount()); }
+    void run(std::uint64_t, std::function<void()> job) override { m_pool.start(std::move(job)); }
 
-struct ChildResult {
-    long peakKiB = 0;
-    long residentKiB = 0;
-    std::size_t items = 0;
-    std::size_t expectedBytes = 0;
+private:
+    QThreadPool m_pool;
 };
 
-// Runs this program again as a memory child and reads what it reports.
-ChildResult measureChild(const char* self, const QStringList& paths)
+// The child: opens the folder as a drop would and notes when each stage is reached.
+int openChild(const QString& folder, bool plainPool)
 {
-    int pipeFds[2];
-    if (::pipe(pipeFds) != 0)
-        std::exit(1);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(pipeFds[1], STDOUT_FILENO);
-        ::close(pipeFds[0]);
-        std::vector<QByteArray> args{QByteArray(self), QByteArray("--memory-child")};
-        for (const QString& path : paths)
-            args.push_back(QFile::encodeName(path));
-        std::vector<char*> argv;
-        for (QByteArray& arg : args)
-            argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        ::execv(self, argv.data());
-        std::_Exit(127);
+    CropModel model(nullptr, nullptr, plainPool ? std::make_shared<PlainPoolSource>() : nullptr);
+    double joined = -1;
+    double preview = -1;
+    double full = -1;
+    double all = -1;
+    int reported = 0;
+    const auto start = Clock::now();
+    model.open({QUrl::fromLocalFile(folder)});
+    QDeadlineTimer deadline(30 * 60 * 1000);
+    while (!deadline.hasExpired()) {
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
+        const CropModel::Item* active = model.active();
+        if (joined < 0 && active)
+            joined = since(start);
+        if (preview < 0 && active && !model.activePreview().isNull())
+            preview = since(start);
+        if (full < 0 && active && model.hasFullImage(active->id))
+            full = since(start);
+        if (all < 0 && !model.opening())
+            all = since(start);
+        if (model.opening() && model.opening()->done >= reported + 100) {
+            reported = model.opening()->done;
+            std::fprintf(stderr, "  %d of %d after %.1f s, VmRSS %ld MiB\n", reported, model.opening()->total,
+                         since(start), statusKiB("VmRSS:") / 1024);
+        }
+        if (all >= 0 && full >= 0)
+            break;
     }
-    ::close(pipeFds[1]);
-    char text[256] = {};
-    std::size_t got = 0;
-    for (ssize_t n; got + 1 < sizeof text && (n = ::read(pipeFds[0], text + got, sizeof text - 1 - got)) > 0;)
-        got += std::size_t(n);
-    ::close(pipeFds[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    ChildResult result;
-    std::sscanf(text, "%zu %zu %ld %ld", &result.items, &result.expectedBytes, &result.peakKiB, &result.residentKiB);
-    return result;
+    struct rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const double cpu = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
+                       + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    std::printf("%zu %d %.3f %.3f %.3f %.3f %ld %.3f\n", model.items().size(),
+                model.errorMessage() ? 1 : 0, joined, preview, full, all, statusKiB("VmHWM:"), cpu);
+    return 0;
 }
 
 } // namespace
@@ -166,74 +169,80 @@ int main(int argc, char** argv)
     if (VIPS_INIT(argv[0]) != 0)
         return 1;
     ImageFile::initialise();
+    if (argc >= 3 && std::strcmp(argv[1], "--open-child") == 0)
+        return openChild(QFile::decodeName(argv[2]), argc == 4);
 
-    if (argc >= 2 && std::strcmp(argv[1], "--memory-child") == 0) {
-        QStringList paths;
-        for (int i = 2; i < argc; ++i)
-            paths.append(QFile::decodeName(argv[i]));
-        return memoryChild(paths);
-    }
-
-    int files = 100;
-    int big = 20;
-    QString dir = QDir(QDir::tempPath()).filePath(QStringLiteral("orvane-bench-open"));
+    QList<int> counts{150, 1000};
+    int distinct = 20;
+    QString dir = QDir(QDir::tempPath()).filePath(QStringLiteral("orvane-bench-card"));
     for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--files") == 0)
-            files = std::atoi(argv[i + 1]);
-        else if (std::strcmp(argv[i], "--big") == 0)
-            big = std::atoi(argv[i + 1]);
-        else if (std::strcmp(argv[i], "--dir") == 0)
+        if (std::strcmp(argv[i], "--files") == 0) {
+            counts.clear();
+            for (const QByteArray& n : QByteArray(argv[i + 1]).split(','))
+                counts.append(n.toInt());
+        } else if (std::strcmp(argv[i], "--distinct") == 0) {
+            distinct = std::atoi(argv[i + 1]);
+        } else if (std::strcmp(argv[i], "--dir") == 0) {
             dir = QFile::decodeName(argv[i + 1]);
+        }
     }
-
-    std::printf("cores: %d, libvips threads: %d\n", QThread::idealThreadCount(), vips_concurrency_get());
-    std::printf("generating test images in %s (kept for later runs)\n", qPrintable(dir));
+    const int cores = QThread::idealThreadCount();
+    std::printf("cores: %d; %d distinct JPEGs of 6000 x 4000 in %s (kept for later runs)\n", cores, distinct,
+                qPrintable(dir));
     std::fflush(stdout);
-    const QStringList small = ensureImages(dir, QStringLiteral("p2000x1500"), files, 2000, 1500);
 
-    // Alternate the two ways and keep each one's best, so that neither gains
-    // from a warmer page cache or loses to a noisy neighbour.
-    std::size_t items = 0;
-    openSeconds(small.mid(0, std::min<qsizetype>(small.size(), 8)), 0, &items); // warm the page cache
-    double sequential = 1e9;
-    double parallel = 1e9;
-    for (int round = 0; round < 2; ++round) {
-        std::size_t a = 0;
-        std::size_t b = 0;
-        const double s = openSeconds(small, 1, &a);
-        const double p = openSeconds(small, 0, &b);
-        std::printf("round %d: one thread %.3f s, one per core %.3f s (%zu and %zu items)\n", round + 1, s, p, a, b);
+    for (int count : counts) {
+        const QStringList paths = ensureCard(dir, count, distinct);
+        // One full decode, as the active item gets, best of three (page cache warm).
+        double decode = 1e9;
+        for (int i = 0; i < 3; ++i) {
+            const auto start = Clock::now();
+            if (!ImageFile::decode(paths[i % paths.size()]))
+                return 1;
+            decode = std::min(decode, since(start));
+        }
+        // One streamed pass, as every queued file gets.
+        double pass = 1e9;
+        for (int i = 0; i < 3; ++i) {
+            const auto start = Clock::now();
+            if (!ImageFile::index(paths[i % paths.size()], false))
+                return 1;
+            pass = std::min(pass, since(start));
+        }
+        // The same passes with nothing else around them: every file on a
+        // plain pool of one thread per core, no model, no window.
+        QThreadPool plain;
+        plain.setMaxThreadCount(cores);
+        const auto plainStart = Clock::now();
+        for (const QString& path : paths)
+            plain.start([path] { ImageFile::index(path, false); });
+        plain.waitForDone();
+        const double plainAll = since(plainStart);
+        QProcess child;
+        child.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        QStringList args{QStringLiteral("--open-child"), QFileInfo(paths.first()).absolutePath()};
+        if (qEnvironmentVariableIsSet("ORVANE_BENCH_PLAIN_POOL"))
+            args << QStringLiteral("--plain-pool");
+        child.start(QCoreApplication::applicationFilePath(), args);
+        if (!child.waitForFinished(-1) || child.exitCode() != 0)
+            return 1;
+        std::size_t items = 0;
+        int refused = 0;
+        double joined = 0, preview = 0, full = 0, all = 0;
+        long peakKiB = 0;
+        double cpu = 0;
+        std::sscanf(child.readAllStandardOutput().constData(), "%zu %d %lf %lf %lf %lf %ld %lf", &items, &refused,
+                    &joined, &preview, &full, &all, &peakKiB, &cpu);
+        const double bar = 1.1 * decode * count / cores;
+        std::printf("%d files: %zu queued%s; first item joined %.2f s, sharp preview %.2f s, full image %.2f s; "
+                    "all joined %.1f s; one decode %.3f s, so 1.1 x decode x N / cores = %.1f s (ratio %.2f); "
+                    "one streamed pass %.3f s (pass x N / cores = %.1f s); first image / all joined = %.3f; "
+                    "VmHWM %.0f MiB; CPU time of the open %.1f s (passes alone: %.1f s); "
+                    "the passes on a plain pool %.1f s, so the model's open takes %.2fx that\n",
+                    count, items, refused ? ", some refused" : "", joined, preview, full, all, decode, bar,
+                    all / bar, pass, pass * count / cores, preview / all, peakKiB / 1024.0, cpu, pass * count, plainAll,
+                    all / plainAll);
         std::fflush(stdout);
-        if (a != std::size_t(files) || b != std::size_t(files)) {
-            std::fprintf(stderr, "not every file was opened\n");
-            return 1;
-        }
-        sequential = std::min(sequential, s);
-        parallel = std::min(parallel, p);
-    }
-    std::printf("open %d PNGs of 2000 x 1500: one thread %.3f s (%.1f ms/file), one per core %.3f s (%.1f ms/file), "
-                "speed-up %.2fx\n",
-                files, sequential, 1000 * sequential / files, parallel, 1000 * parallel / files, sequential / parallel);
-
-    if (big > 0) {
-        const QStringList large = ensureImages(dir, QStringLiteral("p6000x4000"), big, 6000, 4000);
-        const ChildResult base = measureChild(argv[0], {});
-        const ChildResult full = measureChild(argv[0], large);
-        if (full.items != std::size_t(big)) {
-            std::fprintf(stderr, "only %zu of %d large images opened\n", full.items, big);
-            return 1;
-        }
-        const double perItemPeak = (double(full.peakKiB - base.peakKiB) * 1024.0) / big;
-        const double perItemHeld = (double(full.residentKiB - base.residentKiB) * 1024.0) / big;
-        const double expected = double(full.expectedBytes) / big;
-        std::printf("memory, %d images of 6000 x 4000 in one model: peak %.1f MiB, held after opening %.1f MiB "
-                    "(empty model: peak %.1f MiB, held %.1f MiB)\n",
-                    big, full.peakKiB / 1024.0, full.residentKiB / 1024.0, base.peakKiB / 1024.0,
-                    base.residentKiB / 1024.0);
-        std::printf("per item: peak %.1f MiB, held %.1f MiB; expected %.1f MiB (decoded image + raster + index); "
-                    "ratios %.2f and %.2f\n",
-                    perItemPeak / 1048576.0, perItemHeld / 1048576.0, expected / 1048576.0, perItemPeak / expected,
-                    perItemHeld / expected);
     }
     return 0;
 }

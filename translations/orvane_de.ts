@@ -47,21 +47,6 @@
     </message>
 </context>
 <context>
-    <name>OpenProgressDialog</name>
-    <message>
-        <source>Opening Images</source>
-        <translation>Bilder werden geöffnet</translation>
-    </message>
-    <message>
-        <source>Cancel</source>
-        <translation>Abbrechen</translation>
-    </message>
-    <message>
-        <source>%1 of %2</source>
-        <translation>%1 von %2</translation>
-    </message>
-</context>
-<context>
     <name>orvane::ControlsView</name>
     <message>
         <source>Trim tolerance</source>
@@ -90,6 +75,26 @@
     <message>
         <source>Saved %1</source>
         <translation>%1 gesichert</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>Abbrechen</translation>
+    </message>
+    <message>
+        <source>Opening images…</source>
+        <translation>Bilder werden geöffnet …</translation>
+    </message>
+    <message>
+        <source>Opening %1 of %2 images…</source>
+        <translation>Bild %1 von %2 wird geöffnet …</translation>
+    </message>
+    <message>
+        <source>%1 — %2</source>
+        <translation>%1 – %2</translation>
+    </message>
+    <message>
+        <source>and %1 more</source>
+        <translation>und %1 weitere</translation>
     </message>
 </context>
 <context>
@@ -121,6 +126,18 @@
     <message>
         <source>No supported images found.</source>
         <translation>Keine unterstützten Bilder gefunden.</translation>
+    </message>
+    <message>
+        <source>“%1” changed on disk and was reloaded.</source>
+        <translation>„%1“ wurde auf dem Datenträger geändert und neu geladen.</translation>
+    </message>
+    <message>
+        <source>“%1” is no longer there.</source>
+        <translation>„%1“ ist nicht mehr vorhanden.</translation>
+    </message>
+    <message>
+        <source>“%1” changed on disk and can’t be read any more.</source>
+        <translation>„%1“ wurde auf dem Datenträger geändert und kann nicht mehr gelesen werden.</translation>
     </message>
 </context>
 <context>

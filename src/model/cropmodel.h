@@ -2,16 +2,22 @@
 // active image, its content rectangle, the tolerance and the message lines.
 #pragma once
 
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include <QList>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QUrl>
 #include <QUuid>
 
-#include "engine/cropengine.h"
+#include "imagefile/imagesource.h"
 #include "imagefile/imagetype.h"
 
 namespace orvane {
@@ -30,53 +36,74 @@ public:
                                                       const ImageType& type) = 0;
 };
 
-/// Told how far an open() has come; called on the model's thread (the thread
-/// that called open()), while the files are decoded on other threads.
-class OpenProgress {
-public:
-    virtual ~OpenProgress() = default;
-    /// done of total files decoded (or found unusable) so far; total counts
-    /// the files after folders were expanded. Called once with done 0 after
-    /// the folders were listed and before any decoding, then as files finish
-    /// and at least every 50 ms while one takes longer, and last with done ==
-    /// total. Return false to cancel the open, which then changes nothing:
-    /// files being decoded are finished and discarded, the others are not
-    /// started.
-    virtual bool report(int done, int total) = 0;
-};
+class ImageSource;
 
 /// The window's model. Main thread only. Every assignment of a published
 /// property is announced by willChange() just before the value is stored,
 /// also when the value is equal; an in-place change of items is one assignment.
 /// Views connect willChange() to a coalesced refresh and read the model afresh.
+///
+/// The model never waits on a file: listing, indexing, decoding and writing
+/// run as jobs of its ImageSource, and their results are taken in on the
+/// main thread. A queued item keeps only its file's summary (size, type,
+/// tolerance index, thumbnail); full images and preview copies are held for
+/// the active item, the next unsaved one and the one shown last, within a
+/// byte budget.
 class CropModel : public QObject {
     Q_OBJECT
 
 public:
     /// One queued image.
     struct Item {
-        QUuid id;                  ///< fresh for every queued item, never changed
-        QUrl url;                  ///< the file the image was read from
-        ImageType type;            ///< from loading; decides the written format
-        CropEngine::Buffer buffer; ///< the decoded image and its raster
-        bool saved = false;        ///< written by either save command
+        QUuid id;       ///< fresh for every queued item, never changed
+        QUrl url;       ///< the file the image was read from
+        ImageType type; ///< from loading; decides the written format
+        /// What reading the file left behind; never null. Replaced when the
+        /// file is read again (after a save over it, or when it changed).
+        std::shared_ptr<const ImageFile::Summary> summary;
+        bool saved = false; ///< written by either save command
+
+        /// The image's size in pixels.
+        std::int64_t width() const { return summary->width; }
+        std::int64_t height() const { return summary->height; }
     };
 
-    /// The published properties, named in willChange().
-    enum class Property { Items, ActiveID, ActiveContentRect, ErrorMessage, SaveConfirmation, Threshold };
+    /// How far the running opens have come: done of total files read (or
+    /// found unusable); total is 0 while folders are still being listed.
+    struct Opening {
+        int done = 0;
+        int total = 0;
+        friend bool operator==(const Opening&, const Opening&) = default;
+    };
+
+    /// A file an open could not take: its name and why, in one sentence.
+    struct FailedFile {
+        QString name;
+        QString reason;
+    };
+
+    /// The published properties, named in willChange(). The last three are
+    /// the window's own: the active preview copy, the saves being written
+    /// and the opens' progress.
+    enum class Property {
+        Items, ActiveID, ActiveContentRect, ErrorMessage, SaveConfirmation, Threshold,
+        ActivePreview, Saving, Opening
+    };
     Q_ENUM(Property)
 
-    /// panels may be null until the window sets them; the model does not own them.
-    explicit CropModel(Panels* panels = nullptr, QObject* parent = nullptr);
+    /// panels may be null until the window sets them; the model does not own
+    /// them. source null means the files themselves, on the shared pool.
+    explicit CropModel(Panels* panels = nullptr, QObject* parent = nullptr,
+                       std::shared_ptr<ImageSource> source = nullptr);
     ~CropModel() override;
 
     void setPanels(Panels* panels);
 
-    /// How many threads decode the files of one open(); 0, the default, means
-    /// one per core. 1 decodes one file after the other (still off the
-    /// caller's thread), which the benchmarks compare against.
-    void setDecodeThreads(int count);
-    int decodeThreads() const { return m_decodeThreads; }
+    /// The most bytes of full images and preview copies kept for the items
+    /// in view (the active item is kept whatever its size).
+    void setCacheBudget(std::uint64_t bytes) { m_cacheBudget = bytes; }
+    /// Bytes of full images and preview copies held now.
+    std::uint64_t cachedBytes() const;
 
     // Published properties.
     const std::vector<Item>& items() const { return m_items; }
@@ -85,12 +112,26 @@ public:
     /// active item or when nothing in it counts as content.
     std::optional<PixelRect> activeContentRect() const { return m_activeContentRect; }
     std::optional<QString> errorMessage() const { return m_errorMessage; }
+    /// The files behind the skip message in errorMessage(), in queue order;
+    /// empty whenever errorMessage() holds any other message.
+    const QList<FailedFile>& openFailures() const { return m_openFailures; }
     std::optional<QString> saveConfirmation() const { return m_saveConfirmation; }
     /// The trim tolerance, 0 to 100 by the slider; stored as given.
     double threshold() const { return m_threshold; }
     /// Stores the tolerance (no clamping, no comparison) and recomputes the
     /// active content rectangle.
     void setThreshold(double threshold);
+    /// The active item's preview copy (long side at most
+    /// ImageFile::previewSide); null until it has been read, when views draw
+    /// the item's thumbnail instead.
+    Raster activePreview() const { return m_activePreview; }
+    /// Whether the item's image is being written; its saves wait meanwhile.
+    bool isSaving(const QUuid& id) const { return m_saving.contains(id); }
+    /// Whether the item's full image is in memory, so that a save of it
+    /// starts writing at once and shows the pixels the user saw.
+    bool hasFullImage(const QUuid& id) const;
+    /// Absent unless an open runs.
+    std::optional<Opening> opening() const { return m_opening; }
 
     // Derived values, computed on every read.
     /// The first item whose id is activeID(); null when none. Points into
@@ -99,33 +140,39 @@ public:
     /// 1-based position of the active item in items; absent when none.
     std::optional<int> activePosition() const;
     /// True when the active item's content rectangle differs in width or
-    /// height from its buffer (there is a border to cut away).
+    /// height from its image (there is a border to cut away).
     bool willTrim() const;
     /// False for an empty queue; else whether every item is saved.
     bool allSaved() const;
-    /// Changes when another item becomes active or its buffer changes size:
+    /// Changes when another item becomes active or its image changes size:
     /// "<UPPER-CASE UUID>#<width>x<height>", "#0x0" with no active item.
     QString revealKey() const;
 
     // Operations.
-    /// Opens files and folders (one level deep). Decodes on all cores while
-    /// the calling thread waits; the model changes once, at the end. With
-    /// progress (not owned; may be null), reports and may be cancelled, in
-    /// which case nothing changes. An empty list changes nothing.
-    void open(const QList<QUrl>& urls, OpenProgress* progress = nullptr);
+    /// Opens files and folders (one level deep) and returns at once. The
+    /// new items join the queue in the order of the expanded list, each as
+    /// soon as it and every file before it have been read; the first joins
+    /// by the rules of one whole open, the skip message is set when the last
+    /// file is done. An open started while another runs joins after it. An
+    /// empty list changes nothing.
+    void open(const QList<QUrl>& urls);
     /// Asks the panels for image files and opens them; nothing when the user
-    /// cancels or no panels are set. progress as for open().
-    void openPanel(OpenProgress* progress = nullptr);
+    /// cancels or no panels are set.
+    void openPanel();
+    /// Stops every running open: files not started are dropped, items that
+    /// joined stay, and the files found unusable so far are reported.
+    void cancelOpen();
     /// Makes the item with this id active (an unknown id leaves none active).
     void select(const QUuid& id);
-    /// Takes the item with this id out of the queue, freeing its buffer
-    /// unless a copy is held elsewhere; its neighbour becomes active when it was.
+    /// Takes the item with this id out of the queue and lets go of its
+    /// images; its neighbour becomes active when it was.
     void remove(const QUuid& id);
-    /// Writes the trimmed active image to a file the user names, marks the
-    /// item saved and moves on to the next unsaved item.
+    /// Writes the trimmed active image to a file the user names, then marks
+    /// the item saved and moves on to the next unsaved item. The write runs
+    /// on a worker; isSaving() holds meanwhile. A file that changed on disk
+    /// since it was read is read again instead, and nothing is written.
     void saveAsNewFile();
-    /// Writes the trimmed active image over its own file, reloads it, marks
-    /// the item saved and moves on to the next unsaved item.
+    /// As saveAsNewFile(), over the item's own file, which is then read again.
     void saveOverOriginal();
 
 Q_SIGNALS:
@@ -133,23 +180,78 @@ Q_SIGNALS:
     void willChange(orvane::CropModel::Property property);
 
 private:
+    struct OpenRun;
+    struct Mailbox;
+    struct Cached {
+        std::shared_ptr<const ImageFile::Decoded> decoded; ///< null while only the preview is known
+        Raster preview;
+        std::uint64_t bytes() const;
+    };
+
     void recomputeActive();
     void advanceToNextUnsaved(const QUuid& after);
-    std::optional<vips::VImage> croppedActiveImage() const;
     int indexOf(const QUuid& id) const;
-    void setErrorMessage(std::optional<QString> message);
+    void setErrorMessage(std::optional<QString> message, QList<FailedFile> failures = {});
     void setSaveConfirmation(std::optional<QString> message);
     void setActiveID(std::optional<QUuid> id);
     void finishSave(const QUuid& id, const QString& writtenName);
 
+    // Opening.
+    void listed(std::uint64_t serial, const QList<QUrl>& expanded);
+    void fileRead(std::uint64_t serial, int slot, std::optional<ImageFile::Indexed> indexed,
+                  std::optional<ImageFile::Failure> failure);
+    bool readingPaused() const;
+    void queueUrgent(std::uint64_t bytes, std::function<void()> job);
+    void startReading(OpenRun& run);
+    void resumeReading();
+    void joinReady();
+    void join(OpenRun& run, std::vector<Item> newItems);
+    void finishOpen(OpenRun& run, bool cancelled);
+    void publishOpening();
+    OpenRun* findRun(std::uint64_t serial);
+
+    // Images in view.
+    void imagesInViewChanged();
+    void decodeIfNeeded(const QUuid& id);
+    void decodeLanded(const QUuid& id, const ImageFile::Summary* basis,
+                      std::shared_ptr<const ImageFile::Decoded> decoded, bool missing);
+    void replaceSummary(const QUuid& id, const ImageFile::Summary& summary);
+    void evict();
+    void publishActivePreview();
+    std::optional<QUuid> nextUnsavedAfter(const QUuid& id) const;
+
+    // Saving.
+    void startSave(const QString& destination, bool overOriginal);
+    enum class SaveOutcome { Written, WriteFailed, Stale, Gone, Unreadable };
+    void saveLanded(const QUuid& id, const QString& name, SaveOutcome outcome,
+                    std::shared_ptr<const ImageFile::Decoded> current);
+    void setSaving(const QUuid& id, bool saving);
+
     Panels* m_panels = nullptr;
-    int m_decodeThreads = 0;
+    std::shared_ptr<ImageSource> m_source;
+    std::shared_ptr<Mailbox> m_mailbox;
     std::vector<Item> m_items;
     std::optional<QUuid> m_activeID;
     std::optional<PixelRect> m_activeContentRect;
     std::optional<QString> m_errorMessage;
+    QList<FailedFile> m_openFailures;
     std::optional<QString> m_saveConfirmation;
     double m_threshold = 25.0;
+    Raster m_activePreview;
+    QSet<QUuid> m_saving;
+    std::optional<Opening> m_opening;
+
+    std::deque<std::unique_ptr<OpenRun>> m_opens; // in the order they were asked for
+    std::uint64_t m_nextSerial = 1;
+    int m_reading = 0;        // index jobs handed to the source and not yet back
+    int m_waitingToStart = 0; // decodes and saves queued and not yet started
+
+    std::map<QUuid, Cached> m_cache;
+    QSet<QUuid> m_decoding;
+    QSet<QUuid> m_unreadable; // decodes that failed, not tried again until the file is read anew
+    std::optional<QUuid> m_shownNow;  // the active item as the cache last saw it
+    std::optional<QUuid> m_lastShown; // the one active before it
+    std::uint64_t m_cacheBudget = std::uint64_t(768) << 20;
 };
 
 } // namespace orvane

@@ -18,7 +18,6 @@
 #include "ui/dropzone.h"
 #include "ui/headerview.h"
 #include "ui/imagepreview.h"
-#include "ui/openprogressdialog.h"
 #include "ui/painting.h"
 #include "ui/queuedrawer.h"
 #include "ui/slidereveal.h"
@@ -51,10 +50,10 @@ protected:
 
 } // namespace
 
-ContentView::ContentView(QWidget* parent)
+ContentView::ContentView(QWidget* parent, std::shared_ptr<ImageSource> source)
     : QWidget(parent)
     , m_panels(this)
-    , m_model(std::make_unique<CropModel>(&m_panels))
+    , m_model(std::make_unique<CropModel>(&m_panels, nullptr, std::move(source)))
 {
     setObjectName(QStringLiteral("contentView"));
     setAcceptDrops(true);
@@ -224,7 +223,7 @@ QList<QUrl> ContentView::fileUrls(const QMimeData* data)
 
 void ContentView::dragEnterEvent(QDragEnterEvent* event)
 {
-    if (m_opening || fileUrls(event->mimeData()).isEmpty()) {
+    if (fileUrls(event->mimeData()).isEmpty()) {
         event->ignore();
         return;
     }
@@ -234,7 +233,7 @@ void ContentView::dragEnterEvent(QDragEnterEvent* event)
 
 void ContentView::dragMoveEvent(QDragMoveEvent* event)
 {
-    if (m_opening || fileUrls(event->mimeData()).isEmpty()) {
+    if (fileUrls(event->mimeData()).isEmpty()) {
         event->ignore();
         return;
     }
@@ -251,7 +250,7 @@ void ContentView::dropEvent(QDropEvent* event)
 {
     setTargeted(false);
     const QList<QUrl> urls = fileUrls(event->mimeData());
-    if (m_opening || urls.isEmpty()) {
+    if (urls.isEmpty()) {
         event->ignore();
         return;
     }
@@ -263,26 +262,12 @@ void ContentView::dropEvent(QDropEvent* event)
 
 void ContentView::openUrls(const QList<QUrl>& urls)
 {
-    if (m_opening || urls.isEmpty())
-        return;
-    m_opening = true;
-    {
-        OpenProgressDialog progress(this);
-        m_model->open(urls, &progress);
-    }
-    m_opening = false;
+    m_model->open(urls);
 }
 
 void ContentView::openPanel()
 {
-    if (m_opening)
-        return;
-    m_opening = true;
-    {
-        OpenProgressDialog progress(this);
-        m_model->openPanel(&progress);
-    }
-    m_opening = false;
+    m_model->openPanel();
 }
 
 } // namespace orvane

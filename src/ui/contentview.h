@@ -18,6 +18,7 @@ namespace orvane {
 class ControlsView;
 class CropModel;
 class DropZone;
+class ImageSource;
 class HeaderView;
 class ImagePreview;
 class QueueDrawer;
@@ -30,7 +31,8 @@ class ContentView : public QWidget {
     Q_OBJECT
 
 public:
-    explicit ContentView(QWidget* parent = nullptr);
+    /// source null reads the files themselves on the shared worker pool.
+    explicit ContentView(QWidget* parent = nullptr, std::shared_ptr<ImageSource> source = nullptr);
     ~ContentView() override;
 
     /// The window's model, owned by this view.
@@ -39,19 +41,15 @@ public:
     /// True while a drag carrying file URLs hovers over the window.
     bool isTargeted() const { return m_targeted; }
 
-    /// True while an open started here runs; drops are refused meanwhile.
-    bool isOpening() const { return m_opening; }
-
     /// The local file URLs of dropped data, in drop order; every other URL
     /// (web addresses, remote files) left out.
     static QList<QUrl> fileUrls(const QMimeData* data);
 
-    /// Opens urls through the model in one call, with the progress dialog for
-    /// a long open. Ignored while another open runs.
+    /// Opens urls through the model in one call; the images join the queue
+    /// as they are read, after those of an open still running.
     void openUrls(const QList<QUrl>& urls);
 
-    /// Runs the model's open panel and opens what the user picks, with the
-    /// progress dialog for a long open. Ignored while another open runs.
+    /// Runs the model's open panel and opens what the user picks.
     void openPanel();
 
 protected:
@@ -81,7 +79,6 @@ private:
     SlideReveal* m_headerReveal;
 
     bool m_targeted = false;
-    bool m_opening = false;
 };
 
 } // namespace orvane

@@ -9,6 +9,9 @@
 #include <QFocusEvent>
 #include <QLabel>
 #include <QPainter>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QShortcut>
 #include <QSignalBlocker>
 #include <QSlider>
 #include <QStyleOptionSlider>
@@ -101,6 +104,30 @@ ControlsView::ControlsView(CropModel* model, QWidget* parent)
     statusLayout->addWidget(m_statusIcon, 0, Qt::AlignTop);
     statusLayout->addWidget(m_statusText, 1);
 
+    // While files are being read: how far, a thin bar and a way out. The
+    // rest of the block keeps working meanwhile.
+    m_openingRow = new QWidget(this);
+    m_openingRow->setObjectName(QStringLiteral("openingRow"));
+    auto* openingLayout = new QHBoxLayout(m_openingRow);
+    openingLayout->setContentsMargins(0, 0, 0, 0);
+    openingLayout->setSpacing(10);
+    m_openingText = new QLabel(m_openingRow);
+    m_openingText->setObjectName(QStringLiteral("openingText"));
+    m_openingText->setFont(callout);
+    m_openingBar = new QProgressBar(m_openingRow);
+    m_openingBar->setObjectName(QStringLiteral("openingBar"));
+    m_openingBar->setTextVisible(false);
+    m_openingBar->setFixedHeight(4);
+    m_cancelOpen = new QPushButton(tr("Cancel"), m_openingRow);
+    m_cancelOpen->setObjectName(QStringLiteral("cancelOpen"));
+    openingLayout->addWidget(m_openingText);
+    openingLayout->addWidget(m_openingBar, 1, Qt::AlignVCenter);
+    openingLayout->addWidget(m_cancelOpen);
+    connect(m_cancelOpen, &QPushButton::clicked, this, [this] { m_model->cancelOpen(); });
+    m_cancelShortcut = new QShortcut(QKeySequence(Qt::Key_Escape), this);
+    m_cancelShortcut->setContext(Qt::WindowShortcut);
+    connect(m_cancelShortcut, &QShortcut::activated, this, [this] { m_model->cancelOpen(); });
+
     m_toleranceRow = new QWidget(this);
     m_toleranceRow->setObjectName(QStringLiteral("toleranceRow"));
     auto* toleranceLayout = new QHBoxLayout(m_toleranceRow);
@@ -149,6 +176,7 @@ ControlsView::ControlsView(CropModel* model, QWidget* parent)
 
     m_column = new QVBoxLayout(this);
     m_column->addWidget(m_statusRow);
+    m_column->addWidget(m_openingRow);
     m_column->addWidget(m_toleranceRow);
     m_column->addLayout(m_buttons);
     updateSpacing();
@@ -172,12 +200,33 @@ ControlsView::Status ControlsView::status(const std::optional<QString>& errorMes
     return {};
 }
 
+QString ControlsView::openingText(const CropModel::Opening& opening)
+{
+    if (opening.total <= 0)
+        return tr("Opening images…");
+    return tr("Opening %1 of %2 images…").arg(opening.done).arg(opening.total);
+}
+
+QString ControlsView::failuresToolTip(const QList<CropModel::FailedFile>& failures)
+{
+    constexpr int shown = 20;
+    QStringList lines;
+    for (int i = 0; i < failures.size() && i < shown; ++i) {
+        const CropModel::FailedFile& file = failures[i];
+        lines << (file.reason.isEmpty() ? file.name : tr("%1 — %2").arg(file.name, file.reason));
+    }
+    if (failures.size() > shown)
+        lines << tr("and %1 more").arg(failures.size() - shown);
+    return lines.join(QLatin1Char('\n'));
+}
+
 void ControlsView::refresh()
 {
     const Status shown = status(m_model->errorMessage(), m_model->allSaved(), m_model->saveConfirmation(),
                                 int(m_model->items().size()));
     if (shown.kind == Status::Kind::None) {
         m_statusRow->setVisible(false);
+        m_statusRow->setToolTip(QString());
         m_statusText->clear();
         m_statusIcon->clear();
     } else {
@@ -187,14 +236,30 @@ void ControlsView::refresh()
         m_statusIcon->setPixmap(Symbols::tinted(error ? Symbol::Warning : Symbol::CheckCircle, extent, colour,
                                                 devicePixelRatioF()));
         m_statusText->setMessage(shown.text, shown.name);
+        // Only the skip message has files behind it; the model clears them
+        // with any other message.
+        m_statusRow->setToolTip(error ? failuresToolTip(m_model->openFailures()) : QString());
         Painting::setTextColour(m_statusText, colour);
         m_statusRow->setVisible(true);
     }
 
-    const bool hasActive = m_model->active() != nullptr;
+    const std::optional<CropModel::Opening> opening = m_model->opening();
+    m_openingRow->setVisible(opening.has_value());
+    m_cancelShortcut->setEnabled(opening.has_value());
+    if (opening) {
+        m_openingText->setText(openingText(*opening));
+        // No total yet: the bar shows that something is under way.
+        m_openingBar->setRange(0, std::max(opening->total, 0));
+        m_openingBar->setValue(opening->done);
+    }
+
+    const CropModel::Item* active = m_model->active();
+    const bool hasActive = active != nullptr;
+    // A save in flight holds both buttons for its item until it is written.
+    const bool canSave = hasActive && !m_model->isSaving(active->id);
     m_toleranceRow->setVisible(hasActive);
-    m_saveAsNew->setEnabled(hasActive);
-    m_saveOverOriginal->setEnabled(hasActive);
+    m_saveAsNew->setEnabled(canSave);
+    m_saveOverOriginal->setEnabled(canSave);
 
     // The model stores the tolerance as given; the slider shows its nearest
     // position without writing it back.

@@ -4,10 +4,16 @@
 
 #include <optional>
 
+#include <QList>
+
+#include "model/cropmodel.h"
 #include "ui/barwidget.h"
 
 class QBoxLayout;
 class QLabel;
+class QProgressBar;
+class QPushButton;
+class QShortcut;
 class QSlider;
 
 namespace orvane {
@@ -39,6 +45,14 @@ public:
     static Status status(const std::optional<QString>& errorMessage, bool allSaved,
                          const std::optional<QString>& saveConfirmation, int itemCount);
 
+    /// The line shown while opens run: "Opening 37 of 150 images…", or
+    /// "Opening images…" while folders are still being listed.
+    static QString openingText(const CropModel::Opening& opening);
+
+    /// The status message's tooltip for the files an open could not take:
+    /// one line per file with its reason, at most 20, then "and N more".
+    static QString failuresToolTip(const QList<CropModel::FailedFile>& failures);
+
     /// The slider's integer positions per tolerance unit: 0 to 100 maps to 0 to 10 000.
     static constexpr int sliderScale = 100;
 
@@ -64,6 +78,11 @@ private:
     QWidget* m_statusRow;
     QLabel* m_statusIcon;
     MessageLabel* m_statusText;
+    QWidget* m_openingRow;
+    QLabel* m_openingText;
+    QProgressBar* m_openingBar;
+    QPushButton* m_cancelOpen;
+    QShortcut* m_cancelShortcut;
     QWidget* m_toleranceRow;
     QLabel* m_toleranceLabel;
     QLabel* m_lowIcon;

@@ -96,7 +96,7 @@ void HeaderView::refresh()
 
     const std::optional<PixelRect> content = m_model->activeContentRect();
     if (content) {
-        m_dimsBefore->setText(tr("%1×%2").arg(item->buffer.width()).arg(item->buffer.height()));
+        m_dimsBefore->setText(tr("%1×%2").arg(item->width()).arg(item->height()));
         m_dimsAfter->setText(tr("%1×%2").arg(content->width).arg(content->height));
         const QPalette& p = palette();
         Painting::setTextColour(m_dimsAfter, m_model->willTrim() ? Theme::accentText(p) : Theme::secondary(p));

@@ -79,10 +79,18 @@ std::array<double, 4> targetFractions(const CropModel& model, bool revealed)
     const std::optional<PixelRect> content = model.activeContentRect();
     if (!content)
         return wholeImage;
-    const double w = double(item->buffer.width());
-    const double h = double(item->buffer.height());
+    const double w = double(item->width());
+    const double h = double(item->height());
     return {double(content->x) / w, double(content->y) / h, double(content->width) / w,
             double(content->height) / h};
+}
+
+// The preview copy once it has been read; until then the thumbnail, scaled
+// up, with the content rectangle already right.
+Raster shownRaster(const CropModel& model, const CropModel::Item& item)
+{
+    const Raster preview = model.activePreview();
+    return preview.isNull() ? item.summary->thumbnail : preview;
 }
 
 } // namespace
@@ -127,7 +135,7 @@ QRectF ImagePreview::imageRect() const
     if (!item)
         return QRectF();
     const QRectF area = QRectF(rect()).adjusted(imageInset, imageInset + m_pendingTopInset, -imageInset, -imageInset);
-    return snapped(PreviewGeometry::fittedRect(item->buffer.width(), item->buffer.height(), area.size())
+    return snapped(PreviewGeometry::fittedRect(item->width(), item->height(), area.size())
                        .translated(area.topLeft()),
                    devicePixelRatioF());
 }
@@ -164,8 +172,8 @@ QRectF ImagePreview::shownImageRect() const
     const CropModel::Item* item = m_model->active();
     if (!item)
         return QRectF();
-    const double w = double(item->buffer.width());
-    const double h = double(item->buffer.height());
+    const double w = double(item->width());
+    const double h = double(item->height());
     return QRectF(m_springs[0].value() * w, m_springs[1].value() * h, m_springs[2].value() * w,
                   m_springs[3].value() * h);
 }
@@ -175,8 +183,8 @@ QRectF ImagePreview::targetImageRect() const
     const CropModel::Item* item = m_model->active();
     if (!item)
         return QRectF();
-    const double w = double(item->buffer.width());
-    const double h = double(item->buffer.height());
+    const double w = double(item->width());
+    const double h = double(item->height());
     return QRectF(m_springs[0].target() * w, m_springs[1].target() * h, m_springs[2].target() * w,
                   m_springs[3].target() * h);
 }
@@ -290,9 +298,9 @@ void ImagePreview::paintEvent(QPaintEvent*)
     if (item) {
         pixels = QSize(qRound(fitted.width() * dpr), qRound(fitted.height() * dpr));
         if (!pixels.isEmpty())
-            scaled = m_images->image(item->id, item->buffer, pixels);
+            scaled = m_images->image(item->id, shownRaster(*m_model, *item), pixels);
     }
-    const QSize imageSize = item ? QSize(int(item->buffer.width()), int(item->buffer.height())) : QSize();
+    const QSize imageSize = item ? QSize(int(item->width()), int(item->height())) : QSize();
     const bool enlarging = item && ScaledImageCache::enlarges(imageSize, pixels);
     painter.drawImage(0, 0, backgroundFor(fitted, pixels, scaled, dpr, enlarging));
     if (!item)

@@ -80,18 +80,15 @@ void QueueRowDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     QPainterPath rounded;
     rounded.addRoundedRect(frame, thumbnailRadius, thumbnailRadius);
     painter->fillPath(rounded, Painting::withOpacity(text, 0.15));
-    const CropEngine::Buffer& buffer = item.buffer;
-    const QRectF fitted = PreviewGeometry::fittedRect(buffer.width(), buffer.height(), frame.size())
+    const QRectF fitted = PreviewGeometry::fittedRect(item.width(), item.height(), frame.size())
                               .translated(frame.topLeft());
     const double dpr = painter->device() ? painter->device()->devicePixelRatioF() : 1.0;
-    const QImage thumbnail =
-        m_thumbnails->image(item.id, buffer, thumbnailPixels(buffer.width(), buffer.height(), dpr));
+    const QSize pixels = thumbnailPixels(item.width(), item.height(), dpr);
+    const QImage thumbnail = m_thumbnails->image(item.id, item.summary->thumbnail, pixels);
     if (!thumbnail.isNull()) {
         painter->save();
         painter->setClipPath(rounded);
-        const QSize pixels = thumbnailPixels(buffer.width(), buffer.height(), dpr);
-        const bool enlarging =
-            ScaledImageCache::enlarges(QSize(int(buffer.width()), int(buffer.height())), pixels);
+        const bool enlarging = ScaledImageCache::enlarges(QSize(int(item.width()), int(item.height())), pixels);
         // On whole device pixels, so that the copy made for this size is drawn
         // as it is; a stand-in of another size is stretched, smoothly only
         // when reducing, so that a tiny image shows sharp pixels.

@@ -11,6 +11,15 @@
 
 namespace orvane {
 
+namespace {
+
+const std::uint8_t* pixelsOf(const Raster& raster)
+{
+    return raster.pixels ? raster.pixels->data() : nullptr;
+}
+
+} // namespace
+
 bool ScaledImageCache::Key::operator<(const Key& other) const
 {
     return std::tuple(id, pixels, size.width(), size.height())
@@ -33,17 +42,19 @@ ScaledImageCache::~ScaledImageCache()
     m_pool->waitForDone();
 }
 
-QImage ScaledImageCache::wrap(const CropEngine::Buffer& buffer)
+QImage ScaledImageCache::wrap(const Raster& raster)
 {
-    return QImage(buffer.pixels(), int(buffer.width()), int(buffer.height()), int(buffer.width() * 4),
+    if (raster.isNull())
+        return QImage();
+    return QImage(raster.pixels->data(), int(raster.width), int(raster.height), int(raster.width * 4),
                   QImage::Format_RGBA8888_Premultiplied);
 }
 
-QImage ScaledImageCache::scaledCopy(const CropEngine::Buffer& buffer, QSize pixelSize)
+QImage ScaledImageCache::scaledCopy(const Raster& raster, QSize pixelSize)
 {
-    if (pixelSize.isEmpty())
+    const QImage source = wrap(raster);
+    if (pixelSize.isEmpty() || source.isNull())
         return QImage();
-    const QImage source = wrap(buffer);
     if (enlarges(source.size(), pixelSize))
         return enlarged(source, pixelSize);
     QImage scaled = source.size() == pixelSize
@@ -92,28 +103,28 @@ QImage ScaledImageCache::enlarged(const QImage& source, QSize pixelSize)
     return result;
 }
 
-QImage ScaledImageCache::quickCopy(const CropEngine::Buffer& buffer, QSize pixelSize)
+QImage ScaledImageCache::quickCopy(const Raster& raster, QSize pixelSize)
 {
     if (pixelSize.isEmpty())
         return QImage();
     const QSize small = pixelSize.width() > 320 || pixelSize.height() > 320
                             ? pixelSize.scaled(320, 320, Qt::KeepAspectRatio).expandedTo(QSize(1, 1))
                             : pixelSize;
-    QImage quick = wrap(buffer).scaled(small, Qt::IgnoreAspectRatio, Qt::FastTransformation);
+    QImage quick = wrap(raster).scaled(small, Qt::IgnoreAspectRatio, Qt::FastTransformation);
     quick.convertTo(QImage::Format_ARGB32_Premultiplied);
     return quick;
 }
 
-bool ScaledImageCache::isReady(const QUuid& id, const CropEngine::Buffer& buffer, QSize pixelSize) const
+bool ScaledImageCache::isReady(const QUuid& id, const Raster& raster, QSize pixelSize) const
 {
-    return m_ready.count(Key{id, buffer.pixels(), pixelSize}) > 0;
+    return m_ready.count(Key{id, pixelsOf(raster), pixelSize}) > 0;
 }
 
-QImage ScaledImageCache::image(const QUuid& id, const CropEngine::Buffer& buffer, QSize pixelSize)
+QImage ScaledImageCache::image(const QUuid& id, const Raster& raster, QSize pixelSize)
 {
-    if (pixelSize.isEmpty())
+    if (pixelSize.isEmpty() || raster.isNull())
         return QImage();
-    const Key key{id, buffer.pixels(), pixelSize};
+    const Key key{id, pixelsOf(raster), pixelSize};
     m_forgotten.remove(id);
     ++m_clock;
     if (auto found = m_ready.find(key); found != m_ready.end()) {
@@ -121,7 +132,7 @@ QImage ScaledImageCache::image(const QUuid& id, const CropEngine::Buffer& buffer
         return found->second.image;
     }
 
-    const Job job{buffer, key};
+    const Job job{raster, key};
     if (m_running.contains(id))
         m_waiting.insert_or_assign(id, job);
     else
@@ -136,10 +147,10 @@ QImage ScaledImageCache::image(const QUuid& id, const CropEngine::Buffer& buffer
         return best->image;
 
     // One quick copy per image, made on the first request; the caller stretches it.
-    const Key standInKey{id, buffer.pixels(), QSize()};
+    const Key standInKey{id, pixelsOf(raster), QSize()};
     auto standIn = m_standIns.find(standInKey);
     if (standIn == m_standIns.end())
-        standIn = m_standIns.emplace(standInKey, Entry{quickCopy(buffer, pixelSize), m_clock}).first;
+        standIn = m_standIns.emplace(standInKey, Entry{quickCopy(raster, pixelSize), m_clock}).first;
     return standIn->second.image;
 }
 
@@ -147,7 +158,7 @@ void ScaledImageCache::start(const Job& job)
 {
     m_running.insert(job.key.id);
     m_pool->start([this, job] {
-        QImage scaled = scaledCopy(job.buffer, job.key.size);
+        QImage scaled = scaledCopy(job.raster, job.key.size);
         QMetaObject::invokeMethod(this, [this, key = job.key, scaled] { finished(key, scaled); },
                                   Qt::QueuedConnection);
     });

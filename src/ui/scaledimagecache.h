@@ -12,7 +12,7 @@
 #include <QSize>
 #include <QUuid>
 
-#include "engine/cropengine.h"
+#include "imagefile/imagesource.h"
 
 QT_BEGIN_NAMESPACE
 class QThreadPool;
@@ -20,11 +20,11 @@ QT_END_NAMESPACE
 
 namespace orvane {
 
-/// Keeps scaled copies of buffers, made once per image and size with a good
+/// Keeps scaled copies of rasters, made once per image and size with a good
 /// filter on a background thread. Until a copy is ready, image() answers at
 /// once with a stand-in: the same image at another size, else a small quick
 /// copy. Used on the main thread only; the copies are made on the cache's own
-/// thread pool from a copy of the buffer (which shares the raster), so an item
+/// thread pool from a copy of the raster (which shares the pixels), so an item
 /// removed meanwhile stays valid for the job.
 class ScaledImageCache : public QObject {
     Q_OBJECT
@@ -35,30 +35,30 @@ public:
     explicit ScaledImageCache(int capacity, QObject* parent = nullptr);
     ~ScaledImageCache() override;
 
-    /// The buffer of the item id scaled to pixelSize (device pixels; the
+    /// The raster of the item id scaled to pixelSize (device pixels; the
     /// caller chooses the aspect). The good copy when made; otherwise a stand-in
     /// that the caller draws stretched into its rectangle, and the good copy is
-    /// started (once per id, buffer and size) and announced by imageReady().
+    /// started (once per id, raster and size) and announced by imageReady().
     /// Null for an empty size.
-    QImage image(const QUuid& id, const CropEngine::Buffer& buffer, QSize pixelSize);
+    QImage image(const QUuid& id, const Raster& raster, QSize pixelSize);
 
     /// Whether image() would answer with the good copy now.
-    bool isReady(const QUuid& id, const CropEngine::Buffer& buffer, QSize pixelSize) const;
+    bool isReady(const QUuid& id, const Raster& raster, QSize pixelSize) const;
 
     /// Forgets the copies of every image whose id is not in ids.
     void retainOnly(const QSet<QUuid>& ids);
 
-    /// Good copies made since construction: one per id, buffer and size while
+    /// Good copies made since construction: one per id, raster and size while
     /// they stay cached.
     int copiesMade() const { return m_copiesMade; }
 
-    /// The raster of buffer as a QImage over its own memory (no copy): valid
-    /// while buffer or a copy of it lives.
-    static QImage wrap(const CropEngine::Buffer& buffer);
+    /// The raster as a QImage over its own memory (no copy): valid while
+    /// the raster or a copy of it lives.
+    static QImage wrap(const Raster& raster);
     /// The good copy, converted for fast drawing: reduced with Qt's smooth
     /// (area averaging) filter, enlarged by repeating pixels (see enlarged()).
     /// Any thread.
-    static QImage scaledCopy(const CropEngine::Buffer& buffer, QSize pixelSize);
+    static QImage scaledCopy(const Raster& raster, QSize pixelSize);
     /// Whether scaledCopy() enlarges an image of imageSize to pixelSize: no
     /// side gets smaller and one gets larger.
     static bool enlarges(QSize imageSize, QSize pixelSize);
@@ -74,7 +74,7 @@ public:
     static int enlargedEdge(double at, std::int64_t from, int to);
     /// A cheap nearest-pixel copy no larger than 320 pixels a side with the
     /// aspect of pixelSize. Any thread; well under a millisecond.
-    static QImage quickCopy(const CropEngine::Buffer& buffer, QSize pixelSize);
+    static QImage quickCopy(const Raster& raster, QSize pixelSize);
 
 Q_SIGNALS:
     /// A good copy has been made; callers repaint and ask again.
@@ -83,7 +83,7 @@ Q_SIGNALS:
 private:
     struct Key {
         QUuid id;
-        const std::uint8_t* pixels = nullptr; // tells a reloaded buffer of the same item apart
+        const std::uint8_t* pixels = nullptr; // tells another raster of the same item apart
         QSize size;
         bool operator<(const Key& other) const;
     };
@@ -92,7 +92,7 @@ private:
         quint64 lastUse = 0;
     };
     struct Job {
-        CropEngine::Buffer buffer;
+        Raster raster;
         Key key;
     };
 

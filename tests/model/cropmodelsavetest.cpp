@@ -1,6 +1,8 @@
 // Saving: as a new file through the save panel and over the original; the
 // proposed names, the messages, refused writes, the reload after a save over
 // the original, and a type that has no encoder.
+#include <atomic>
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -11,6 +13,7 @@
 
 #include "imagefile/imagefile.h"
 #include "model/cropmodel.h"
+#include "model/imagesource.h"
 #include "modeltest.h"
 
 using namespace orvane;
@@ -56,9 +59,9 @@ private Q_SLOTS:
         FakePanels panels;
         CropModel model(&panels);
         Notes notes(model);
-        model.saveAsNewFile();
+        saveAsNew(model);
         QCOMPARE(model.errorMessage(), QStringLiteral("Nothing to save."));
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(model.errorMessage(), QStringLiteral("Nothing to save."));
         QCOMPARE(notes.names(), (QStringList{"ErrorMessage", "ErrorMessage"}));
         QCOMPARE(panels.saveCalls, 0);
@@ -73,14 +76,14 @@ private Q_SLOTS:
         FakePanels panels;
         panels.saveAnswer = QUrl::fromLocalFile(path("out.png"));
         CropModel model(&panels);
-        model.open(urls({path("done.png"), path("clear.png")}));
-        model.saveOverOriginal(); // done.png saved: confirmation set, clear.png active
+        openAll(model, urls({path("done.png"), path("clear.png")}));
+        saveOver(model); // done.png saved: confirmation set, clear.png active
         QCOMPARE(activeName(model), "clear.png");
         QVERIFY(!model.activeContentRect());
 
-        model.saveAsNewFile();
+        saveAsNew(model);
         QCOMPARE(model.errorMessage(), QStringLiteral("Nothing to save."));
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(model.errorMessage(), QStringLiteral("Nothing to save."));
         QCOMPARE(panels.saveCalls, 0);
         QCOMPARE(model.saveConfirmation(), QStringLiteral("done.png"));
@@ -111,9 +114,9 @@ private Q_SLOTS:
         writeBytes(path(fileName), encode(whiteImageWithBlock(30, 20, QRect(3, 4, 10, 8)), qPrintable(format)));
         FakePanels panels;
         CropModel model(&panels);
-        model.open(urls({path(fileName)}));
+        openAll(model, urls({path(fileName)}));
         QCOMPARE(itemNames(model), QStringList{fileName});
-        model.saveAsNewFile(); // cancelled
+        saveAsNew(model); // cancelled
         QCOMPARE(panels.saveCalls, 1);
         QCOMPARE(panels.proposedName, proposed);
         QCOMPARE(panels.restrictedType, ImageType(type));
@@ -125,13 +128,13 @@ private Q_SLOTS:
         writeLetterImage(path("b.png"), 1);
         FakePanels panels;
         CropModel model(&panels);
-        model.open(urls({path("a.png"), path("b.png")}));
-        model.saveOverOriginal(); // a saved and confirmed, b active
-        model.open(urls({path("missing.png")}));
+        openAll(model, urls({path("a.png"), path("b.png")}));
+        saveOver(model); // a saved and confirmed, b active
+        openAll(model, urls({path("missing.png")}));
         const QByteArray before = contentsOf(path("b.png"));
         Notes notes(model);
 
-        model.saveAsNewFile();
+        saveAsNew(model);
         QCOMPARE(panels.saveCalls, 1);
         QVERIFY(notes.names().isEmpty());
         QCOMPARE(model.errorMessage(), QStringLiteral("1 file couldn’t be opened."));
@@ -150,12 +153,12 @@ private Q_SLOTS:
         FakePanels panels;
         panels.saveAnswer = QUrl::fromLocalFile(path("chosen name.png"));
         CropModel model(&panels);
-        model.open(urls({path("a.png"), path("b.png"), path("missing.png")}));
+        openAll(model, urls({path("a.png"), path("b.png"), path("missing.png")}));
         QVERIFY(model.errorMessage());
         const CropModel::Item before = model.items().front();
         Notes notes(model);
 
-        model.saveAsNewFile();
+        saveAsNew(model);
         QCOMPARE(notes.names(),
                  (QStringList{"Items", "SaveConfirmation", "ErrorMessage", "ActiveID", "ActiveContentRect"}));
         const vips::VImage written = readBack(path("chosen name.png"));
@@ -170,7 +173,7 @@ private Q_SLOTS:
         QVERIFY(item.saved);
         QCOMPARE(item.url, before.url);
         QCOMPARE(item.type, before.type);
-        QCOMPARE(item.buffer.width(), 50);
+        QCOMPARE(item.width(), 50);
         QCOMPARE(contentsOf(path("a.png")), original);
         QCOMPARE(activeName(model), "b.png");
     }
@@ -183,9 +186,9 @@ private Q_SLOTS:
         panels.saveAnswer = QUrl::fromLocalFile(path("whole-cropped.png"));
         CropModel model(&panels);
         model.setThreshold(0.0);
-        model.open(urls({path("whole.png")}));
+        openAll(model, urls({path("whole.png")}));
         QCOMPARE(toQRect(model.activeContentRect()), QRect(0, 0, 40, 30));
-        model.saveAsNewFile();
+        saveAsNew(model);
         const vips::VImage written = readBack(path("whole-cropped.png"));
         QCOMPARE(written.width(), 40);
         QCOMPARE(written.height(), 30);
@@ -200,11 +203,11 @@ private Q_SLOTS:
         FakePanels panels;
         panels.saveAnswer = QUrl::fromLocalFile(path("no such folder/out.png"));
         CropModel model(&panels);
-        model.open(urls({path("a.png"), path("b.png")}));
-        model.saveOverOriginal(); // a confirmed, b active
+        openAll(model, urls({path("a.png"), path("b.png")}));
+        saveOver(model); // a confirmed, b active
         Notes notes(model);
 
-        model.saveAsNewFile();
+        saveAsNew(model);
         QCOMPARE(notes.names(), QStringList{"ErrorMessage"});
         QCOMPARE(model.errorMessage(), QStringLiteral("Couldn’t write to “out.png”."));
         QCOMPARE(model.saveConfirmation(), QStringLiteral("a.png"));
@@ -217,21 +220,21 @@ private Q_SLOTS:
     {
         writeImage(path("photo.png"), whiteImageWithBlock(1000, 800, QRect(100, 200, 600, 400)));
         CropModel model;
-        model.open(urls({path("photo.png")}));
+        openAll(model, urls({path("photo.png")}));
         const CropModel::Item before = model.items().front();
         const QString id = before.id.toString(QUuid::WithoutBraces).toUpper();
         QCOMPARE(model.revealKey(), id + "#1000x800");
         QVERIFY(model.willTrim());
         Notes notes(model);
 
-        model.saveOverOriginal();
+        saveOver(model);
         // The buffer is replaced, then the item marked saved; no other item
         // is unsaved, so it stays active and its rectangle is recomputed.
         QCOMPARE(notes.names(),
                  (QStringList{"Items", "Items", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"}));
         const CropModel::Item& item = model.items().front();
-        QCOMPARE(item.buffer.width(), 600);
-        QCOMPARE(item.buffer.height(), 400);
+        QCOMPARE(item.width(), 600);
+        QCOMPARE(item.height(), 400);
         QCOMPARE(item.type, before.type);
         QCOMPARE(item.url, before.url);
         QCOMPARE(item.id, before.id);
@@ -247,7 +250,7 @@ private Q_SLOTS:
 
         // A saved item can be saved again: written and confirmed the same way.
         notes.clear();
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(model.saveConfirmation(), QStringLiteral("photo.png"));
         QVERIFY(notes.names().contains("SaveConfirmation"));
     }
@@ -256,36 +259,50 @@ private Q_SLOTS:
     {
         writeImage(path("web.webp"), whiteImageWithBlock(40, 30, QRect(4, 5, 20, 10)));
         CropModel model;
-        model.open(urls({path("web.webp")}));
+        openAll(model, urls({path("web.webp")}));
         QCOMPARE(model.items().front().type, ImageType::webP());
         ImageFile::setSaverProbeForTesting([](const ImageType& type) { return type != ImageType::webP(); });
 
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(model.saveConfirmation(), QStringLiteral("web.webp"));
         QVERIFY(contentsOf(path("web.webp")).startsWith("\x89PNG\r\n\x1a\n"));
         const CropModel::Item& item = model.items().front();
         QVERIFY(item.saved);
         QCOMPARE(item.type, ImageType::webP());
         QCOMPARE(item.url, QUrl::fromLocalFile(path("web.webp")));
-        QCOMPARE(item.buffer.width(), 20);
+        QCOMPARE(item.width(), 20);
     }
 
     void aFailedReloadKeepsTheOldBuffer()
     {
-        // The loader refuses anything when no memory is left: the write
-        // succeeds, the reload does not.
+        // The write succeeds, reading the file back does not.
+        class FailingReload : public ImageSource {
+        public:
+            std::optional<ImageFile::Decoded> decode(const QString& path) override
+            {
+                if (written)
+                    return std::nullopt;
+                return ImageSource::decode(path);
+            }
+            bool saveCropped(const ImageFile::Decoded& decoded, const PixelRect& rect, const QString& path,
+                             const ImageType& type) override
+            {
+                written = ImageSource::saveCropped(decoded, rect, path, type);
+                return written;
+            }
+            std::atomic<bool> written{false};
+        };
         writeImage(path("tight.png"), whiteImageWithBlock(50, 40, QRect(5, 5, 10, 10)));
-        CropModel model;
-        model.open(urls({path("tight.png")}));
+        CropModel model(nullptr, nullptr, std::make_shared<FailingReload>());
+        openAll(model, urls({path("tight.png")}));
+        QTRY_VERIFY(model.hasFullImage(model.items().front().id));
         const QString key = model.revealKey();
-        ImageFile::setAvailableMemoryForTesting(1);
-        model.saveOverOriginal();
-        ImageFile::setAvailableMemoryForTesting(std::nullopt);
+        saveOver(model);
 
         QCOMPARE(readBack(path("tight.png")).width(), 10);
         const CropModel::Item& item = model.items().front();
         QVERIFY(item.saved);
-        QCOMPARE(item.buffer.width(), 50);
+        QCOMPARE(item.width(), 50);
         QCOMPARE(model.revealKey(), key);
         QCOMPARE(model.saveConfirmation(), QStringLiteral("tight.png"));
         QVERIFY(!model.errorMessage());

@@ -26,7 +26,7 @@ private:
             files.append(m_dir->filePath(letters[i] + QStringLiteral(".png")));
             writeLetterImage(files.last(), i);
         }
-        model.open(urls(files));
+        openAll(model, urls(files));
         QCOMPARE(int(model.items().size()), int(letters.size()));
     }
     static QUuid id(const CropModel& model, QChar letter) { return idOf(model, letter + QStringLiteral(".png")); }
@@ -59,14 +59,14 @@ private:
     {
         for (QChar letter : saved) {
             model.select(id(model, letter));
-            model.saveOverOriginal();
+            saveOver(model);
             QVERIFY(model.items()[std::size_t(letters(model).indexOf(letter))].saved);
         }
     }
     // Puts an error message and a save confirmation on screen together.
     void showBothMessages(CropModel& model)
     {
-        model.open(urls({m_dir->filePath("missing.png")}));
+        openAll(model, urls({m_dir->filePath("missing.png")}));
         QVERIFY(model.errorMessage());
         QVERIFY(model.saveConfirmation());
     }
@@ -165,7 +165,7 @@ private Q_SLOTS:
         else
             model.select(id(model, active.front()));
         const QUuid removedID = id(model, removed.front());
-        model.open(urls({m_dir->filePath("missing.png")}));
+        openAll(model, urls({m_dir->filePath("missing.png")}));
         QVERIFY(model.errorMessage());
         Notes recorded(model);
 
@@ -204,14 +204,14 @@ private Q_SLOTS:
         markSaved(model, "AB");
         model.select(id(model, 'D'));
         Notes notes(model);
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(activeLetter(model), "E");
         QCOMPARE(notes.names().mid(notes.names().size() - 4),
                  (QStringList{"SaveConfirmation", "ErrorMessage", "ActiveID", "ActiveContentRect"}));
         verifyRectBelongsToActive(model);
         QCOMPARE(model.saveConfirmation(), QStringLiteral("D.png")); // moving on keeps the confirmation
 
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(activeLetter(model), "C");
         QCOMPARE(model.saveConfirmation(), QStringLiteral("E.png"));
         verifyRectBelongsToActive(model);
@@ -226,7 +226,7 @@ private Q_SLOTS:
         markSaved(model, "AC");
         model.select(id(model, 'B'));
         Notes notes(model);
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(activeLetter(model), "B");
         QVERIFY(model.allSaved());
         QCOMPARE(notes.names().mid(notes.names().size() - 3),
@@ -241,7 +241,7 @@ private Q_SLOTS:
         openLetters(model, "ABC");
         markSaved(model, "BC");
         model.select(id(model, 'A'));
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(activeLetter(model), "A");
         QVERIFY(model.allSaved());
     }
@@ -252,10 +252,10 @@ private Q_SLOTS:
         CropModel model;
         openLetters(model, "ABC");
         model.select(id(model, 'C'));
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(activeLetter(model), "A");
         // and saving A then moves forward to B, skipping nothing.
-        model.saveOverOriginal();
+        saveOver(model);
         QCOMPARE(activeLetter(model), "B");
     }
 };

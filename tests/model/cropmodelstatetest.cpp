@@ -42,7 +42,7 @@ private Q_SLOTS:
     {
         writeLetterImage(path("a.png"), 0);
         CropModel model;
-        model.open(urls({path("a.png")}));
+        openAll(model, urls({path("a.png")}));
         Notes notes(model);
 
         // The same value again still stores and recomputes: two notifications.
@@ -87,8 +87,8 @@ private Q_SLOTS:
             }
         });
         model.setThreshold(40.0);
-        model.open(urls({path("missing.png")}));
-        model.open(urls({path("before.png")}));
+        openAll(model, urls({path("missing.png")}));
+        openAll(model, urls({path("before.png")}));
         model.remove(model.items().front().id);
         QCOMPARE(seen, (QStringList{
                            "threshold 25", "rect absent",                           // setThreshold
@@ -122,10 +122,10 @@ private Q_SLOTS:
         QFETCH(double, threshold);
         writeLetterImage(path("a.png"), 0);
         CropModel model;
-        model.open(urls({path("a.png")}));
+        openAll(model, urls({path("a.png")}));
         model.setThreshold(threshold);
         QCOMPARE(model.threshold(), threshold);
-        QCOMPARE(model.activeContentRect(), CropEngine::contentRect(model.active()->buffer, threshold));
+        QCOMPARE(model.activeContentRect(), model.active()->summary->contentRect(threshold));
     }
 
     void willTrim_data()
@@ -149,7 +149,7 @@ private Q_SLOTS:
         const QString file = path("trim.png");
         writeImage(file, kind == "transparent" ? transparentImage(100, 80) : whiteImageWithBlock(100, 80, content));
         CropModel model;
-        model.open(urls({file}));
+        openAll(model, urls({file}));
         QVERIFY(model.active());
         QCOMPARE(bool(model.activeContentRect()), hasRect);
         if (hasRect)
@@ -162,7 +162,7 @@ private Q_SLOTS:
         for (int i = 0; i < 3; ++i)
             writeLetterImage(path(QStringLiteral("p%1.png").arg(i)), i);
         CropModel model;
-        model.open(urls({path("p0.png"), path("p1.png"), path("p2.png")}));
+        openAll(model, urls({path("p0.png"), path("p1.png"), path("p2.png")}));
         QCOMPARE(model.activePosition(), 1);
 
         const QUuid third = model.items()[2].id;
@@ -189,7 +189,7 @@ private Q_SLOTS:
     {
         writeLetterImage(path("k.png"), 0);
         CropModel model;
-        model.open(urls({path("k.png")}));
+        openAll(model, urls({path("k.png")}));
         const QString key = model.revealKey();
         model.setThreshold(80.0);
         QCOMPARE(model.revealKey(), key);
@@ -202,19 +202,19 @@ private Q_SLOTS:
         CropModel model;
         QVERIFY(!model.allSaved());
 
-        model.open(urls({path("s1.png")}));
+        openAll(model, urls({path("s1.png")}));
         QVERIFY(!model.allSaved());
-        model.saveOverOriginal();
+        saveOver(model);
         QVERIFY(model.items().front().saved);
         QVERIFY(model.allSaved());
 
         // A lone saved item makes way for new ones; with two items one saved
         // and one not, the queue is no longer all saved.
-        model.open(urls({path("s2.png"), path("s1.png")}));
+        openAll(model, urls({path("s2.png"), path("s1.png")}));
         QCOMPARE(itemNames(model), (QStringList{"s2.png", "s1.png"}));
         QVERIFY(!model.allSaved());
-        model.saveOverOriginal();
-        model.saveOverOriginal();
+        saveOver(model);
+        saveOver(model);
         QVERIFY(model.allSaved());
 
         model.remove(model.items().front().id);
@@ -228,8 +228,8 @@ private Q_SLOTS:
     {
         writeLetterImage(path("twice.png"), 0);
         CropModel model;
-        model.open(urls({path("twice.png"), path("twice.png")}));
-        model.open(urls({path("twice.png")}));
+        openAll(model, urls({path("twice.png"), path("twice.png")}));
+        openAll(model, urls({path("twice.png")}));
         QCOMPARE(model.items().size(), std::size_t(3));
         QCOMPARE(model.items()[0].url, model.items()[1].url);
         QVERIFY(model.items()[0].id != model.items()[1].id);
@@ -242,7 +242,7 @@ private Q_SLOTS:
         // A PNG under a JPEG name is queued as PNG: the type comes from the content.
         writeBytes(path("picture.jpg"), encode(whiteImageWithBlock(20, 20, QRect(2, 2, 5, 5)), ".png"));
         CropModel model;
-        model.open(urls({path("picture.jpg")}));
+        openAll(model, urls({path("picture.jpg")}));
         QCOMPARE(model.items().size(), std::size_t(1));
         const CropModel::Item& item = model.items().front();
         QCOMPARE(item.type, ImageType::png());

@@ -125,8 +125,11 @@ QRect toQRect(const std::optional<PixelRect>& rect)
 
 Notes::Notes(CropModel& model)
 {
-    QObject::connect(&model, &CropModel::willChange, &model,
-                     [this](CropModel::Property property) { m_seen.append(property); });
+    QObject::connect(&model, &CropModel::willChange, &model, [this](CropModel::Property property) {
+        if (property != CropModel::Property::ActivePreview && property != CropModel::Property::Saving
+            && property != CropModel::Property::Opening)
+            m_seen.append(property);
+    });
 }
 
 QStringList Notes::names() const
@@ -199,13 +202,13 @@ int runChild(int argc, char** argv)
 
     CropModel model;
     if (mode == "--child-open") {
-        model.open(urls(paths));
+        openAll(model, urls(paths));
         std::printf("%s\n%s\n", qPrintable(itemNames(model).join(QLatin1Char(','))),
                     model.errorMessage().value_or(QString()).toUtf8().constData());
         return 0;
     }
     if (mode == "--child-save-over" || mode == "--child-save-over-limited") {
-        model.open(urls(paths));
+        openAll(model, urls(paths));
         if (mode == "--child-save-over-limited") {
             // No file may grow beyond 4 KiB from here on: the write fails with
             // EFBIG instead of killing the process with SIGXFSZ.
@@ -214,7 +217,7 @@ int runChild(int argc, char** argv)
             if (::setrlimit(RLIMIT_FSIZE, &limit) != 0)
                 return 2;
         }
-        model.saveOverOriginal();
+        saveOver(model);
         const bool saved = !model.items().empty() && model.items().front().saved;
         std::printf("%s\n%s\n", model.errorMessage().value_or(QString()).toUtf8().constData(),
                     saved ? "saved" : "unsaved");

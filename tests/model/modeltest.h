@@ -15,6 +15,7 @@
 #include <vips/vips8>
 
 #include "model/cropmodel.h"
+#include "support/queuewaits.h"
 
 namespace orvane::test {
 
@@ -40,6 +41,7 @@ void writeLetterImage(const QString& path, int index);
 vips::VImage readBack(const QString& path);
 
 QList<QUrl> urls(const QStringList& paths);
+
 /// The file names of the queued items, in queue order.
 QStringList itemNames(const CropModel& model);
 /// The file name of the active item, or "none".
@@ -48,7 +50,9 @@ QString activeName(const CropModel& model);
 QUuid idOf(const CropModel& model, const QString& fileName);
 QRect toQRect(const std::optional<PixelRect>& rect);
 
-/// Records the property behind every willChange() in order.
+/// Records the property behind every willChange() in order: the six the
+/// window's design names (the preview copy, saves in flight and the opens'
+/// progress are left out).
 class Notes {
 public:
     explicit Notes(CropModel& model);

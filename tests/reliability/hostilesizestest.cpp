@@ -14,6 +14,8 @@
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
+#include "imagefile/imagesource.h"
+#include "support/queuewaits.h"
 #include "model/cropmodel.h"
 #include "support/pngbytes.h"
 #include "support/testfiles.h"
@@ -362,17 +364,20 @@ private Q_SLOTS:
         ImageFile::setAvailableMemoryForTesting(std::uint64_t(200) << 20);
         const auto restore = qScopeGuard([] { ImageFile::setAvailableMemoryForTesting(std::nullopt); });
         QList<QUrl> urls;
-        for (const QString& path : std::as_const(m_written))
+        int refused = 0;
+        for (const QString& path : std::as_const(m_written)) {
             urls << QUrl::fromLocalFile(path);
+            refused += ImageFile::index(path, false) ? 0 : 1;
+        }
         const PeakMemory peak;
         QElapsedTimer timer;
         timer.start();
         CropModel model;
-        model.open(urls);
+        test::openAll(model, urls);
         qInfo("%lld hostile files through the model in %lld ms, peak memory +%lld KiB", qint64(urls.size()),
               timer.elapsed(), peak.growth());
-        QVERIFY(model.items().empty());
-        QCOMPARE(model.errorMessage(), std::optional<QString>(QStringLiteral("%1 files couldn’t be opened.").arg(urls.size())));
+        QCOMPARE(int(model.items().size()), urls.size() - refused);
+        QCOMPARE(model.errorMessage(), std::optional<QString>(QStringLiteral("%1 files couldn’t be opened.").arg(refused)));
     }
 
 private:
@@ -398,10 +403,14 @@ private:
         // catches a decoder that ran. (The time is reported, never asserted.)
         QVERIFY2(grown < 64 * 1024, qPrintable(QStringLiteral("%1 KiB").arg(grown)));
 
+        // The queue reads files in one streamed pass: it skips what that pass
+        // refuses and takes what it can stream within bounded memory.
+        const bool streamed = ImageFile::index(path, false).has_value();
         CropModel model;
-        model.open({QUrl::fromLocalFile(path)});
-        QVERIFY(model.items().empty());
-        QCOMPARE(model.errorMessage(), std::optional<QString>(kSkipped));
+        test::openAll(model, {QUrl::fromLocalFile(path)});
+        QCOMPARE(model.items().empty(), !streamed);
+        if (!streamed)
+            QCOMPARE(model.errorMessage(), std::optional<QString>(kSkipped));
     }
 
     QTemporaryDir m_dir;

@@ -55,10 +55,26 @@ int saveOnce(const QString& path, double tolerance)
     return saved ? 0 : 1;
 }
 
+// Waits until the model's open and save have been taken in.
+void settle(CropModel& model)
+{
+    auto busy = [&] {
+        if (model.opening())
+            return true;
+        for (const CropModel::Item& item : model.items())
+            if (model.isSaving(item.id))
+                return true;
+        return false;
+    };
+    while (busy())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+}
+
 int saveThroughModel(const QString& path, long long fileSizeLimit)
 {
     CropModel model;
     model.open({QUrl::fromLocalFile(path)});
+    settle(model);
     if (fileSizeLimit > 0) {
         // Past the limit, write() fails with EFBIG instead of the signal killing us.
         std::signal(SIGXFSZ, SIG_IGN);
@@ -69,6 +85,7 @@ int saveThroughModel(const QString& path, long long fileSizeLimit)
         }
     }
     model.saveOverOriginal();
+    settle(model);
     say(QStringLiteral("uid=%1").arg(::geteuid()));
     say(QStringLiteral("items=%1").arg(model.items().size()));
     say(QStringLiteral("saved=%1").arg(!model.items().empty() && model.items().front().saved ? 1 : 0));

@@ -1,5 +1,6 @@
-// The controls: the status row's choice of message, which buttons work when,
-// Ctrl+S, and the tolerance slider's two-way binding to the model.
+// The controls: the status row's choice of message and its list of files that
+// failed, which buttons work when (also while a save is written), Ctrl+S, and
+// the tolerance slider's two-way binding to the model.
 
 #include <QApplication>
 #include <QLabel>
@@ -14,6 +15,7 @@
 #include "ui/controlsview.h"
 #include "ui/messagelabel.h"
 #include "ui/theme.h"
+#include "support/heldimagesource.h"
 #include "windowtestsupport.h"
 
 using namespace orvane;
@@ -194,23 +196,72 @@ private Q_SLOTS:
         QVERIFY(row->isHidden());
 
         // A failed opening: orange.
-        model.open({test::writeNonImage(QDir(m_dir.path()).filePath(QStringLiteral("status-notes.png")))});
+        test::openAll(model, {test::writeNonImage(QDir(m_dir.path()).filePath(QStringLiteral("status-notes.png")))});
         QTRY_VERIFY(!row->isHidden());
         QVERIFY(model.errorMessage());
         QCOMPARE(text->text(), *model.errorMessage());
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::orange(controls.palette()));
+        QVERIFY(row->toolTip().startsWith(QStringLiteral("status-notes.png — ")));
 
         // A save with another image left: green, "next image ready".
-        model.open({image(QStringLiteral("status-1.png")), image(QStringLiteral("status-2.png"))});
+        test::openAll(model, {image(QStringLiteral("status-1.png")), image(QStringLiteral("status-2.png"))});
         const QString first = model.active()->url.fileName();
-        model.saveOverOriginal();
+        test::saveOver(model);
         QTRY_COMPARE(text->text(), QStringLiteral("Saved %1 — next image ready.").arg(first));
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green(controls.palette()));
+        QVERIFY(row->toolTip().isEmpty());
 
         // The last one: all saved.
-        model.saveOverOriginal();
+        test::saveOver(model);
         QTRY_COMPARE(text->text(), QStringLiteral("All 2 images saved."));
         QCOMPARE(text->palette().color(QPalette::WindowText), Theme::green(controls.palette()));
+    }
+
+    void failuresToolTip_data()
+    {
+        QTest::addColumn<int>("files");
+        QTest::addColumn<int>("lines");
+        QTest::addColumn<QString>("last");
+        QTest::newRow("one") << 1 << 1 << "f0.png — The file isn’t there.";
+        QTest::newRow("twenty") << 20 << 20 << "f19.png — The file isn’t there.";
+        QTest::newRow("twenty-three") << 23 << 21 << "and 3 more";
+    }
+    void failuresToolTip()
+    {
+        QFETCH(int, files);
+        QFETCH(int, lines);
+        QFETCH(QString, last);
+        QList<CropModel::FailedFile> failures;
+        for (int i = 0; i < files; ++i)
+            failures.append({QStringLiteral("f%1.png").arg(i), QStringLiteral("The file isn’t there.")});
+        const QStringList shown = ControlsView::failuresToolTip(failures).split(QLatin1Char('\n'));
+        QCOMPARE(shown.size(), lines);
+        QCOMPARE(shown.first(), QStringLiteral("f0.png — The file isn’t there."));
+        QCOMPARE(shown.last(), last);
+    }
+
+    void aSaveInFlightHoldsBothButtons()
+    {
+        auto source = std::make_shared<test::HeldImageSource>();
+        CropModel model(nullptr, nullptr, source);
+        ControlsView controls(&model);
+        auto* saveAsNew = part<QPushButton>(controls, "saveAsNew");
+        auto* saveOver = part<QPushButton>(controls, "saveOverOriginal");
+        test::openAll(model, {image(QStringLiteral("held-1.png")), image(QStringLiteral("held-2.png"))});
+        QTRY_VERIFY(saveOver->isEnabled());
+
+        // While the file is written, both buttons wait for it.
+        source->hold(test::HeldImageSource::Step::Save);
+        QTest::mouseClick(saveOver, Qt::LeftButton);
+        QTRY_VERIFY(!saveOver->isEnabled());
+        QVERIFY(!saveAsNew->isEnabled());
+        QVERIFY(part<QWidget>(controls, "toleranceRow")->isVisibleTo(&controls));
+
+        source->releaseAll();
+        QTRY_VERIFY(model.items().front().saved);
+        QTRY_VERIFY(saveOver->isEnabled());
+        QVERIFY(saveAsNew->isEnabled());
+        QCOMPARE(model.active()->url.fileName(), QStringLiteral("held-2.png"));
     }
 
     void enabledStatesAndSaveShortcut()
@@ -247,7 +298,7 @@ private Q_SLOTS:
 
         // An active image: everything works, and Ctrl+S saves over the original.
         const QUrl url = image(QStringLiteral("shortcut.png"));
-        model.open({url});
+        test::openAll(model, {url});
         QTRY_VERIFY(saveOver->isEnabled());
         QVERIFY(saveAsNew->isEnabled());
         QVERIFY(!part<QWidget>(controls, "toleranceRow")->isHidden());
@@ -264,7 +315,7 @@ private Q_SLOTS:
     {
         CropModel model;
         ControlsView controls(&model);
-        model.open({image(QStringLiteral("slider.png"))});
+        test::openAll(model, {image(QStringLiteral("slider.png"))});
         controls.refresh();
         auto* slider = part<QSlider>(controls, "tolerance");
         QCOMPARE(slider->minimum(), 0);

@@ -68,7 +68,7 @@ private Q_SLOTS:
         CropModel model;
         HeaderView header(&model);
         header.resize(700, 60);
-        model.open({image(QStringLiteral("poster.png"), {1200, 800}, QRect(100, 80, 1000, 640))});
+        test::openAll(model, {image(QStringLiteral("poster.png"), {1200, 800}, QRect(100, 80, 1000, 640))});
         header.refresh();
 
         QCOMPARE(part<ElidedLabel>(header, "name")->text(), QStringLiteral("poster.png"));
@@ -90,7 +90,7 @@ private Q_SLOTS:
         CropModel model;
         HeaderView header(&model);
         // Artwork touching every edge: nothing to trim.
-        model.open({image(QStringLiteral("full.png"), {300, 200}, QRect(0, 0, 300, 200))});
+        test::openAll(model, {image(QStringLiteral("full.png"), {300, 200}, QRect(0, 0, 300, 200))});
         header.refresh();
         QCOMPARE(part(header, "dimsBefore")->text(), QStringLiteral("300×200"));
         QCOMPARE(part(header, "dimsAfter")->text(), QStringLiteral("300×200"));
@@ -106,7 +106,7 @@ private Q_SLOTS:
         QImage blank(200, 100, QImage::Format_RGB32);
         blank.fill(Qt::white);
         QVERIFY(blank.save(path));
-        model.open({QUrl::fromLocalFile(path)});
+        test::openAll(model, {QUrl::fromLocalFile(path)});
         QVERIFY(model.active());
         QVERIFY(!model.activeContentRect());
         header.refresh();
@@ -118,11 +118,11 @@ private Q_SLOTS:
     {
         CropModel model;
         HeaderView header(&model);
-        model.open({image(QStringLiteral("one.png"), {100, 100}, QRect(10, 10, 50, 50))});
+        test::openAll(model, {image(QStringLiteral("one.png"), {100, 100}, QRect(10, 10, 50, 50))});
         header.refresh();
         QVERIFY(part(header, "positionBadge")->isHidden());
 
-        model.open({image(QStringLiteral("two.png"), {100, 100}, QRect(10, 10, 50, 50)),
+        test::openAll(model, {image(QStringLiteral("two.png"), {100, 100}, QRect(10, 10, 50, 50)),
                     image(QStringLiteral("three.png"), {100, 100}, QRect(10, 10, 50, 50))});
         header.refresh();
         QVERIFY(!part(header, "positionBadge")->isHidden());
@@ -139,7 +139,7 @@ private Q_SLOTS:
         CropModel model;
         HeaderView header(&model);
         header.show();
-        model.open({image(QStringLiteral("theme.png"), {400, 300}, QRect(50, 50, 300, 200))});
+        test::openAll(model, {image(QStringLiteral("theme.png"), {400, 300}, QRect(50, 50, 300, 200))});
         header.refresh();
 
         const QPalette light = QApplication::palette();
@@ -165,7 +165,7 @@ private Q_SLOTS:
         HeaderView header(&model);
         const QString longName = QStringLiteral("a-very-long-file-name-from-a-camera-export-of-the-summer-holiday-") +
                                  QStringLiteral("pictures-number-0042-final-final.png");
-        model.open({image(longName, {640, 480}, QRect(20, 20, 600, 440))});
+        test::openAll(model, {image(longName, {640, 480}, QRect(20, 20, 600, 440))});
         header.show();
         header.resize(1400, 60);
         header.refresh();

@@ -79,7 +79,7 @@ void ImagePreviewTest::cleanup()
 
 void ImagePreviewTest::openAndShow(const QList<QUrl>& urls)
 {
-    m_model->open(urls);
+    test::openAll(*m_model, urls);
     QCOMPARE(m_model->items().size(), std::size_t(urls.size()));
     m_preview->show();
     QVERIFY(QTest::qWaitForWindowExposed(m_preview));
@@ -135,7 +135,7 @@ void ImagePreviewTest::revealPlaysForEachNewImage()
     m_model->remove(idOf(*m_model, "b.png"));
     QTRY_VERIFY(m_preview->shownImageRect().isNull());
     QCOMPARE(m_preview->revealCount(), 2);
-    m_model->open({a});
+    test::openAll(*m_model, {a});
     QTRY_COMPARE(m_preview->revealCount(), 3);
 }
 
@@ -177,9 +177,9 @@ void ImagePreviewTest::saveOverOriginalRevealsTheTrimmedImage()
 
     // The same item comes back 200 × 100: a new revealKey, so the reveal plays
     // again, now with nothing left to darken; the new pixels get their own copy.
-    m_model->saveOverOriginal();
+    test::saveOver(*m_model);
+    QTRY_COMPARE(m_model->active()->width(), 200);
     QVERIFY(!m_model->errorMessage());
-    QCOMPARE(m_model->active()->buffer.width(), 200);
     QTRY_COMPARE(m_preview->revealCount(), 2);
     waitUntilSettled();
     QCOMPARE(m_preview->shownImageRect(), QRectF(0, 0, 200, 100));
@@ -244,7 +244,7 @@ void ImagePreviewTest::dropHighlightOnlyWithAnImage()
     QVERIFY(!closeColour(m_preview->grab().toImage().pixelColor(7, 128), accent, 40));
 
     const QUrl a = writeBlockImage(QDir(m_dir->path()), "a.png", 400, 200, blockContent);
-    m_model->open({a});
+    test::openAll(*m_model, {a});
     waitUntilSettled();
     // The 3-point border lies 6 points inside the area: x 6 to 9.
     QImage shot = m_preview->grab().toImage();

@@ -131,16 +131,16 @@ void QueueDrawerTest::countText()
     QCOMPARE(m_drawer->countText(), QStringLiteral("0/0"));
     QCOMPARE(m_drawer->width(), 208);
 
-    m_model->open(writeImages(5));
+    test::openAll(*m_model, writeImages(5));
     QTRY_COMPARE(m_drawer->countText(), QStringLiteral("0/5"));
 
     // Each save over the original marks its item and moves on to the next unsaved one.
-    m_model->saveOverOriginal();
-    m_model->saveOverOriginal();
+    test::saveOver(*m_model);
+    test::saveOver(*m_model);
     QVERIFY(!m_model->errorMessage());
     QTRY_COMPARE(m_drawer->countText(), QStringLiteral("2/5"));
     for (int i = 0; i < 3; ++i)
-        m_model->saveOverOriginal();
+        test::saveOver(*m_model);
     QTRY_COMPARE(m_drawer->countText(), QStringLiteral("5/5"));
 
     // Removing a saved item counts it out of both numbers.
@@ -150,7 +150,7 @@ void QueueDrawerTest::countText()
 
 void QueueDrawerTest::selectionFollowsTheModelBothWays()
 {
-    m_model->open(writeImages(3));
+    test::openAll(*m_model, writeImages(3));
     showDrawer();
     QListView* list = m_drawer->listView();
     QTRY_COMPARE(list->model()->rowCount(), 3);
@@ -182,7 +182,7 @@ void QueueDrawerTest::selectionFollowsTheModelBothWays()
 
 void QueueDrawerTest::removeByButtonAndKeys()
 {
-    m_model->open(writeImages(5));
+    test::openAll(*m_model, writeImages(5));
     showDrawer();
     QTRY_VERIFY(m_drawer->removeButton()->isEnabled());
     QCOMPARE(m_drawer->removeButton()->toolTip(), QStringLiteral("Remove the selected image (Delete)"));
@@ -217,7 +217,7 @@ void QueueDrawerTest::removeByButtonAndKeys()
 
 void QueueDrawerTest::removeDoesNothingWithoutActiveItem()
 {
-    m_model->open(writeImages(2));
+    test::openAll(*m_model, writeImages(2));
     showDrawer();
     // An unknown id leaves no item active.
     m_model->select(QUuid::createUuid());
@@ -233,7 +233,7 @@ void QueueDrawerTest::removeDoesNothingWithoutActiveItem()
 
 void QueueDrawerTest::keysBelongToTheShownDrawerOnly()
 {
-    m_model->open(writeImages(2));
+    test::openAll(*m_model, writeImages(2));
     showDrawer();
     QTRY_VERIFY(m_drawer->removeButton()->isEnabled());
     // The window took the drawer away: its keys are gone with it.
@@ -246,7 +246,7 @@ void QueueDrawerTest::keysBelongToTheShownDrawerOnly()
 
 void QueueDrawerTest::scrollsToTheActiveRow()
 {
-    m_model->open(writeImages(30));
+    test::openAll(*m_model, writeImages(30));
     showDrawer();
     QListView* list = m_drawer->listView();
     QTRY_COMPARE(list->model()->rowCount(), 30);
@@ -275,7 +275,7 @@ void QueueDrawerTest::scrollsToTheActiveRow()
 
 void QueueDrawerTest::addOpensThePanel()
 {
-    m_model->open(writeImages(2));
+    test::openAll(*m_model, writeImages(2));
     showDrawer();
     QCOMPARE(m_drawer->addButton()->text(), QStringLiteral("Add"));
 
@@ -287,14 +287,14 @@ void QueueDrawerTest::addOpensThePanel()
     m_panels->answer = writeImages(2, QStringLiteral("more"));
     QTest::mouseClick(m_drawer->addButton(), Qt::LeftButton);
     QCOMPARE(m_panels->openCalls, 2);
-    QCOMPARE(m_model->items().size(), std::size_t(4));
+    QTRY_COMPARE(m_model->items().size(), std::size_t(4));
     QTRY_COMPARE(m_drawer->countText(), QStringLiteral("0/4"));
     QTRY_COMPARE(m_drawer->listView()->model()->rowCount(), 4);
 }
 
 void QueueDrawerTest::thumbnailsMadeOncePerItem()
 {
-    m_model->open(writeImages(3));
+    test::openAll(*m_model, writeImages(3));
     showDrawer();
     const ScaledImageCache& thumbnails = m_drawer->thumbnails();
     QTRY_COMPARE(thumbnails.copiesMade(), 3);
@@ -308,7 +308,7 @@ void QueueDrawerTest::thumbnailsMadeOncePerItem()
     QCOMPARE(thumbnails.copiesMade(), 3);
 
     // One more item: one more thumbnail.
-    m_model->open(writeImages(1, QStringLiteral("late")));
+    test::openAll(*m_model, writeImages(1, QStringLiteral("late")));
     QTRY_COMPARE(thumbnails.copiesMade(), 4);
     QTest::qWait(100);
     QCOMPARE(thumbnails.copiesMade(), 4);
@@ -339,7 +339,7 @@ void QueueDrawerTest::thumbnailLetterbox()
 
 void QueueDrawerTest::savedRowShowsCheckMark()
 {
-    m_model->open(writeImages(2));
+    test::openAll(*m_model, writeImages(2));
     showDrawer();
     QListView* list = m_drawer->listView();
     QTRY_COMPARE(m_drawer->thumbnails().copiesMade(), 2);
@@ -358,7 +358,7 @@ void QueueDrawerTest::savedRowShowsCheckMark()
         return count;
     };
     QCOMPARE(greenPixels("image-00.png"), 0);
-    m_model->saveOverOriginal();
+    test::saveOver(*m_model);
     QVERIFY(m_model->items().front().saved);
     QTRY_VERIFY(greenPixels("image-00.png") > 20);
     QCOMPARE(greenPixels("image-01.png"), 0);
@@ -366,7 +366,7 @@ void QueueDrawerTest::savedRowShowsCheckMark()
 
 void QueueDrawerTest::toleranceLeavesTheListAlone()
 {
-    m_model->open(writeImages(3));
+    test::openAll(*m_model, writeImages(3));
     showDrawer();
     QAbstractItemModel* rows = m_drawer->listView()->model();
     QTRY_COMPARE(rows->rowCount(), 3);
@@ -381,7 +381,7 @@ void QueueDrawerTest::toleranceLeavesTheListAlone()
     QCOMPARE(changed.count(), 0);
     QCOMPARE(reset.count(), 0);
     // A save does: its row gets the mark.
-    m_model->saveOverOriginal();
+    test::saveOver(*m_model);
     QTRY_VERIFY(changed.count() > 0);
 }
 

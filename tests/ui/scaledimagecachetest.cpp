@@ -11,8 +11,8 @@ using namespace orvane;
 
 namespace {
 
-// A buffer of width × height: left half red, right half blue, opaque.
-CropEngine::Buffer makeBuffer(int width, int height)
+// A raster of width × height: left half red, right half blue, opaque.
+Raster makeBuffer(int width, int height)
 {
     vips::VImage red = vips::VImage::black(width / 2, height).new_from_image({255, 0, 0, 255});
     vips::VImage blue = vips::VImage::black(width - width / 2, height).new_from_image({0, 0, 255, 255});
@@ -24,7 +24,8 @@ CropEngine::Buffer makeBuffer(int width, int height)
     std::optional<CropEngine::Buffer> buffer = CropEngine::Buffer::make(image);
     if (!buffer)
         qFatal("cannot make a test buffer");
-    return *buffer;
+    return Raster{width, height, std::make_shared<const std::vector<std::uint8_t>>(
+                                     buffer->pixels(), buffer->pixels() + buffer->byteCount())};
 }
 
 } // namespace
@@ -37,7 +38,7 @@ private Q_SLOTS:
     {
         ScaledImageCache cache(4);
         QSignalSpy ready(&cache, &ScaledImageCache::imageReady);
-        const CropEngine::Buffer buffer = makeBuffer(2000, 1000);
+        const Raster buffer = makeBuffer(2000, 1000);
         const QUuid id = QUuid::createUuid();
 
         QVERIFY(cache.image(id, buffer, QSize()).isNull());
@@ -60,7 +61,7 @@ private Q_SLOTS:
     void oneCopyPerImageAndSize()
     {
         ScaledImageCache cache(4);
-        const CropEngine::Buffer buffer = makeBuffer(1200, 900);
+        const Raster buffer = makeBuffer(1200, 900);
         const QUuid id = QUuid::createUuid();
         // Asking many times while the copy is being made starts it once.
         for (int i = 0; i < 20; ++i)
@@ -81,7 +82,7 @@ private Q_SLOTS:
     void otherSizeStandsIn()
     {
         ScaledImageCache cache(4);
-        const CropEngine::Buffer buffer = makeBuffer(1200, 900);
+        const Raster buffer = makeBuffer(1200, 900);
         const QUuid id = QUuid::createUuid();
         cache.image(id, buffer, QSize(400, 300));
         QTRY_VERIFY(cache.isReady(id, buffer, QSize(400, 300)));
@@ -103,10 +104,10 @@ private Q_SLOTS:
         // After a save over the original the item keeps its id but gets a new buffer.
         ScaledImageCache cache(4);
         const QUuid id = QUuid::createUuid();
-        const CropEngine::Buffer before = makeBuffer(800, 800);
+        const Raster before = makeBuffer(800, 800);
         cache.image(id, before, QSize(100, 100));
         QTRY_VERIFY(cache.isReady(id, before, QSize(100, 100)));
-        const CropEngine::Buffer after = makeBuffer(800, 800);
+        const Raster after = makeBuffer(800, 800);
         QVERIFY(!cache.isReady(id, after, QSize(100, 100)));
         cache.image(id, after, QSize(100, 100));
         QTRY_VERIFY(cache.isReady(id, after, QSize(100, 100)));
@@ -116,7 +117,7 @@ private Q_SLOTS:
     void retainOnlyAndCapacity()
     {
         ScaledImageCache cache(2);
-        const CropEngine::Buffer buffer = makeBuffer(400, 400);
+        const Raster buffer = makeBuffer(400, 400);
         const QUuid a = QUuid::createUuid();
         const QUuid b = QUuid::createUuid();
         const QUuid c = QUuid::createUuid();
@@ -150,13 +151,13 @@ private Q_SLOTS:
     void copiesArePixelFaithful()
     {
         // Halves of red and blue stay halves of red and blue, with a smooth seam.
-        const CropEngine::Buffer buffer = makeBuffer(1000, 500);
+        const Raster buffer = makeBuffer(1000, 500);
         const QImage copy = ScaledImageCache::scaledCopy(buffer, QSize(100, 50));
         QCOMPARE(copy.size(), QSize(100, 50));
         QCOMPARE(copy.pixelColor(10, 25), QColor(255, 0, 0));
         QCOMPARE(copy.pixelColor(90, 25), QColor(0, 0, 255));
         const QImage wrapped = ScaledImageCache::wrap(buffer);
-        QCOMPARE(wrapped.constBits(), buffer.pixels()); // no copy of the raster
+        QCOMPARE(wrapped.constBits(), buffer.pixels->data()); // no copy of the raster
         QCOMPARE(wrapped.pixelColor(999, 499), QColor(0, 0, 255));
         QCOMPARE(ScaledImageCache::quickCopy(buffer, QSize(1000, 500)).size(), QSize(320, 160));
         QCOMPARE(ScaledImageCache::quickCopy(buffer, QSize(40, 20)).size(), QSize(40, 20));

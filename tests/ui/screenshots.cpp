@@ -109,43 +109,43 @@ int main(int argc, char* argv[])
 
     ok &= shoot(folder, QStringLiteral("one-image"), [](MainWindow& window, const QDir& dir) {
         const Images images = makeImages(dir);
-        window.contentView()->openUrls({images.poster});
+        test::openAll(*window.contentView()->model(), {images.poster});
     });
 
     ok &= shoot(folder, QStringLiteral("three-images"), [](MainWindow& window, const QDir& dir) {
         const Images images = makeImages(dir);
-        window.contentView()->openUrls({images.poster, images.badge, images.sticker});
+        test::openAll(*window.contentView()->model(), {images.poster, images.badge, images.sticker});
     });
 
     ok &= shoot(folder, QStringLiteral("save-confirmation"), [](MainWindow& window, const QDir& dir) {
         const Images images = makeImages(dir);
-        window.contentView()->openUrls({images.poster, images.badge, images.sticker});
-        window.contentView()->model()->saveOverOriginal();
+        test::openAll(*window.contentView()->model(), {images.poster, images.badge, images.sticker});
+        test::saveOver(*window.contentView()->model());
     });
 
     ok &= shoot(folder, QStringLiteral("all-saved"), [](MainWindow& window, const QDir& dir) {
         const Images images = makeImages(dir);
-        window.contentView()->openUrls({images.poster, images.badge, images.sticker});
+        test::openAll(*window.contentView()->model(), {images.poster, images.badge, images.sticker});
         for (int i = 0; i < 3; ++i)
-            window.contentView()->model()->saveOverOriginal();
+            test::saveOver(*window.contentView()->model());
     });
 
     ok &= shoot(folder, QStringLiteral("error"), [](MainWindow& window, const QDir& dir) {
         const Images images = makeImages(dir);
-        window.contentView()->openUrls({images.notes});
+        test::openAll(*window.contentView()->model(), {images.notes});
     });
 
     // The preview and the drawer.
     ok &= shoot(folder, QStringLiteral("nothing-to-trim"), [](MainWindow& window, const QDir& dir) {
         const QUrl url = test::writeImage(dir.filePath(QStringLiteral("full-bleed.png")), {900, 600},
                                           QRect(0, 0, 900, 600), QColor(0x2F, 0x8F, 0x9D));
-        window.contentView()->openUrls({url});
+        test::openAll(*window.contentView()->model(), {url});
     });
 
     ok &= shoot(folder, QStringLiteral("drag-over-image"), [](MainWindow& window, const QDir& dir) {
         const Images images = makeImages(dir);
         ContentView* content = window.contentView();
-        content->openUrls({images.poster, images.badge});
+        test::openAll(*content->model(), {images.poster, images.badge});
         QMimeData data;
         data.setUrls({images.sticker});
         QDragEnterEvent enter(QPoint(content->width() / 2, content->height() / 2), Qt::CopyAction, &data,
@@ -163,8 +163,8 @@ int main(int argc, char* argv[])
                                      QColor::fromHsv((i * 47) % 360, 150, 220));
         }
         CropModel* model = window.contentView()->model();
-        window.contentView()->openUrls(urls);
-        model->saveOverOriginal();
+        test::openAll(*window.contentView()->model(), urls);
+        test::saveOver(*model);
         model->select(model->items().back().id);
     });
 
@@ -175,8 +175,8 @@ int main(int argc, char* argv[])
     ok &= shoot(folder, QStringLiteral("dark-three-images"), [](MainWindow& window, const QDir& dir) {
         QApplication::setPalette(test::darkPalette());
         const Images images = makeImages(dir);
-        window.contentView()->openUrls({images.poster, images.badge, images.sticker});
-        window.contentView()->model()->saveOverOriginal();
+        test::openAll(*window.contentView()->model(), {images.poster, images.badge, images.sticker});
+        test::saveOver(*window.contentView()->model());
     });
     QApplication::setPalette(light);
 
@@ -191,7 +191,7 @@ int main(int argc, char* argv[])
             const QUrl url = test::writeImage(
                 dir.filePath(QStringLiteral("holiday-2026-beach-sunset-panorama-final-edit-for-print-v3.png")),
                 {1600, 900}, QRect(120, 60, 1360, 780), QColor(0x9B, 0x5D, 0xE5));
-            window.contentView()->openUrls({url});
+            test::openAll(*window.contentView()->model(), {url});
         },
         {480, 360});
 

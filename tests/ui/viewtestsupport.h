@@ -17,6 +17,7 @@
 
 #include "imagefile/imagefile.h"
 #include "model/cropmodel.h"
+#include "support/queuewaits.h"
 
 namespace orvane::test {
 

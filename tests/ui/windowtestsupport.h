@@ -19,6 +19,7 @@
 
 #include "imagefile/imagefile.h"
 #include "model/cropmodel.h"
+#include "support/queuewaits.h"
 
 namespace orvane::test {
 

@@ -1,0 +1,125 @@
+// An image source whose reads and decodes wait until the test lets each file
+// go, so that a test decides the order in which files finish. Every job runs
+// on a thread of its own pool, so a held file never keeps another from
+// starting.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+#include <QFileInfo>
+#include <QSet>
+#include <QThreadPool>
+
+#include "model/imagesource.h"
+
+namespace orvane::test {
+
+class HeldImageSource : public ImageSource {
+public:
+    enum class Step { Index, Decode, Save };
+
+    ~HeldImageSource() override { releaseAll(); }
+
+    void run(std::uint64_t, std::function<void()> job) override { pool().start(std::move(job)); }
+    int parallelReads() override { return 32; }
+
+    std::optional<ImageFile::Indexed> index(const QString& path, bool withPreview) override
+    {
+        wait(Step::Index, path);
+        return ImageSource::index(path, withPreview);
+    }
+    std::optional<ImageFile::Decoded> decode(const QString& path) override
+    {
+        wait(Step::Decode, path);
+        return ImageSource::decode(path);
+    }
+
+    bool saveCropped(const ImageFile::Decoded& decoded, const PixelRect& rect, const QString& path,
+                     const ImageType& type) override
+    {
+        wait(Step::Save, path);
+        return ImageSource::saveCropped(decoded, rect, path, type);
+    }
+
+    /// From now on, files wait at step until released by name (a save by
+    /// its destination's name).
+    void hold(Step step)
+    {
+        std::lock_guard lock(m_mutex);
+        held(step) = true;
+    }
+    /// Lets the file with this name through step (now or when it gets there).
+    void release(Step step, const QString& fileName)
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            released(step).insert(fileName);
+        }
+        m_changed.notify_all();
+    }
+    /// Lets every file through and holds none any more.
+    void releaseAll()
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            m_holdIndex = m_holdDecode = m_holdSave = false;
+        }
+        m_changed.notify_all();
+    }
+    /// How many files wait at step now.
+    int waiting(Step step)
+    {
+        std::lock_guard lock(m_mutex);
+        return waitingAt(step);
+    }
+
+private:
+    static QThreadPool& pool()
+    {
+        // Lives as long as the process: a job may hold the last reference
+        // to its source, and a pool must not wait for itself.
+        static QThreadPool* threads = [] {
+            auto* made = new QThreadPool;
+            made->setMaxThreadCount(64);
+            return made;
+        }();
+        return *threads;
+    }
+    bool& held(Step step)
+    {
+        return step == Step::Index ? m_holdIndex : step == Step::Decode ? m_holdDecode : m_holdSave;
+    }
+    QSet<QString>& released(Step step)
+    {
+        return step == Step::Index ? m_releasedIndex : step == Step::Decode ? m_releasedDecode : m_releasedSave;
+    }
+    int& waitingAt(Step step)
+    {
+        return step == Step::Index ? m_waitingIndex : step == Step::Decode ? m_waitingDecode : m_waitingSave;
+    }
+
+    void wait(Step step, const QString& path)
+    {
+        const QString name = QFileInfo(path).fileName();
+        std::unique_lock lock(m_mutex);
+        int& count = waitingAt(step);
+        ++count;
+        m_changed.wait(lock, [&] { return !held(step) || released(step).contains(name); });
+        --count;
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_holdIndex = false;
+    bool m_holdDecode = false;
+    bool m_holdSave = false;
+    QSet<QString> m_releasedIndex;
+    QSet<QString> m_releasedDecode;
+    QSet<QString> m_releasedSave;
+    int m_waitingIndex = 0;
+    int m_waitingDecode = 0;
+    int m_waitingSave = 0;
+};
+
+} // namespace orvane::test
