@@ -24,10 +24,10 @@
 
 #include "imagefile/imagefile.h"
 #include "model/cropmodel.h"
-#include "ui/contentview.h"
-#include "ui/imagepreview.h"
-#include "ui/previewgeometry.h"
-#include "ui/scaledimagecache.h"
+#include "ui/window/contentview.h"
+#include "ui/preview/imagepreview.h"
+#include "ui/preview/previewgeometry.h"
+#include "ui/preview/scaledimagecache.h"
 
 using namespace orvane;
 

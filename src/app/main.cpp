@@ -14,7 +14,7 @@
 #include "app/shellmenus.h"
 #include "app/updatercontroller.h"
 #include "imagefile/imagefile.h"
-#include "ui/contentview.h"
+#include "ui/window/contentview.h"
 
 int main(int argc, char* argv[])
 {

@@ -6,7 +6,7 @@
 
 #include "app/buildconfig.h"
 #include "app/openexternal.h"
-#include "ui/contentview.h"
+#include "ui/window/contentview.h"
 
 namespace orvane {
 

@@ -16,11 +16,11 @@
 #include <QTest>
 
 #include "model/cropmodel.h"
-#include "ui/contentview.h"
-#include "ui/dropzone.h"
-#include "ui/elidingbutton.h"
-#include "ui/imagepreview.h"
-#include "ui/messagelabel.h"
+#include "ui/window/contentview.h"
+#include "ui/window/dropzone.h"
+#include "ui/controls/elidingbutton.h"
+#include "ui/preview/imagepreview.h"
+#include "ui/controls/messagelabel.h"
 #include "support/heldimagesource.h"
 #include "windowtestsupport.h"
 

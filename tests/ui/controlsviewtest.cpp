@@ -12,9 +12,9 @@
 #include <QTest>
 
 #include "model/cropmodel.h"
-#include "ui/controlsview.h"
-#include "ui/messagelabel.h"
-#include "ui/theme.h"
+#include "ui/controls/controlsview.h"
+#include "ui/controls/messagelabel.h"
+#include "ui/style/theme.h"
 #include "support/heldimagesource.h"
 #include "windowtestsupport.h"
 

@@ -5,7 +5,7 @@
 #include <QTest>
 
 #include "imagefile/imagefile.h"
-#include "ui/filedialogpanels.h"
+#include "ui/window/filedialogpanels.h"
 #include "windowtestsupport.h"
 
 using namespace orvane;

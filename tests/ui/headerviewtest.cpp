@@ -8,10 +8,10 @@
 #include <QTest>
 
 #include "model/cropmodel.h"
-#include "ui/elidedlabel.h"
-#include "ui/headerlayout.h"
-#include "ui/headerview.h"
-#include "ui/theme.h"
+#include "ui/controls/elidedlabel.h"
+#include "ui/window/headerlayout.h"
+#include "ui/window/headerview.h"
+#include "ui/style/theme.h"
 #include "windowtestsupport.h"
 
 using namespace orvane;

@@ -4,10 +4,10 @@
 #include <QTest>
 
 #include "model/cropmodel.h"
-#include "ui/imagepreview.h"
-#include "ui/previewgeometry.h"
-#include "ui/scaledimagecache.h"
-#include "ui/theme.h"
+#include "ui/preview/imagepreview.h"
+#include "ui/preview/previewgeometry.h"
+#include "ui/preview/scaledimagecache.h"
+#include "ui/style/theme.h"
 #include "viewtestsupport.h"
 
 using namespace orvane;

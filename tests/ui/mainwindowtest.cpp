@@ -8,7 +8,7 @@
 #include <QTest>
 
 #include "app/mainwindow.h"
-#include "ui/contentview.h"
+#include "ui/window/contentview.h"
 #include "windowtestsupport.h"
 
 using namespace orvane;

@@ -1,6 +1,6 @@
 #include <QTest>
 
-#include "ui/previewgeometry.h"
+#include "ui/preview/previewgeometry.h"
 
 using namespace orvane;
 using namespace orvane::PreviewGeometry;

@@ -9,11 +9,11 @@
 #include <QVBoxLayout>
 
 #include "model/cropmodel.h"
-#include "ui/queuedrawer.h"
-#include "ui/queuelistmodel.h"
-#include "ui/queuerowdelegate.h"
-#include "ui/scaledimagecache.h"
-#include "ui/theme.h"
+#include "ui/queue/queuedrawer.h"
+#include "ui/queue/queuelistmodel.h"
+#include "ui/queue/queuerowdelegate.h"
+#include "ui/preview/scaledimagecache.h"
+#include "ui/style/theme.h"
 #include "viewtestsupport.h"
 
 using namespace orvane;

@@ -4,7 +4,7 @@
 #include <vips/vips8>
 
 #include "engine/cropengine.h"
-#include "ui/scaledimagecache.h"
+#include "ui/preview/scaledimagecache.h"
 #include "viewtestsupport.h"
 
 using namespace orvane;

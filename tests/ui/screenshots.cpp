@@ -15,7 +15,7 @@
 
 #include "app/mainwindow.h"
 #include "model/cropmodel.h"
-#include "ui/contentview.h"
+#include "ui/window/contentview.h"
 #include "windowtestsupport.h"
 
 using namespace orvane;

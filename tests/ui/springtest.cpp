@@ -3,7 +3,7 @@
 #include <cmath>
 #include <numbers>
 
-#include "ui/spring.h"
+#include "ui/preview/spring.h"
 
 using namespace orvane;
 

@@ -9,7 +9,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include "ui/symbols.h"
+#include "ui/style/symbols.h"
 
 using namespace orvane;
 

@@ -1,4 +1,4 @@
-#include "ui/headerlayout.h"
+#include "ui/window/headerlayout.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "ui/coalescedrefresh.h"
+#include "ui/window/coalescedrefresh.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "ui/imagepreview.h"
+#include "ui/preview/imagepreview.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,10 +12,10 @@
 #include <QSet>
 
 #include "model/cropmodel.h"
-#include "ui/coalescedrefresh.h"
-#include "ui/previewgeometry.h"
-#include "ui/scaledimagecache.h"
-#include "ui/theme.h"
+#include "ui/window/coalescedrefresh.h"
+#include "ui/preview/previewgeometry.h"
+#include "ui/preview/scaledimagecache.h"
+#include "ui/style/theme.h"
 
 namespace orvane {
 

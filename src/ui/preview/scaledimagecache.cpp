@@ -1,4 +1,4 @@
-#include "ui/scaledimagecache.h"
+#include "ui/preview/scaledimagecache.h"
 
 #include <algorithm>
 #include <cmath>

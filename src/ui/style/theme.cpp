@@ -1,8 +1,8 @@
-#include "ui/theme.h"
+#include "ui/style/theme.h"
 
 #include <cmath>
 
-#include "ui/painting.h"
+#include "ui/style/painting.h"
 
 namespace orvane::Theme {
 

@@ -1,4 +1,4 @@
-#include "ui/painting.h"
+#include "ui/style/painting.h"
 
 #include <QFrame>
 #include <QPalette>

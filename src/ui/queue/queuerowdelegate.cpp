@@ -1,4 +1,4 @@
-#include "ui/queuerowdelegate.h"
+#include "ui/queue/queuerowdelegate.h"
 
 #include <cmath>
 
@@ -6,11 +6,11 @@
 #include <QPainterPath>
 
 #include "model/cropmodel.h"
-#include "ui/painting.h"
-#include "ui/previewgeometry.h"
-#include "ui/scaledimagecache.h"
-#include "ui/symbols.h"
-#include "ui/theme.h"
+#include "ui/style/painting.h"
+#include "ui/preview/previewgeometry.h"
+#include "ui/preview/scaledimagecache.h"
+#include "ui/style/symbols.h"
+#include "ui/style/theme.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "ui/headerview.h"
+#include "ui/window/headerview.h"
 
 #include <QBoxLayout>
 #include <QEvent>
@@ -6,11 +6,11 @@
 #include <QLabel>
 
 #include "model/cropmodel.h"
-#include "ui/coalescedrefresh.h"
-#include "ui/elidedlabel.h"
-#include "ui/painting.h"
-#include "ui/symbols.h"
-#include "ui/theme.h"
+#include "ui/window/coalescedrefresh.h"
+#include "ui/controls/elidedlabel.h"
+#include "ui/style/painting.h"
+#include "ui/style/symbols.h"
+#include "ui/style/theme.h"
 
 namespace orvane {
 

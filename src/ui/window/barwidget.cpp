@@ -1,9 +1,9 @@
-#include "ui/barwidget.h"
+#include "ui/window/barwidget.h"
 
 #include <QEvent>
 #include <QPainter>
 
-#include "ui/theme.h"
+#include "ui/style/theme.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "ui/messagelabel.h"
+#include "ui/controls/messagelabel.h"
 
 #include <QEvent>
 #include <QPainter>

@@ -1,4 +1,4 @@
-#include "ui/elidingbutton.h"
+#include "ui/controls/elidingbutton.h"
 
 #include <QFocusEvent>
 #include <QPainter>

@@ -1,4 +1,4 @@
-#include "ui/spring.h"
+#include "ui/preview/spring.h"
 
 #include <algorithm>
 #include <cmath>

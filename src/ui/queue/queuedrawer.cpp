@@ -1,4 +1,4 @@
-#include "ui/queuedrawer.h"
+#include "ui/queue/queuedrawer.h"
 
 #include <QBoxLayout>
 #include <QEvent>
@@ -13,13 +13,13 @@
 #include <QToolButton>
 
 #include "model/cropmodel.h"
-#include "ui/coalescedrefresh.h"
-#include "ui/painting.h"
-#include "ui/queuelistmodel.h"
-#include "ui/queuerowdelegate.h"
-#include "ui/scaledimagecache.h"
-#include "ui/symbols.h"
-#include "ui/theme.h"
+#include "ui/window/coalescedrefresh.h"
+#include "ui/style/painting.h"
+#include "ui/queue/queuelistmodel.h"
+#include "ui/queue/queuerowdelegate.h"
+#include "ui/preview/scaledimagecache.h"
+#include "ui/style/symbols.h"
+#include "ui/style/theme.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "ui/dropzone.h"
+#include "ui/window/dropzone.h"
 
 #include <cmath>
 
@@ -11,10 +11,10 @@
 #include <QVBoxLayout>
 #include <QVariantAnimation>
 
-#include "ui/elidingbutton.h"
-#include "ui/painting.h"
-#include "ui/symbols.h"
-#include "ui/theme.h"
+#include "ui/controls/elidingbutton.h"
+#include "ui/style/painting.h"
+#include "ui/style/symbols.h"
+#include "ui/style/theme.h"
 
 namespace orvane {
 

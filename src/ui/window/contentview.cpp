@@ -1,4 +1,4 @@
-#include "ui/contentview.h"
+#include "ui/window/contentview.h"
 
 #include <functional>
 
@@ -13,14 +13,14 @@
 #include <QStackedLayout>
 
 #include "model/cropmodel.h"
-#include "ui/coalescedrefresh.h"
-#include "ui/controlsview.h"
-#include "ui/dropzone.h"
-#include "ui/headerview.h"
-#include "ui/imagepreview.h"
-#include "ui/painting.h"
-#include "ui/queuedrawer.h"
-#include "ui/slidereveal.h"
+#include "ui/window/coalescedrefresh.h"
+#include "ui/controls/controlsview.h"
+#include "ui/window/dropzone.h"
+#include "ui/window/headerview.h"
+#include "ui/preview/imagepreview.h"
+#include "ui/style/painting.h"
+#include "ui/queue/queuedrawer.h"
+#include "ui/window/slidereveal.h"
 
 namespace orvane {
 

@@ -2,8 +2,8 @@
 // queue and its size before and after trimming.
 #pragma once
 
-#include "ui/barwidget.h"
-#include "ui/headerlayout.h"
+#include "ui/window/barwidget.h"
+#include "ui/window/headerlayout.h"
 
 class QBoxLayout;
 class QLabel;

@@ -7,7 +7,7 @@
 #include <QList>
 
 #include "model/cropmodel.h"
-#include "ui/barwidget.h"
+#include "ui/window/barwidget.h"
 
 class QBoxLayout;
 class QLabel;

@@ -1,4 +1,4 @@
-#include "ui/slidereveal.h"
+#include "ui/window/slidereveal.h"
 
 #include <QEvent>
 #include <QVariantAnimation>

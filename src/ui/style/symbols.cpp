@@ -1,4 +1,4 @@
-#include "ui/symbols.h"
+#include "ui/style/symbols.h"
 
 #include <QImage>
 #include <QPainter>

@@ -1,4 +1,4 @@
-#include "ui/elidedlabel.h"
+#include "ui/controls/elidedlabel.h"
 
 #include <QEvent>
 #include <QPainter>

@@ -8,7 +8,7 @@
 #include <QUrl>
 #include <QWidget>
 
-#include "ui/filedialogpanels.h"
+#include "ui/window/filedialogpanels.h"
 
 class QMimeData;
 class QStackedLayout;

@@ -1,4 +1,4 @@
-#include "ui/controlsview.h"
+#include "ui/controls/controlsview.h"
 
 #include <algorithm>
 #include <array>
@@ -17,12 +17,12 @@
 #include <QStyleOptionSlider>
 
 #include "model/cropmodel.h"
-#include "ui/coalescedrefresh.h"
-#include "ui/elidingbutton.h"
-#include "ui/messagelabel.h"
-#include "ui/painting.h"
-#include "ui/symbols.h"
-#include "ui/theme.h"
+#include "ui/window/coalescedrefresh.h"
+#include "ui/controls/elidingbutton.h"
+#include "ui/controls/messagelabel.h"
+#include "ui/style/painting.h"
+#include "ui/style/symbols.h"
+#include "ui/style/theme.h"
 
 namespace orvane {
 

@@ -13,7 +13,7 @@
 #include <QVariantAnimation>
 #include <QWidget>
 
-#include "ui/spring.h"
+#include "ui/preview/spring.h"
 
 namespace orvane {
 

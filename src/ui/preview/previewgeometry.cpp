@@ -1,4 +1,4 @@
-#include "ui/previewgeometry.h"
+#include "ui/preview/previewgeometry.h"
 
 #include <algorithm>
 

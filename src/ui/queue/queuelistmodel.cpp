@@ -1,4 +1,4 @@
-#include "ui/queuelistmodel.h"
+#include "ui/queue/queuelistmodel.h"
 
 #include "model/cropmodel.h"
 

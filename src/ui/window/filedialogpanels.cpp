@@ -1,4 +1,4 @@
-#include "ui/filedialogpanels.h"
+#include "ui/window/filedialogpanels.h"
 
 #include <QFileDialog>
 #include <QMimeDatabase>
