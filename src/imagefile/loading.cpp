@@ -137,6 +137,36 @@ bool affordable(const Cost& cost, detail::Access access)
     return need <= availableMemory() / 2;
 }
 
+// Whether a JPEG's frame is sequential and Huffman-coded (SOF0, SOF1, SOF3):
+// the coding in which every 8 × 8 block of every component costs at least
+// two bits of the file, a DC difference and an end of block. Progressive
+// frames (runs of empty blocks in one code) and arithmetic coding can go
+// below that. Reads the markers up to the frame header.
+bool isSequentialHuffmanJpeg(QFile& file)
+{
+    qint64 at = 2;
+    for (int segments = 0; segments < 256; ++segments) {
+        if (!file.seek(at))
+            return false;
+        const QByteArray marker = file.read(4);
+        if (marker.size() < 4 || uchar(marker[0]) != 0xff)
+            return false;
+        const uchar code = uchar(marker[1]);
+        if (code >= 0xc0 && code <= 0xcf && code != 0xc4 && code != 0xc8 && code != 0xcc)
+            return code == 0xc0 || code == 0xc1 || code == 0xc3;
+        if (code == 0xd9 || code == 0xda) // end of image or start of scan before any frame
+            return false;
+        at += 2 + (uchar(marker[2]) << 8 | uchar(marker[3]));
+    }
+    return false;
+}
+
+// Pixels one byte of a sequential Huffman JPEG can describe at most: 256 for
+// a single component at two bits a block, doubled for headroom. A file whose
+// frame claims more is a header that lies: its decoder would fill the rest
+// with grey, after spending seconds on it.
+constexpr std::int64_t kJpegPixelsPerByte = 512;
+
 std::optional<detail::Opened> openBmp(QFile& file, const QByteArray& head, detail::Access access)
 {
     const auto size = bmpSize(head);
@@ -215,6 +245,10 @@ std::optional<detail::Opened> openUnchecked(const QString& path, detail::Access 
         header = vips::VImage::jpegload(name.constData(), loadOptions());
         if (flag("jpeg-multiscan")) // a progressive JPEG keeps every coefficient, 16 bits each
             extraPerPixel = 2 * header.bands();
+        QFile jpeg(path);
+        if (std::int64_t(header.width()) * header.height() > kJpegPixelsPerByte * info.size()
+            && jpeg.open(QIODevice::ReadOnly) && isSequentialHuffmanJpeg(jpeg))
+            return std::nullopt;
     } else if (*type == ImageType::tiff()) {
         header = vips::VImage::tiffload(name.constData(), loadOptions());
     } else if (*type == ImageType::gif()) {
