@@ -529,12 +529,10 @@ std::optional<PixelRect> contentRectByScan(const Buffer& buffer, double threshol
     return PixelRect{minX, minY, maxX - minX + 1, maxY - minY + 1};
 }
 
-std::optional<vips::VImage> crop(const Buffer& buffer, const PixelRect& rect)
+std::optional<vips::VImage> crop(const vips::VImage& image, const PixelRect& rect)
 {
-    const std::int64_t width = buffer.width();
-    const std::int64_t height = buffer.height();
-    if (rect.width == width && rect.height == height)
-        return buffer.image();
+    const std::int64_t width = image.width();
+    const std::int64_t height = image.height();
     if (rect.width <= 0 || rect.height <= 0)
         return std::nullopt;
     // The rectangle may lie partly or wholly outside the image; its far edges
@@ -549,13 +547,22 @@ std::optional<vips::VImage> crop(const Buffer& buffer, const PixelRect& rect)
     const std::int64_t bottom = std::clamp<std::int64_t>(farEdge(rect.y, rect.height), 0, height);
     if (right <= left || bottom <= top)
         return std::nullopt;
+    if (left == 0 && top == 0 && right == width && bottom == height)
+        return image;
     try {
-        return buffer.image().extract_area(static_cast<int>(left), static_cast<int>(top), static_cast<int>(right - left),
-                                           static_cast<int>(bottom - top));
+        return image.extract_area(static_cast<int>(left), static_cast<int>(top), static_cast<int>(right - left),
+                                  static_cast<int>(bottom - top));
     } catch (const vips::VError&) {
         vips_error_clear();
         return std::nullopt;
     }
+}
+
+std::optional<vips::VImage> crop(const Buffer& buffer, const PixelRect& rect)
+{
+    if (rect.width == buffer.width() && rect.height == buffer.height())
+        return buffer.image();
+    return crop(buffer.image(), rect);
 }
 
 } // namespace orvane::CropEngine

@@ -99,5 +99,11 @@ std::optional<PixelRect> contentRectByScan(const Buffer& buffer, double threshol
 /// profile. Absent when the clipped rectangle is empty.
 std::optional<vips::VImage> crop(const Buffer& buffer, const PixelRect& rect);
 
+/// The image cut to the rectangle, clipped to it: the very same image when
+/// the clipped rectangle is all of it, else a sub-image with the image's bit
+/// depth, bands and profile. Absent when the clipped rectangle is empty.
+/// Works on images that are not in memory too (a sequential read).
+std::optional<vips::VImage> crop(const vips::VImage& image, const PixelRect& rect);
+
 } // namespace CropEngine
 } // namespace orvane

@@ -149,38 +149,12 @@ std::optional<FileIdentity> identify(const QString& path)
                         std::int64_t(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec};
 }
 
-namespace {
-
-// The image cut to the rectangle (clipped to it); absent when nothing is left.
-std::optional<vips::VImage> cut(const vips::VImage& image, const PixelRect& rect)
-{
-    const std::int64_t width = image.width();
-    const std::int64_t height = image.height();
-    if (rect.width <= 0 || rect.height <= 0)
-        return std::nullopt;
-    const auto farEdge = [](std::int64_t origin, std::int64_t size) {
-        std::int64_t edge = 0;
-        return __builtin_add_overflow(origin, size, &edge) ? INT64_MAX : edge;
-    };
-    const std::int64_t left = std::clamp<std::int64_t>(rect.x, 0, width);
-    const std::int64_t top = std::clamp<std::int64_t>(rect.y, 0, height);
-    const std::int64_t right = std::clamp<std::int64_t>(farEdge(rect.x, rect.width), 0, width);
-    const std::int64_t bottom = std::clamp<std::int64_t>(farEdge(rect.y, rect.height), 0, height);
-    if (right <= left || bottom <= top)
-        return std::nullopt;
-    if (left == 0 && top == 0 && right == width && bottom == height)
-        return image;
-    return image.extract_area(int(left), int(top), int(right - left), int(bottom - top));
-}
-
-} // namespace
-
 bool saveCropped(const Decoded& decoded, const PixelRect& rect, const QString& path, const ImageType& type)
 {
     if (!decoded.holdsImage())
         return saveCropped(decoded.source, decoded.summary, rect, path, type);
     try {
-        std::optional<vips::VImage> cropped = cut(decoded.image, rect);
+        std::optional<vips::VImage> cropped = CropEngine::crop(decoded.image, rect);
         const bool written = cropped && save(*cropped, path, type);
         vips_error_clear();
         return written;
@@ -199,7 +173,7 @@ bool saveCropped(const QString& source, const Summary& summary, const PixelRect&
         const std::optional<detail::Opened> opened = detail::open(source, detail::Access::Sequential);
         if (!opened || opened->image.width() != summary.width || opened->image.height() != summary.height)
             return false;
-        std::optional<vips::VImage> cropped = cut(opened->image, rect);
+        std::optional<vips::VImage> cropped = CropEngine::crop(opened->image, rect);
         const bool written = cropped && detail::saveSequential(*cropped, path, type);
         vips_error_clear();
         return written;
