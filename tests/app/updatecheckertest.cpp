@@ -32,6 +32,14 @@ namespace {
 // Generous bound for a signal that must come; the injected timeouts are far shorter.
 constexpr int kWait = 20'000;
 
+const QString kBuild = QStringLiteral("/dl/Orvane-2.0.tar.gz");
+
+QByteArray contents(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(unreadable)");
+}
+
 QStringList filesIn(const QString& directory)
 {
     return QDir(directory).entryList(QDir::Files | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
@@ -67,6 +75,8 @@ private:
         return {version, QString(), m_server->url(path).toString(), QString::number(payload.size()),
                 m_key.signBase64(payload), QString(), QString()};
     }
+
+    FeedItem build(const QByteArray& payload) const { return item(QStringLiteral("2.0"), payload, kBuild); }
 
     // The rollback attack: an old build, correctly signed, announced as 99.0.
     QByteArray relabelledOldBuild() const
@@ -306,18 +316,15 @@ private Q_SLOTS:
     void verifiedDownloadIsKept()
     {
         const QByteArray payload = QByteArray("Orvane 2.0 build ").repeated(5000);
-        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), {200, "OK", payload});
+        m_server->setResponse(kBuild, {200, "OK", payload});
         UpdateChecker checker(config());
-        const AppcastItem update =
-            offer(checker, item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz")));
+        const AppcastItem update = offer(checker, build(payload));
 
         QSignalSpy progress(&checker, &UpdateChecker::downloadProgress);
         const auto result = runDownload(checker, update);
         QVERIFY2(result.ok, qPrintable(result.error));
         QCOMPARE(result.filePath, QDir(m_downloads->path()).filePath(QStringLiteral("Orvane-2.0.tar.gz")));
-        QFile kept(result.filePath);
-        QVERIFY(kept.open(QIODevice::ReadOnly));
-        QCOMPARE(kept.readAll(), payload);
+        QCOMPARE(contents(result.filePath), payload);
         QCOMPARE(filesIn(m_downloads->path()), QStringList{QStringLiteral("Orvane-2.0.tar.gz")});
         QVERIFY(!progress.isEmpty());
         QCOMPARE(progress.last().at(0).toLongLong(), qint64(payload.size()));
@@ -333,15 +340,12 @@ private Q_SLOTS:
             QVERIFY(file.open(QIODevice::WriteOnly));
             file.write("the user's own file");
         }
-        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), {200, "OK", payload});
+        m_server->setResponse(kBuild, {200, "OK", payload});
         UpdateChecker checker(config());
-        const auto result = runDownload(
-            checker, offer(checker, item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz"))));
+        const auto result = runDownload(checker, offer(checker, build(payload)));
         QVERIFY2(result.ok, qPrintable(result.error));
         QCOMPARE(QFileInfo(result.filePath).fileName(), QStringLiteral("Orvane-2.0 (2).tar.gz"));
-        QFile old(existing);
-        QVERIFY(old.open(QIODevice::ReadOnly));
-        QCOMPARE(old.readAll(), QByteArray("the user's own file"));
+        QCOMPARE(contents(existing), QByteArray("the user's own file"));
     }
 
     void badDownloadIsDeletedAndReported_data()
@@ -377,10 +381,10 @@ private Q_SLOTS:
         QFETCH(bool, signWithOtherKey);
         QFETCH(QString, error);
 
-        FeedItem feedItem = item(QStringLiteral("2.0"), signedPayload, QStringLiteral("/dl/Orvane-2.0.tar.gz"));
+        FeedItem feedItem = build(signedPayload);
         if (signWithOtherKey)
             feedItem.signature = SigningKey().signBase64(signedPayload);
-        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), served);
+        m_server->setResponse(kBuild, served);
         UpdateChecker checker(config());
         const auto result = runDownload(checker, offer(checker, feedItem));
         QVERIFY(!result.ok);
@@ -392,10 +396,9 @@ private Q_SLOTS:
     void downloadThatCannotBeStored()
     {
         const QByteArray payload = QByteArray("x").repeated(256 * 1024);
-        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), {200, "OK", payload});
+        m_server->setResponse(kBuild, {200, "OK", payload});
         UpdateChecker checker(config());
-        const AppcastItem update =
-            offer(checker, item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz")));
+        const AppcastItem update = offer(checker, build(payload));
 
         // A folder that cannot exist: its parent is a file.
         const QString blocker = QDir(m_downloads->path()).filePath(QStringLiteral("file"));
@@ -429,12 +432,11 @@ private Q_SLOTS:
     {
         Response silent;
         silent.neverAnswer = true;
-        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), silent);
+        m_server->setResponse(kBuild, silent);
         UpdateChecker::Config c = config();
         c.transferTimeout = 60s; // only the cancel may end it
         UpdateChecker checker(c);
-        const AppcastItem update =
-            offer(checker, item(QStringLiteral("2.0"), "abc", QStringLiteral("/dl/Orvane-2.0.tar.gz")));
+        const AppcastItem update = offer(checker, build("abc"));
 
         QSignalSpy spy(&checker, &UpdateChecker::downloadFinished);
         checker.download(update);
@@ -523,9 +525,9 @@ private Q_SLOTS:
         QFETCH(bool, followed);
         location.replace("%1", QByteArray::number(m_server->url(QStringLiteral("/")).port()));
         const QByteArray payload = "Orvane 2.0";
-        const QByteArray feed = makeFeed({item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz"))});
+        const QByteArray feed = makeFeed({build(payload)});
         serveSignedFeed(feed);
-        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), {200, "OK", payload});
+        m_server->setResponse(kBuild, {200, "OK", payload});
         const QString target = QUrl(QString::fromLatin1(location)).path();
         m_server->setResponse(target, {200, "OK", redirectedPath.endsWith(QStringLiteral(".xml")) ? feed : payload});
         m_server->setResponse(target + QStringLiteral(".sig"), {200, "OK", m_key.signBase64(feed), "text/plain"});
@@ -601,15 +603,12 @@ private Q_SLOTS:
         const QByteArray payload = gzipStored(QByteArray("Orvane 2.0 build ").repeated(8000));
         Response encoded{200, "OK", payload, "application/gzip"};
         encoded.headers = {{"Content-Encoding", "gzip"}};
-        m_server->setResponse(QStringLiteral("/dl/Orvane-2.0.tar.gz"), encoded);
+        m_server->setResponse(kBuild, encoded);
         UpdateChecker checker(config());
-        const auto result = runDownload(
-            checker, offer(checker, item(QStringLiteral("2.0"), payload, QStringLiteral("/dl/Orvane-2.0.tar.gz"))));
+        const auto result = runDownload(checker, offer(checker, build(payload)));
         QVERIFY2(result.ok, qPrintable(result.error));
         QCOMPARE(m_server->lastRequestHeaders().value("accept-encoding"), QByteArray("identity"));
-        QFile kept(result.filePath);
-        QVERIFY(kept.open(QIODevice::ReadOnly));
-        QCOMPARE(kept.readAll(), payload);
+        QCOMPARE(contents(result.filePath), payload);
     }
 
     void signatureVerification()

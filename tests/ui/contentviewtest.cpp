@@ -113,9 +113,7 @@ private Q_SLOTS:
     {
         QFETCH(int, images);
         ContentView view;
-        view.resize(720, 540);
-        view.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(test::showAt(view, {720, 540}));
         QList<QUrl> urls;
         for (int i = 0; i < images; ++i)
             urls << image(QStringLiteral("section-%1.png").arg(i));
@@ -155,9 +153,7 @@ private Q_SLOTS:
         QFETCH(QSize, size);
         QFETCH(bool, shortened);
         ContentView view;
-        view.resize(size);
-        view.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(test::showAt(view, size));
         QList<QUrl> urls{image(QStringLiteral("museum-catalogue-cover-spread-final-approved-for-print.png"))};
         for (int i = 1; i < 5; ++i)
             urls << image(QStringLiteral("fit-%1.png").arg(i));
@@ -199,9 +195,7 @@ private Q_SLOTS:
     void imageStaysPutWhileTheHeaderSlidesIn()
     {
         ContentView view;
-        view.resize(720, 540);
-        view.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(test::showAt(view, {720, 540}));
         view.openUrls({image(QStringLiteral("arrival.png"))});
         const auto* preview = view.findChild<ImagePreview*>(QStringLiteral("preview"));
         const auto* header = view.findChild<QWidget*>(QStringLiteral("headerPlace"));
@@ -226,9 +220,7 @@ private Q_SLOTS:
     void removingItemsHidesDrawerThenHeader()
     {
         ContentView view;
-        view.resize(720, 540);
-        view.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(test::showAt(view, {720, 540}));
         view.openUrls({image(QStringLiteral("keep-a.png")), image(QStringLiteral("keep-b.png"))});
         QTRY_VERIFY(shown(view, "drawerPlace"));
         QTRY_VERIFY(shown(view, "headerPlace"));
@@ -307,9 +299,7 @@ private Q_SLOTS:
         auto source = std::make_shared<test::HeldImageSource>();
         source->hold(test::HeldImageSource::Step::Index);
         DropTarget view(source);
-        view.resize(480, 360);
-        view.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(test::showAt(view, {480, 360}));
         QList<QUrl> files;
         for (int i = 0; i < 5; ++i)
             files << image(QStringLiteral("join-%1.png").arg(i));
@@ -344,9 +334,7 @@ private Q_SLOTS:
         auto source = std::make_shared<test::HeldImageSource>();
         source->hold(test::HeldImageSource::Step::Index);
         DropTarget view(source);
-        view.resize(480, 360);
-        view.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(test::showAt(view, {480, 360}));
         view.openUrls({image(QStringLiteral("kept.png")), image(QStringLiteral("dropped.png"))});
         source->release(test::HeldImageSource::Step::Index, QStringLiteral("kept.png"));
         QTRY_COMPARE(queueNames(*view.model()), QStringList{"kept.png"});
@@ -364,9 +352,7 @@ private Q_SLOTS:
     void dragHoverTargetsTheWindow()
     {
         DropTarget view;
-        view.resize(720, 540);
-        view.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(test::showAt(view, {720, 540}));
         auto* zone = view.findChild<DropZone*>();
         QVERIFY(zone);
         const QRectF restingPanel = zone->panelRect();
@@ -397,9 +383,7 @@ private Q_SLOTS:
     void clicksAnywhereOnTheDropZoneOpenThePanel()
     {
         ContentView view;
-        view.resize(720, 540);
-        view.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&view));
+        QVERIFY(test::showAt(view, {720, 540}));
         test::FakePanels panels;
         view.model()->setPanels(&panels);
         auto* zone = view.findChild<DropZone*>();

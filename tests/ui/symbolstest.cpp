@@ -64,19 +64,6 @@ private Q_SLOTS:
         QVERIFY(covered < 48 * 48 * 3 / 4);
     }
 
-    void symbolicThemeIconsAreUsed()
-    {
-        if (!QDir(QStringLiteral("/usr/share/icons/Adwaita")).exists())
-            QSKIP("no Adwaita icon theme on this machine");
-        QIcon::setThemeSearchPaths({QStringLiteral("/usr/share/icons")});
-        QIcon::setThemeName(QStringLiteral("Adwaita"));
-        const QImage image = Symbols::tinted(Symbol::Warning, 24, Qt::black, 1.0).toImage();
-        QIcon::setThemeName(QString());
-        QIcon::setThemeSearchPaths({});
-        QCOMPARE(image.size(), QSize(24, 24));
-        QVERIFY(!image.isNull());
-    }
-
     void fullColourThemeIconsGiveWayToOurDrawings()
     {
         // A theme whose picture icons are full colour: tinting one would give

@@ -13,7 +13,9 @@
 #include <QPalette>
 #include <QRect>
 #include <QString>
+#include <QTest>
 #include <QUrl>
+#include <QWidget>
 
 #include <vips/vips8>
 
@@ -75,6 +77,14 @@ inline QPalette darkPalette()
     p.setColor(QPalette::Disabled, QPalette::ButtonText, QColor(0x80, 0x80, 0x80));
     p.setColor(QPalette::Disabled, QPalette::Text, QColor(0x80, 0x80, 0x80));
     return p;
+}
+
+/// Shows widget at size and answers whether it became exposed.
+inline bool showAt(QWidget& widget, QSize size)
+{
+    widget.resize(size);
+    widget.show();
+    return QTest::qWaitForWindowExposed(&widget);
 }
 
 /// Writes bytes that are no image under a name that looks like one.
