@@ -11,36 +11,16 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include <vips/vips8>
 
+#include "clitestsupport.h"
+
 namespace {
 
+using namespace orvane::test;
 using vips::VImage;
-
-struct TrimRun {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-TrimRun trim(const QStringList& args)
-{
-    QProcess process;
-    process.start(QStringLiteral(ORVANE_TRIM_BINARY), args);
-    TrimRun run;
-    if (!process.waitForFinished(180'000)) {
-        process.kill();
-        process.waitForFinished();
-        ADD_FAILURE() << "orvane-trim did not finish";
-    }
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = process.readAllStandardOutput();
-    run.err = process.readAllStandardError();
-    return run;
-}
 
 // The JSON objects of a run by file name.
 QHash<QString, QJsonObject> byName(const QByteArray& out)

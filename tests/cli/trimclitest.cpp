@@ -14,15 +14,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
 #include <vips/vips8>
 
-#include "support/testfiles.h"
+#include "clitestsupport.h"
 
 namespace {
 
@@ -79,28 +76,6 @@ VImage readBack(const QString& path)
 {
     return VImage::new_from_file(QFile::encodeName(path).constData()).copy_memory();
 }
-
-struct TrimRun {
-    int exitCode = -1;
-    bool crashed = false;
-    QByteArray out;
-    QByteArray err;
-
-    QList<QJsonObject> json() const
-    {
-        QList<QJsonObject> objects;
-        for (const QByteArray& line : out.split('\n')) {
-            if (line.isEmpty())
-                continue;
-            QJsonParseError error{};
-            const QJsonDocument document = QJsonDocument::fromJson(line, &error);
-            EXPECT_EQ(error.error, QJsonParseError::NoError) << "not JSON: " << line.toStdString();
-            EXPECT_TRUE(document.isObject()) << line.toStdString();
-            objects.append(document.object());
-        }
-        return objects;
-    }
-};
 
 std::string str(const QJsonObject& object, const char* key)
 {
@@ -160,29 +135,10 @@ protected:
     // wrapper command such as prlimit or setpriv.
     TrimRun trim(const QStringList& args, const QStringList& wrapper = {}) const
     {
-        const QString binary = QStringLiteral(ORVANE_TRIM_BINARY);
         if (wrapper.isEmpty())
-            return runProgram(binary, args);
-        return runProgram(wrapper.first(), wrapper.mid(1) + QStringList{binary} + args);
-    }
-
-    TrimRun runProgram(const QString& program, const QStringList& args) const
-    {
-        QProcess process;
-        process.setWorkingDirectory(m_dir.path());
-        process.start(program, args);
-        TrimRun run;
-        if (!process.waitForFinished(180'000)) {
-            process.kill();
-            process.waitForFinished();
-            ADD_FAILURE() << "orvane-trim did not finish: " << args.join(QLatin1Char(' ')).toStdString();
-        }
-        run.crashed = process.exitStatus() != QProcess::NormalExit;
-        run.exitCode = process.exitCode();
-        run.out = process.readAllStandardOutput();
-        run.err = process.readAllStandardError();
-        EXPECT_FALSE(run.crashed) << run.err.toStdString();
-        return run;
+            return orvane::test::trim(args, m_dir.path());
+        return runProgram(wrapper.first(), wrapper.mid(1) + QStringList{QStringLiteral(ORVANE_TRIM_BINARY)} + args,
+                          m_dir.path());
     }
 
     // Whether the binary can run as nobody here (the build folder must be reachable).
@@ -355,7 +311,7 @@ TEST_F(TrimCli, ProgressLineOnlyOnATerminal)
     writeImage(path("a.png"), framed(40, 30, {5, 6, 7, 8}));
     writeImage(path("b.png"), framed(40, 30, {5, 6, 7, 8}));
     const QString command = QStringLiteral("'%1' -n a.png b.png").arg(QStringLiteral(ORVANE_TRIM_BINARY));
-    const TrimRun run = runProgram("script", {"-qec", command, "/dev/null"});
+    const TrimRun run = runProgram("script", {"-qec", command, "/dev/null"}, m_dir.path());
     EXPECT_EQ(run.exitCode, 0) << run.out.toStdString();
     EXPECT_TRUE(run.out.contains("\r\033[K2/2 b.png")) << run.out.toStdString();
     EXPECT_TRUE(run.out.contains("2 measured, 0 failed")) << run.out.toStdString();
@@ -773,23 +729,6 @@ TEST_F(TrimCli, UnreadableFolderIsAFailureNotSilence)
     EXPECT_EQ(str(o[0], "path"), "private");
     EXPECT_EQ(str(o[0], "error"), "Couldn’t read the folder.");
     EXPECT_EQ(o[1].value("width").toInt(), 20);
-}
-
-TEST_F(TrimCli, TenThousandFilesInOneFolder)
-{
-    const QString folder = makeFolder("huge");
-    writeImage(path("one.png"), framed(3, 3, {1, 1, 1, 1}));
-    const QByteArray png = readFile(path("one.png"));
-    for (int i = 10'000; i >= 1; --i)
-        ASSERT_TRUE(writeFile(QDir(folder).filePath(QStringLiteral("f%1.png").arg(i)), png));
-
-    const TrimRun run = trim({"-n", "--json", "huge"});
-    EXPECT_EQ(run.exitCode, 0) << run.err.right(500).toStdString();
-    const QList<QJsonObject> o = run.json();
-    ASSERT_EQ(o.size(), 10'000);
-    for (int i : {0, 1, 9, 99, 9'999})
-        EXPECT_EQ(fileNameOf(o.at(i)), QStringLiteral("f%1.png").arg(i + 1)) << "numbers sort by value";
-    EXPECT_EQ(run.err, "10000 measured, 0 failed\n");
 }
 
 TEST_F(TrimCli, NoImagesFoundIsSaidPlainly)

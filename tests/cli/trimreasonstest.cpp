@@ -8,15 +8,16 @@
 
 #include <QDir>
 #include <QFile>
-#include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include <vips/vips8>
 
+#include "clitestsupport.h"
+
 namespace {
 
+using namespace orvane::test;
 using vips::VImage;
 
 VImage framed()
@@ -35,19 +36,6 @@ void writeRaw(const QString& path)
     pages.tiffsave(QFile::encodeName(path).constData());
 }
 
-void writeBytes(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    ASSERT_EQ(file.write(bytes), bytes.size());
-}
-
-QByteArray bytesOf(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QByteArray noisyPng()
 {
     const VImage noise = VImage::gaussnoise(64, 64, VImage::option()->set("sigma", 50.0));
@@ -59,35 +47,11 @@ QByteArray noisyPng()
     return bytes;
 }
 
-struct TrimRun {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-
-    // path → the JSON object reported for it, in order.
-    QList<QJsonObject> json() const
-    {
-        QList<QJsonObject> objects;
-        for (const QByteArray& line : out.split('\n')) {
-            if (!line.isEmpty())
-                objects.append(QJsonDocument::fromJson(line).object());
-        }
-        return objects;
-    }
-};
-
 class TrimReasons : public ::testing::Test {
 protected:
     QString path(const QString& name) const { return dir.filePath(name); }
 
-    TrimRun trim(const QStringList& args) const
-    {
-        QProcess process;
-        process.setWorkingDirectory(dir.path());
-        process.start(QStringLiteral(ORVANE_TRIM_BINARY), args);
-        EXPECT_TRUE(process.waitForFinished(120'000));
-        return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
-    }
+    TrimRun trim(const QStringList& args) const { return orvane::test::trim(args, dir.path()); }
 
     QTemporaryDir dir;
 };
@@ -104,8 +68,8 @@ TEST_F(TrimReasons, EachFileNamedDirectlyGetsItsReason)
         {"DSC_0001.NEF", writeRaw, "unsupported"},
         {"scan.dng", writeRaw, "unsupported"},
         {"gone.png", [](const QString&) {}, "missing"},
-        {"notes.png", [](const QString& p) { writeBytes(p, "not an image\n"); }, "not-an-image"},
-        {"cut.png", [](const QString& p) { writeBytes(p, noisyPng().chopped(3000)); }, "damaged"},
+        {"notes.png", [](const QString& p) { ASSERT_TRUE(writeFile(p, "not an image\n")); }, "not-an-image"},
+        {"cut.png", [](const QString& p) { ASSERT_TRUE(writeFile(p, noisyPng().chopped(3000))); }, "damaged"},
     };
     QStringList args{QStringLiteral("-n"), QStringLiteral("--json")};
     for (const auto& c : cases) {
@@ -135,10 +99,10 @@ TEST_F(TrimReasons, RawFilesInAFolderAreNeitherListedNorCountedAndNeverWritten)
     framed().write_to_file(QFile::encodeName(path("shots/a.png")).constData());
     writeRaw(path("shots/b.NEF"));
     writeRaw(path("shots/c.dng"));
-    writeBytes(path("shots/notes.txt"), "words\n");
+    ASSERT_TRUE(writeFile(path("shots/notes.txt"), "words\n"));
     ASSERT_TRUE(QFile::link(QStringLiteral("nowhere.png"), path("shots/d.png")));
     ASSERT_EQ(::mkfifo(QFile::encodeName(path("shots/e.png")).constData(), 0600), 0);
-    const QByteArray raw = bytesOf(path("shots/b.NEF"));
+    const QByteArray raw = readFile(path("shots/b.NEF"));
 
     const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--in-place"), QStringLiteral("shots")});
     EXPECT_EQ(run.exitCode, 1);
@@ -148,12 +112,12 @@ TEST_F(TrimReasons, RawFilesInAFolderAreNeitherListedNorCountedAndNeverWritten)
                 + object.value("status").toString() + QLatin1Char(':') + object.value("reason").toString();
     // The dangling link and the pipe are named like images: they count, and say why.
     EXPECT_EQ(seen, (QStringList{"a.png:trimmed:", "d.png:failed:missing", "e.png:failed:unreadable"}));
-    EXPECT_EQ(bytesOf(path("shots/b.NEF")), raw);
+    EXPECT_EQ(readFile(path("shots/b.NEF")), raw);
 
     // Named directly, a raw file fails and stays as it was.
     const TrimRun direct = trim({QStringLiteral("--in-place"), QStringLiteral("shots/b.NEF")});
     EXPECT_EQ(direct.exitCode, 1);
-    EXPECT_EQ(bytesOf(path("shots/b.NEF")), raw);
+    EXPECT_EQ(readFile(path("shots/b.NEF")), raw);
 }
 
 int main(int argc, char** argv)

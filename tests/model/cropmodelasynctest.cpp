@@ -123,15 +123,7 @@ private Q_SLOTS:
         QFETCH(QString, activeAfter);
         QFETCH(QStringList, notes);
         CropModel model(nullptr, nullptr, m_source);
-        openAll(model, urls(letters(queue)));
-        for (QChar letter : saved) {
-            model.select(idOf(model, letter + QStringLiteral(".png")));
-            saveOver(model);
-        }
-        if (active == QLatin1String("?"))
-            model.select(QUuid::createUuid());
-        else if (!active.isEmpty())
-            model.select(idOf(model, active + QStringLiteral(".png")));
+        buildQueue(model, m_dir->path(), queue, saved, active);
         writeLetterImage(path("D.png"), 3);
         writeLetterImage(path("E.png"), 4);
         m_source->hold(Step::Index);

@@ -158,12 +158,7 @@ private Q_SLOTS:
         QFETCH(QString, activeAfter);
         QFETCH(QStringList, notes);
         CropModel model;
-        openLetters(model, queue);
-        markSaved(model, saved);
-        if (active == "?")
-            model.select(QUuid::createUuid());
-        else
-            model.select(id(model, active.front()));
+        buildQueue(model, m_dir->path(), queue, saved, active);
         const QUuid removedID = id(model, removed.front());
         openAll(model, urls({m_dir->filePath("missing.png")}));
         QVERIFY(model.errorMessage());

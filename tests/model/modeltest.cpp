@@ -80,6 +80,25 @@ void writeLetterImage(const QString& path, int index)
     writeImage(path, whiteImageWithBlock(40, 30, blockFor(index)));
 }
 
+void buildQueue(CropModel& model, const QString& folder, const QString& letters, const QString& saved,
+                const QString& active)
+{
+    QStringList files;
+    for (int i = 0; i < letters.size(); ++i) {
+        files.append(folder + QLatin1Char('/') + letters[i] + QStringLiteral(".png"));
+        writeLetterImage(files.last(), i);
+    }
+    openAll(model, urls(files));
+    for (QChar letter : saved) {
+        model.select(idOf(model, letter + QStringLiteral(".png")));
+        saveOver(model);
+    }
+    if (active == QLatin1String("?"))
+        model.select(QUuid::createUuid());
+    else if (!active.isEmpty())
+        model.select(idOf(model, active + QStringLiteral(".png")));
+}
+
 vips::VImage readBack(const QString& path)
 {
     return vips::VImage::new_from_file(QFile::encodeName(path).constData()).copy_memory();

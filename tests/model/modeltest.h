@@ -37,6 +37,12 @@ void writeImage(const QString& path, const vips::VImage& image);
 QRect blockFor(int index);
 void writeLetterImage(const QString& path, int index);
 
+/// A queue of letter images in folder ("ABC" → A.png, B.png, C.png), with the
+/// letters in saved saved over their originals and active selected ("" none,
+/// "?" an id that names no item).
+void buildQueue(CropModel& model, const QString& folder, const QString& letters, const QString& saved,
+                const QString& active);
+
 /// Decodes the file at path directly with libvips.
 vips::VImage readBack(const QString& path);
 
