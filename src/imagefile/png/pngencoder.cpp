@@ -25,6 +25,10 @@ using PngRows::paeth;
 // Level 7 and below write artwork larger than zlib does; 9 and up cost much
 // more time for a few bytes.
 constexpr int compressionLevel = 8;
+// Grey images are a third of the bytes of colour ones per pixel, so a
+// stronger level costs little time there, and grainy scans need it to come
+// out no larger than zlib's best.
+constexpr int greyCompressionLevel = 10;
 
 // IDAT chunks of 1 MiB: small enough for any decoder's buffers, large enough
 // that the 12 bytes of each chunk's frame don't count.
@@ -643,9 +647,6 @@ QByteArray encode(const Pixels& source, const Metadata& metadata, Palette choice
     if (!validPixels(source))
         return {};
     using Compressor = std::unique_ptr<libdeflate_compressor, CompressorDeleter>;
-    const Compressor compressor(libdeflate_alloc_compressor(compressionLevel));
-    if (!compressor)
-        return {};
 
     // A profile for RGB must not go with grey pixels, nor one for grey with a
     // palette, whose entries are RGB.
@@ -666,6 +667,9 @@ QByteArray encode(const Pixels& source, const Metadata& metadata, Palette choice
         direct.bits = levels.bits;
         tryPalette = tryPalette && bitsFor(std::size_t(levels.count)) < levels.bits;
     }
+    const Compressor compressor(libdeflate_alloc_compressor(px.bands == 1 ? greyCompressionLevel : compressionLevel));
+    if (!compressor)
+        return {};
 
     ColourTable table;
     std::optional<ColourPalette> palette;
