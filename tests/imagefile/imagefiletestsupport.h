@@ -13,9 +13,29 @@
 #include <vips/vips8>
 
 #include "imagefile/imagefile.h"
+#include "imagefile/png/pngencoder.h"
 #include "support/testfiles.h"
 
 namespace orvane::test {
+
+/// The encoder's view of an image that is in memory.
+inline PngEncoder::Pixels pixelsOf(const vips::VImage& memory)
+{
+    PngEncoder::Pixels px;
+    px.data = static_cast<const std::uint8_t*>(memory.data());
+    px.width = memory.width();
+    px.height = memory.height();
+    px.bands = memory.bands();
+    px.depth = memory.format() == VIPS_FORMAT_USHORT ? 16 : 8;
+    px.stride = std::size_t(VIPS_IMAGE_SIZEOF_LINE(memory.get_image()));
+    return px;
+}
+
+/// Byte offset of a PNG's IHDR data (8 bit depth, 9 colour type …); −1 past the end.
+inline int ihdrByte(const QByteArray& png, int offset)
+{
+    return png.size() > 16 + offset ? uchar(png.at(16 + offset)) : -1;
+}
 
 /// An image whose every pixel differs from its neighbours: red runs along x,
 /// green along y, blue with both; alpha (when asked for) falls along x.

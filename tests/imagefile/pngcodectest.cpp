@@ -12,6 +12,8 @@
 #include "support/libvipspng.h"
 
 using namespace orvane;
+using orvane::test::ihdrByte;
+using orvane::test::pixelsOf;
 using orvane::test::blobField;
 using orvane::test::iccProfile;
 using orvane::test::loadedByLibvips;
@@ -45,23 +47,6 @@ vips::VImage noise(int width, int height, int bands, VipsBandFormat format, doub
 // ---------------------------------------------------------------- writing
 
 namespace {
-
-PngEncoder::Pixels pixelsOf(const vips::VImage& memory)
-{
-    PngEncoder::Pixels px;
-    px.data = static_cast<const std::uint8_t*>(memory.data());
-    px.width = memory.width();
-    px.height = memory.height();
-    px.bands = memory.bands();
-    px.depth = memory.format() == VIPS_FORMAT_USHORT ? 16 : 8;
-    px.stride = std::size_t(VIPS_IMAGE_SIZEOF_LINE(memory.get_image()));
-    return px;
-}
-
-int ihdrByte(const QByteArray& png, int offset)
-{
-    return uchar(png.at(16 + offset));
-}
 
 } // namespace
 

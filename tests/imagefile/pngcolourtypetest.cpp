@@ -7,6 +7,8 @@
 #include "support/libvipspng.h"
 
 using namespace orvane;
+using orvane::test::ihdrByte;
+using orvane::test::pixelsOf;
 using orvane::test::iccProfile;
 using orvane::test::loadedByLibvips;
 using orvane::test::pixelBytes;
@@ -39,23 +41,6 @@ VImage grain(int width, int height, double sigma, int seed)
 {
     return VImage::gaussnoise(width, height, VImage::option()->set("sigma", sigma)->set("mean", 128.0)->set("seed", seed))
         .cast(VIPS_FORMAT_UCHAR);
-}
-
-PngEncoder::Pixels pixelsOf(const VImage& memory)
-{
-    PngEncoder::Pixels px;
-    px.data = static_cast<const std::uint8_t*>(memory.data());
-    px.width = memory.width();
-    px.height = memory.height();
-    px.bands = memory.bands();
-    px.depth = memory.format() == VIPS_FORMAT_USHORT ? 16 : 8;
-    px.stride = std::size_t(VIPS_IMAGE_SIZEOF_LINE(memory.get_image()));
-    return px;
-}
-
-int ihdrByte(const QByteArray& png, int offset)
-{
-    return png.size() > 16 + offset ? uchar(png.at(16 + offset)) : -1;
 }
 
 } // namespace

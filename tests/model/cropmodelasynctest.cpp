@@ -109,10 +109,15 @@ private Q_SLOTS:
         const QStringList keepActive{"Items", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"};
         QTest::newRow("empty queue") << "" << "" << "" << "D" << "D" << withActive;
         QTest::newRow("one saved item") << "A" << "A" << "A" << "D" << "D" << withActive;
+        QTest::newRow("one saved item, none active") << "A" << "A" << "?" << "D" << "D" << withActive;
         QTest::newRow("one unsaved item") << "A" << "" << "A" << "AD" << "A" << keepActive;
         QTest::newRow("none active") << "AB" << "" << "?" << "ABD" << "D" << withActive;
         QTest::newRow("last active and saved") << "ABC" << "C" << "C" << "ABCD" << "D" << withActive;
+        QTest::newRow("last active, not saved") << "ABC" << "" << "C" << "ABCD" << "C" << keepActive;
         QTest::newRow("middle active") << "ABC" << "" << "B" << "ABCD" << "B" << keepActive;
+        QTest::newRow("middle active and saved") << "ABC" << "B" << "B" << "ABCD" << "B" << keepActive;
+        QTest::newRow("first active, last saved") << "ABC" << "C" << "A" << "ABCD" << "A" << keepActive;
+        QTest::newRow("all saved, last active") << "AB" << "AB" << "B" << "ABD" << "D" << withActive;
     }
     void firstJoinDecidesTheActiveItem()
     {
@@ -141,6 +146,8 @@ private Q_SLOTS:
         QCOMPARE(itemNames(model), named(queueAfter + "E"));
         QCOMPARE(activeName(model), activeAfter + ".png");
         QCOMPARE(recorded.names(), QStringList{"Items"});
+        QCOMPARE(toQRect(model.activeContentRect()),
+                 toQRect(model.active()->summary->contentRect(model.threshold())));
     }
 
     void cancellingKeepsWhatJoined()
