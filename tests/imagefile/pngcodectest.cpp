@@ -46,10 +46,6 @@ vips::VImage noise(int width, int height, int bands, VipsBandFormat format, doub
 
 // ---------------------------------------------------------------- writing
 
-namespace {
-
-} // namespace
-
 TEST(PngEncoder, EveryKindRoundTripsExactly)
 {
     for (const VipsBandFormat format : {VIPS_FORMAT_UCHAR, VIPS_FORMAT_USHORT}) {
