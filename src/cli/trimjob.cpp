@@ -1,6 +1,7 @@
 #include "cli/trimjob.h"
 
 #include <algorithm>
+#include <memory>
 
 #include <QFile>
 #include <QFileInfo>
@@ -51,6 +52,18 @@ bool sameFile(const QString& a, const QString& b)
     return !ca.isEmpty() && ca == QFileInfo(b).canonicalFilePath();
 }
 
+// The compressed blocks of a JPEG for --lossless; null for other files, and
+// for a JPEG the normal decoder would refuse for its size or that libjpeg
+// cannot read cleanly (the normal path then says why).
+std::unique_ptr<LosslessJpeg::Blocks> jpegBlocks(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.peek(3) != QByteArrayLiteral("\xff\xd8\xff")
+        || !ImageFile::readCost(path))
+        return nullptr;
+    return LosslessJpeg::Blocks::read(file.readAll());
+}
+
 } // namespace
 
 PixelRect TrimJob::withMargin(const PixelRect& rect, std::int64_t margin, std::int64_t width,
@@ -71,8 +84,10 @@ std::uint64_t TrimJob::bytes(const TrimTask& task, const TrimOptions& options)
     if (!cost)
         return 0; // refused at once, without the memory
     // Writing holds the encoded file beside the decoded image, and the
-    // encoder's own buffers: counted as much again.
-    return options.dryRun ? cost->index : 2 * cost->decode;
+    // encoder's own buffers: counted as much again. A lossless cut holds the
+    // compressed blocks (16 bits a sample) and, for colour models it cannot
+    // find content in, the decoded image too.
+    return options.dryRun ? cost->index : (options.lossless ? 3 : 2) * cost->decode;
 }
 
 TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
@@ -85,33 +100,54 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         return result;
     }
 
-    // A dry run needs the index alone, made in one streamed pass; a writing
-    // run decodes the image once (unless it is too large to hold, when the
-    // save reads it again) and writes exactly what was measured.
-    std::optional<ImageFile::Decoded> decoded;
-    std::optional<ImageFile::Summary> summary;
-    if (options.dryRun) {
-        if (std::optional<ImageFile::Indexed> indexed = ImageFile::index(task.path, false))
-            summary = std::move(indexed->summary);
-    } else if ((decoded = ImageFile::decode(task.path, false))) {
-        summary = decoded->summary;
-    }
-    if (!summary) {
-        const ImageFile::Failure failure = ImageFile::whyNotOpened(task.path);
-        result.error = failure.message;
-        result.reason = failure.reason;
-        return result;
+    // --lossless reads a JPEG's compressed blocks once: they show where the
+    // content is without a full decode, and they are what is written.
+    std::unique_ptr<LosslessJpeg::Blocks> blocks;
+    if (options.lossless && !options.dryRun && (blocks = jpegBlocks(task.path))) {
+        const double tolerance = options.tolerances.first();
+        const LosslessJpeg::Blocks::Content content = blocks->contentRect(tolerance);
+        if (content.told) {
+            result.decoded = true;
+            result.type = ImageType::jpeg().mimeName();
+            result.width = blocks->grid().width;
+            result.height = blocks->grid().height;
+            std::optional<PixelRect> rect = content.rect;
+            if (rect && options.margin > 0)
+                rect = withMargin(*rect, options.margin, result.width, result.height);
+            result.rects.append({tolerance, rect});
+        }
     }
 
-    result.decoded = true;
-    result.type = summary->type.mimeName();
-    result.width = summary->width;
-    result.height = summary->height;
-    for (const double tolerance : options.tolerances) {
-        std::optional<PixelRect> rect = summary->contentRect(tolerance);
-        if (rect && options.margin > 0)
-            rect = withMargin(*rect, options.margin, result.width, result.height);
-        result.rects.append({tolerance, rect});
+    // Otherwise a dry run needs the index alone, made in one streamed pass; a
+    // writing run decodes the image once (unless it is too large to hold,
+    // when the save reads it again) and writes exactly what was measured.
+    std::optional<ImageFile::Decoded> decoded;
+    if (!result.decoded) {
+        std::optional<ImageFile::Summary> summary;
+        if (options.dryRun) {
+            if (std::optional<ImageFile::Indexed> indexed = ImageFile::index(task.path, false))
+                summary = std::move(indexed->summary);
+        } else if ((decoded = ImageFile::decode(task.path, false))) {
+            summary = decoded->summary;
+        }
+        if (!summary) {
+            const ImageFile::Failure failure = ImageFile::whyNotOpened(task.path);
+            result.error = failure.message;
+            result.reason = failure.reason;
+            return result;
+        }
+        result.decoded = true;
+        result.type = summary->type.mimeName();
+        result.width = summary->width;
+        result.height = summary->height;
+        for (const double tolerance : options.tolerances) {
+            std::optional<PixelRect> rect = summary->contentRect(tolerance);
+            if (rect && options.margin > 0)
+                rect = withMargin(*rect, options.margin, result.width, result.height);
+            result.rects.append({tolerance, rect});
+        }
+        if (summary->type != ImageType::jpeg())
+            blocks.reset();
     }
 
     if (options.dryRun) {
@@ -125,18 +161,11 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
         return result;
     }
 
-    // --lossless: a JPEG is cut on its block grid, which may keep a little
-    // more than the rectangle asked for.
-    QByteArray jpeg;
+    // A lossless cut is made on the block grid, which may keep a little more
+    // than the rectangle asked for.
     std::optional<PixelRect> onGrid;
-    if (options.lossless && summary->type == ImageType::jpeg()) {
-        QFile source(task.path);
-        if (source.open(QIODevice::ReadOnly))
-            jpeg = source.readAll();
-        const std::optional<LosslessJpeg::Grid> grid = LosslessJpeg::grid(jpeg);
-        if (grid && grid->width == result.width && grid->height == result.height)
-            onGrid = LosslessJpeg::writtenRect(*rect, *grid);
-    }
+    if (blocks && blocks->grid().width == result.width && blocks->grid().height == result.height)
+        onGrid = LosslessJpeg::writtenRect(*rect, blocks->grid());
     const PixelRect& kept = onGrid ? *onGrid : *rect;
 
     const bool whole = kept.width == result.width && kept.height == result.height;
@@ -162,8 +191,7 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
     }
 
     if (onGrid) {
-        const std::optional<QByteArray> cut = LosslessJpeg::crop(jpeg, *onGrid);
-        if (cut) {
+        if (const std::optional<QByteArray> cut = blocks->crop(*onGrid)) {
             if (!ImageFile::write(*cut, task.output)) {
                 result.error = writeFailure(task.output);
                 return result;
@@ -173,10 +201,16 @@ TrimResult TrimJob::run(const TrimTask& task, const TrimOptions& options)
             result.written = onGrid;
             return result;
         }
-        // A file libjpeg-turbo cannot transform is written as usual.
+        // Blocks libjpeg cannot write again are saved as usual.
     }
 
-    if (!ImageFile::saveCropped(*decoded, *rect, task.output, summary->type)) {
+    if (!decoded && !(decoded = ImageFile::decode(task.path, false))) {
+        const ImageFile::Failure failure = ImageFile::whyNotOpened(task.path);
+        result.error = failure.message;
+        result.reason = failure.reason;
+        return result;
+    }
+    if (!ImageFile::saveCropped(*decoded, *rect, task.output, decoded->summary.type)) {
         result.error = writeFailure(task.output);
         return result;
     }

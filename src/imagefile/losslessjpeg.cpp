@@ -1,76 +1,49 @@
 #include "imagefile/losslessjpeg.h"
 
 #include <algorithm>
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <vector>
 
-#include <QList>
-
-#include <turbojpeg.h>
+#include <jpeglib.h>
+#include <jerror.h>
 
 namespace orvane::LosslessJpeg {
 
 namespace {
 
-struct HandleDeleter {
-    void operator()(void* handle) const { tjDestroy(handle); }
+// libjpeg reports an error through a callback that must not return: it jumps
+// back to the setjmp() of the operation that failed. A warning (damaged data
+// that libjpeg works around) fails the read too, so that a damaged file goes
+// to the normal decoder, which says what is wrong with it.
+struct ErrorManager {
+    jpeg_error_mgr pub{};
+    std::jmp_buf* jump = nullptr;
+    bool warned = false;
 };
-using Handle = std::unique_ptr<void, HandleDeleter>;
 
-struct BufferDeleter {
-    void operator()(unsigned char* buffer) const { tjFree(buffer); }
-};
-
-int bigEndian16(const QByteArray& bytes, qsizetype at)
+[[noreturn]] void errorExit(j_common_ptr info)
 {
-    return uchar(bytes.at(at)) << 8 | uchar(bytes.at(at + 1));
+    std::longjmp(*reinterpret_cast<ErrorManager*>(info->err)->jump, 1);
 }
 
-// The markers of the file that the cut needs to know of.
-struct Markers {
-    QList<QByteArray> profile; // the APP2 ICC_PROFILE segments, markers included, in order
-    bool progressive = false;
-};
-
-// Reads the segments before the first scan.
-Markers markersOf(const QByteArray& jpeg)
+void emitMessage(j_common_ptr info, int level)
 {
-    Markers markers;
-    qsizetype at = 2; // after SOI
-    while (at + 4 <= jpeg.size() && uchar(jpeg.at(at)) == 0xff) {
-        const int marker = uchar(jpeg.at(at + 1));
-        if (marker == 0xff) { // fill byte
-            ++at;
-            continue;
-        }
-        if (marker == 0xda || marker == 0xd9) // start of scan, end of image
-            break;
-        const int length = bigEndian16(jpeg, at + 2);
-        if (length < 2 || at + 2 + length > jpeg.size())
-            break;
-        if (marker == 0xe2 && length >= 16 && std::memcmp(jpeg.constData() + at + 4, "ICC_PROFILE", 12) == 0)
-            markers.profile.append(jpeg.mid(at, 2 + length));
-        if (marker == 0xc2 || marker == 0xc6 || marker == 0xca || marker == 0xce)
-            markers.progressive = true;
-        at += 2 + length;
-    }
-    return markers;
+    if (level < 0)
+        reinterpret_cast<ErrorManager*>(info->err)->warned = true;
 }
 
-// The file with the profile's segments after SOI and the JFIF header.
-QByteArray withProfile(const unsigned char* data, std::size_t size, const QList<QByteArray>& profile)
+void outputMessage(j_common_ptr) {}
+
+jpeg_error_mgr* install(ErrorManager& errors)
 {
-    QByteArray file(reinterpret_cast<const char*>(data), qsizetype(size));
-    if (profile.isEmpty())
-        return file;
-    qsizetype at = 2;
-    while (at + 4 <= file.size() && uchar(file.at(at)) == 0xff && uchar(file.at(at + 1)) == 0xe0)
-        at += 2 + bigEndian16(file, at + 2);
-    QByteArray segments;
-    for (const QByteArray& segment : profile)
-        segments += segment;
-    file.insert(std::min(at, file.size()), segments);
-    return file;
+    jpeg_error_mgr* manager = jpeg_std_error(&errors.pub);
+    manager->error_exit = errorExit;
+    manager->emit_message = emitMessage;
+    manager->output_message = outputMessage;
+    return manager;
 }
 
 std::int64_t alignDown(std::int64_t value, int step)
@@ -78,22 +51,137 @@ std::int64_t alignDown(std::int64_t value, int step)
     return value / step * step;
 }
 
-} // namespace
-
-std::optional<Grid> grid(const QByteArray& jpeg)
+std::int64_t ceilDiv(std::int64_t a, std::int64_t b)
 {
-    const Handle handle(tjInitTransform());
-    if (!handle || jpeg.isEmpty())
-        return std::nullopt;
-    int width = 0, height = 0, subsampling = -1, colourSpace = -1;
-    if (tjDecompressHeader3(handle.get(), reinterpret_cast<const unsigned char*>(jpeg.constData()),
-                            static_cast<unsigned long>(jpeg.size()), &width, &height, &subsampling, &colourSpace)
-        != 0)
-        return std::nullopt;
-    if (subsampling < 0 || subsampling >= TJ_NUMSAMP || width <= 0 || height <= 0)
-        return std::nullopt;
-    return Grid{width, height, tjMCUWidth[subsampling], tjMCUHeight[subsampling]};
+    return (a + b - 1) / b;
 }
+
+int floorDiv(int a, int b)
+{
+    return a >= 0 ? a / b : -((-a + b - 1) / b);
+}
+
+// libjpeg's YCbCr to RGB arithmetic (16-bit fixed point, rounded), for
+// bounding the colours a block can decode to. Each term is monotonic in its
+// sample, so bounds of the samples give bounds of the colours.
+constexpr int kScaleBits = 16;
+constexpr long fix(double x) { return long(x * (1L << kScaleBits) + 0.5); }
+constexpr long kHalf = 1L << (kScaleBits - 1);
+int crToRed(int cr) { return int((fix(1.40200) * (cr - 128) + kHalf) >> kScaleBits); }
+int cbToBlue(int cb) { return int((fix(1.77200) * (cb - 128) + kHalf) >> kScaleBits); }
+int chromaToGreen(int cb, int cr)
+{
+    return int((-fix(0.34414) * (cb - 128) + kHalf - fix(0.71414) * (cr - 128)) >> kScaleBits);
+}
+
+int clampSample(int v) { return std::clamp(v, 0, 255); }
+
+// The values the samples of one block can take after libjpeg's integer
+// inverse DCT. A block of its DC alone decodes to a single value, computed
+// as that IDCT does; otherwise each AC coefficient moves a sample by at most
+// a quarter of its dequantised value, and the IDCT's rounding by less than 2.
+struct Range {
+    int lo = 0;
+    int hi = 255;
+};
+
+Range rangeOf(const JCOEF* coef, const UINT16* quant)
+{
+    std::int64_t spread64 = 0;
+    for (int k = 1; k < DCTSIZE2; ++k)
+        spread64 += std::abs(std::int64_t(coef[k]) * quant[k]);
+    const std::int64_t dc64 = std::int64_t(coef[0]) * quant[0];
+    if (std::abs(dc64) + 2 * spread64 > 8 * 380)
+        return {}; // beyond what libjpeg's range limiting clamps (far out it wraps)
+    const int dc = int(dc64), spread = int(spread64);
+    if (spread == 0) {
+        const int value = clampSample(128 + floorDiv(dc + 4, 8));
+        return {value, value};
+    }
+    return {clampSample(128 + floorDiv(dc - 2 * spread, 8) - 2), clampSample(128 - floorDiv(-(dc + 2 * spread), 8) + 2)};
+}
+
+// A libjpeg destination that writes into a QByteArray, which the caller
+// owns whatever happens (libjpeg's own memory destination loses track of its
+// buffer when an error ends the write).
+struct ByteArrayDestination {
+    jpeg_destination_mgr pub{};
+    QByteArray* bytes = nullptr;
+
+    static ByteArrayDestination* of(j_compress_ptr info) { return reinterpret_cast<ByteArrayDestination*>(info->dest); }
+    static void init(j_compress_ptr info) { grow(info, 0); }
+    static boolean empty(j_compress_ptr info)
+    {
+        grow(info, of(info)->bytes->size());
+        return TRUE;
+    }
+    static void term(j_compress_ptr info)
+    {
+        QByteArray& bytes = *of(info)->bytes;
+        bytes.truncate(bytes.size() - qsizetype(of(info)->pub.free_in_buffer));
+    }
+    // Makes room after the first used bytes.
+    static void grow(j_compress_ptr info, qsizetype used)
+    {
+        QByteArray& bytes = *of(info)->bytes;
+        bool grown = true;
+        try {
+            bytes.resize(std::max<qsizetype>(2 * used, 1 << 16));
+        } catch (...) {
+            grown = false;
+        }
+        if (!grown) {
+            info->err->msg_code = JERR_OUT_OF_MEMORY;
+            info->err->error_exit(reinterpret_cast<j_common_ptr>(info));
+        }
+        of(info)->pub.next_output_byte = reinterpret_cast<JOCTET*>(bytes.data()) + used;
+        of(info)->pub.free_in_buffer = std::size_t(bytes.size() - used);
+    }
+};
+
+struct Raster {
+    std::vector<std::uint8_t> pixels;
+    std::int64_t width = 0, height = 0;
+    int components = 1;
+    const std::uint8_t* at(std::int64_t x, std::int64_t y) const
+    {
+        return pixels.data() + (y * width + x) * components;
+    }
+};
+
+// Decodes a whole JPEG held in memory, as the normal decoder does: libjpeg's
+// defaults (the integer IDCT and smooth upsampling), grey or RGB.
+bool decodeWhole(const unsigned char* data, unsigned long size, Raster& out)
+{
+    ErrorManager errors;
+    std::jmp_buf jump;
+    errors.jump = &jump;
+    jpeg_decompress_struct info{};
+    info.err = install(errors);
+    if (setjmp(jump)) {
+        jpeg_destroy_decompress(&info);
+        return false;
+    }
+    jpeg_create_decompress(&info);
+    jpeg_mem_src(&info, data, size);
+    jpeg_read_header(&info, TRUE);
+    info.out_color_space = info.num_components == 1 ? JCS_GRAYSCALE : JCS_RGB;
+    jpeg_start_decompress(&info);
+    out.width = info.output_width;
+    out.height = info.output_height;
+    out.components = info.output_components;
+    out.pixels.resize(std::size_t(out.width * out.height * out.components));
+    while (info.output_scanline < info.output_height) {
+        JSAMPROW row = out.pixels.data() + std::size_t(info.output_scanline) * out.width * out.components;
+        jpeg_read_scanlines(&info, &row, 1);
+    }
+    jpeg_finish_decompress(&info);
+    const bool clean = !errors.warned;
+    jpeg_destroy_decompress(&info);
+    return clean;
+}
+
+} // namespace
 
 PixelRect writtenRect(const PixelRect& rect, const Grid& grid)
 {
@@ -115,30 +203,348 @@ PixelRect writtenRect(const PixelRect& rect, const Grid& grid)
     return {left, top, right - left, bottom - top};
 }
 
-std::optional<QByteArray> crop(const QByteArray& jpeg, const PixelRect& rect)
+struct Blocks::Impl {
+    QByteArray file;
+    ErrorManager errors;
+    jpeg_decompress_struct source{};
+    jvirt_barray_ptr* coefficients = nullptr;
+    Grid grid;
+    bool progressive = false;
+    std::vector<JOCTET> profile; // the ICC profile, if the file has one
+    bool findsContent = false;
+
+    // Per 8 × 8 block of the image (the luma grid), the lowest value the
+    // smallest of red, green and blue can decode to anywhere in the block;
+    // -1 until needed.
+    std::int64_t blocksWide = 0, blocksHigh = 0;
+    std::vector<std::int16_t> lowest;
+    // Per block of each colour component: its sample range, widened by the
+    // neighbouring blocks that smooth upsampling blends in; lo = -1 until needed.
+    std::vector<Range> chroma[2];
+
+    ~Impl() { jpeg_destroy_decompress(&source); }
+
+    bool read();
+    // Every row of blocks of each component, held in memory by libjpeg.
+    std::vector<JBLOCKROW> rows[MAX_COMPONENTS];
+    JBLOCKROW blockRow(int component, JDIMENSION row) const { return rows[component][row]; }
+    Range blockRange(int component, std::int64_t bx, std::int64_t by)
+    {
+        const jpeg_component_info& c = source.comp_info[component];
+        return rangeOf(blockRow(component, JDIMENSION(by))[bx], c.quant_table->quantval);
+    }
+    Range chromaRange(int which, std::int64_t bx, std::int64_t by);
+    int lowestAt(std::int64_t bx, std::int64_t by);
+    bool write(const PixelRect& rect, bool progressiveOut, bool withProfile, QByteArray& out);
+    bool decodeRegion(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, Raster& raster,
+                      std::int64_t& originX, std::int64_t& originY);
+};
+
+bool Blocks::Impl::read()
 {
-    const std::optional<Grid> g = grid(jpeg);
-    if (!g || rect.width <= 0 || rect.height <= 0 || rect.x < 0 || rect.y < 0 || rect.x % g->blockWidth != 0
-        || rect.y % g->blockHeight != 0 || rect.x + rect.width > g->width || rect.y + rect.height > g->height)
+    std::jmp_buf jump;
+    errors.jump = &jump;
+    source.err = install(errors);
+    if (setjmp(jump))
+        return false;
+    jpeg_create_decompress(&source);
+    jpeg_mem_src(&source, reinterpret_cast<const unsigned char*>(file.constData()), static_cast<unsigned long>(file.size()));
+    jpeg_save_markers(&source, JPEG_APP0 + 2, 0xffff);
+    if (jpeg_read_header(&source, TRUE) != JPEG_HEADER_OK)
+        return false;
+    coefficients = jpeg_read_coefficients(&source);
+    if (!coefficients || errors.warned)
+        return false;
+    for (int ci = 0; ci < source.num_components; ++ci)
+        for (JDIMENSION row = 0; row < source.comp_info[ci].height_in_blocks; ++row)
+            rows[ci].push_back(source.mem->access_virt_barray(reinterpret_cast<j_common_ptr>(&source),
+                                                              coefficients[ci], row, 1, FALSE)[0]);
+    progressive = source.progressive_mode;
+    // A progressive file whose scans leave coefficients unfinished decodes
+    // with smoothing the blocks alone do not give: left to the normal path.
+    if (progressive)
+        for (int component = 0; component < source.num_components; ++component)
+            for (int k = 0; k < DCTSIZE2; ++k)
+                if (source.coef_bits[component][k] != 0)
+                    return false;
+    JOCTET* icc = nullptr;
+    unsigned int iccLength = 0;
+    if (jpeg_read_icc_profile(&source, &icc, &iccLength)) {
+        profile.assign(icc, icc + iccLength);
+        std::free(icc);
+    }
+    const bool grey = source.num_components == 1;
+    grid = {source.image_width, source.image_height, grey ? 8 : source.max_h_samp_factor * DCTSIZE,
+            grey ? 8 : source.max_v_samp_factor * DCTSIZE};
+
+    // Content is found from the blocks where the decoded pixels follow from
+    // them as sketched above: 8-bit grey, or YCbCr with full-resolution luma
+    // and one sample of each colour per iMCU.
+    const jpeg_component_info* c = source.comp_info;
+    const bool ycc = source.num_components == 3 && source.jpeg_color_space == JCS_YCbCr
+                     && c[0].h_samp_factor == source.max_h_samp_factor && c[0].v_samp_factor == source.max_v_samp_factor
+                     && c[0].h_samp_factor <= 2 && c[0].v_samp_factor <= 2 && c[1].h_samp_factor == 1
+                     && c[1].v_samp_factor == 1 && c[2].h_samp_factor == 1 && c[2].v_samp_factor == 1;
+    findsContent = source.data_precision == 8 && (grey || ycc);
+    blocksWide = ceilDiv(grid.width, 8);
+    blocksHigh = ceilDiv(grid.height, 8);
+    if (findsContent) {
+        lowest.assign(std::size_t(blocksWide * blocksHigh), -1);
+        if (ycc)
+            for (int which = 0; which < 2; ++which)
+                chroma[which].assign(std::size_t(c[1 + which].width_in_blocks * c[1 + which].height_in_blocks), {-1, -1});
+    }
+    return true;
+}
+
+Range Blocks::Impl::chromaRange(int which, std::int64_t bx, std::int64_t by)
+{
+    const jpeg_component_info& c = source.comp_info[1 + which];
+    const std::int64_t wide = c.width_in_blocks, high = c.height_in_blocks;
+    Range& cached = chroma[which][std::size_t(by * wide + bx)];
+    if (cached.lo >= 0)
+        return cached;
+    Range range{255, 0};
+    for (std::int64_t y = std::max<std::int64_t>(by - 1, 0); y <= std::min(by + 1, high - 1); ++y) {
+        for (std::int64_t x = std::max<std::int64_t>(bx - 1, 0); x <= std::min(bx + 1, wide - 1); ++x) {
+            const Range r = blockRange(1 + which, x, y);
+            range = {std::min(range.lo, r.lo), std::max(range.hi, r.hi)};
+        }
+    }
+    return cached = range;
+}
+
+int Blocks::Impl::lowestAt(std::int64_t bx, std::int64_t by)
+{
+    std::int16_t& cached = lowest[std::size_t(by * blocksWide + bx)];
+    if (cached >= 0)
+        return cached;
+    const int luma = blockRange(0, bx, by).lo;
+    if (source.num_components == 1)
+        return cached = std::int16_t(luma);
+    const int cx = int(bx / source.comp_info[0].h_samp_factor), cy = int(by / source.comp_info[0].v_samp_factor);
+    const Range cb = chromaRange(0, cx, cy), cr = chromaRange(1, cx, cy);
+    const int red = clampSample(luma + crToRed(cr.lo));
+    const int green = clampSample(luma + chromaToGreen(cb.hi, cr.hi));
+    const int blue = clampSample(luma + cbToBlue(cb.lo));
+    return cached = std::int16_t(std::min({red, green, blue}));
+}
+
+// Writes the blocks of rect (on the grid, inside the image) as a JPEG of
+// their own.
+bool Blocks::Impl::write(const PixelRect& rect, bool progressiveOut, bool withProfile, QByteArray& out)
+{
+    ErrorManager destinationErrors;
+    std::jmp_buf jump;
+    errors.jump = &jump;
+    destinationErrors.jump = &jump;
+    jpeg_compress_struct destination{};
+    destination.err = install(destinationErrors);
+    ByteArrayDestination sink;
+    sink.bytes = &out;
+    sink.pub.init_destination = ByteArrayDestination::init;
+    sink.pub.empty_output_buffer = ByteArrayDestination::empty;
+    sink.pub.term_destination = ByteArrayDestination::term;
+    if (setjmp(jump)) {
+        jpeg_destroy_compress(&destination);
+        return false;
+    }
+    jpeg_create_compress(&destination);
+    destination.dest = &sink.pub;
+    jpeg_copy_critical_parameters(&source, &destination);
+    destination.image_width = JDIMENSION(rect.width);
+    destination.image_height = JDIMENSION(rect.height);
+    const bool grey = source.num_components == 1;
+    if (grey) // one component is coded block by block, whatever its sampling factors say
+        destination.comp_info[0].h_samp_factor = destination.comp_info[0].v_samp_factor = 1;
+    if (progressiveOut)
+        jpeg_simple_progression(&destination);
+
+    jvirt_barray_ptr arrays[MAX_COMPONENTS];
+    const int maxH = grey ? 1 : source.max_h_samp_factor, maxV = grey ? 1 : source.max_v_samp_factor;
+    for (int ci = 0; ci < source.num_components; ++ci) {
+        const int h = destination.comp_info[ci].h_samp_factor, v = destination.comp_info[ci].v_samp_factor;
+        const auto wide = JDIMENSION(ceilDiv(rect.width * h, maxH * DCTSIZE));
+        const auto high = JDIMENSION(ceilDiv(rect.height * v, maxV * DCTSIZE));
+        arrays[ci] = destination.mem->request_virt_barray(reinterpret_cast<j_common_ptr>(&destination), JPOOL_IMAGE,
+                                                          TRUE, JDIMENSION(ceilDiv(wide, h) * h),
+                                                          JDIMENSION(ceilDiv(high, v) * v), JDIMENSION(v));
+    }
+    destination.mem->realize_virt_arrays(reinterpret_cast<j_common_ptr>(&destination));
+    for (int ci = 0; ci < source.num_components; ++ci) {
+        const int h = destination.comp_info[ci].h_samp_factor, v = destination.comp_info[ci].v_samp_factor;
+        const auto wide = std::size_t(ceilDiv(rect.width * h, maxH * DCTSIZE));
+        const auto high = JDIMENSION(ceilDiv(rect.height * v, maxV * DCTSIZE));
+        const auto left = std::size_t(rect.x / (maxH * DCTSIZE) * h);
+        const auto top = JDIMENSION(rect.y / (maxV * DCTSIZE) * v);
+        for (JDIMENSION row = 0; row < high; ++row) {
+            const JBLOCKROW from = blockRow(ci, top + row);
+            const JBLOCKROW to = destination.mem->access_virt_barray(reinterpret_cast<j_common_ptr>(&destination),
+                                                                     arrays[ci], row, 1, TRUE)[0];
+            std::memcpy(to, from + left, wide * sizeof(JBLOCK));
+        }
+    }
+    jpeg_write_coefficients(&destination, arrays);
+    if (withProfile && !profile.empty())
+        jpeg_write_icc_profile(&destination, profile.data(), unsigned(profile.size()));
+    jpeg_finish_compress(&destination);
+    jpeg_destroy_compress(&destination);
+    return true;
+}
+
+// The exact pixels of [x0, x1) × [y0, y1): the blocks around them written as
+// a small JPEG and decoded. Smooth upsampling blends each pixel with the
+// colour samples beside it, so the small file reaches a grid step beyond the
+// region on every side that is not the image's own edge, where a decoder of
+// the whole file would see the same samples.
+bool Blocks::Impl::decodeRegion(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, Raster& raster,
+                                std::int64_t& originX, std::int64_t& originY)
+{
+    const std::int64_t left = alignDown(std::max<std::int64_t>(x0 - grid.blockWidth, 0), grid.blockWidth);
+    const std::int64_t top = alignDown(std::max<std::int64_t>(y0 - grid.blockHeight, 0), grid.blockHeight);
+    const std::int64_t right = std::min(x1 + grid.blockWidth, grid.width);
+    const std::int64_t bottom = std::min(y1 + grid.blockHeight, grid.height);
+    QByteArray jpeg;
+    if (!write({left, top, right - left, bottom - top}, false, false, jpeg))
+        return false;
+    originX = left;
+    originY = top;
+    return decodeWhole(reinterpret_cast<const unsigned char*>(jpeg.constData()), static_cast<unsigned long>(jpeg.size()), raster);
+}
+
+std::unique_ptr<Blocks> Blocks::read(const QByteArray& jpeg)
+{
+    if (jpeg.size() < 4 || uchar(jpeg.at(0)) != 0xff || uchar(jpeg.at(1)) != 0xd8)
+        return nullptr;
+    auto impl = std::make_unique<Impl>();
+    impl->file = jpeg;
+    if (!impl->read())
+        return nullptr;
+    return std::unique_ptr<Blocks>(new Blocks(std::move(impl)));
+}
+
+Blocks::Blocks(std::unique_ptr<Impl> impl)
+    : d(std::move(impl))
+{
+}
+
+Blocks::~Blocks() = default;
+
+const Grid& Blocks::grid() const
+{
+    return d->grid;
+}
+
+Blocks::Content Blocks::contentRect(double tolerance)
+{
+    const std::int64_t width = d->grid.width, height = d->grid.height;
+    if (!d->findsContent)
+        return {};
+    if (tolerance <= 0)
+        return {true, PixelRect{0, 0, width, height}};
+    const int whiteness = CropEngine::cutOffs(tolerance).whiteness;
+
+    // The blocks that may hold content; everything outside their bounding
+    // box is background by the coefficients alone.
+    std::int64_t bx0 = d->blocksWide, bx1 = -1, by0 = -1, by1 = -1;
+    const auto mayHoldContent = [&](std::int64_t bx, std::int64_t by) { return d->lowestAt(bx, by) < whiteness; };
+    for (std::int64_t by = 0; by < d->blocksHigh && by0 < 0; ++by)
+        for (std::int64_t bx = 0; bx < d->blocksWide; ++bx)
+            if (mayHoldContent(bx, by)) {
+                by0 = by;
+                break;
+            }
+    if (by0 < 0)
+        return {true, std::nullopt};
+    for (std::int64_t by = d->blocksHigh - 1; by >= by0 && by1 < 0; --by)
+        for (std::int64_t bx = 0; bx < d->blocksWide; ++bx)
+            if (mayHoldContent(bx, by)) {
+                by1 = by;
+                break;
+            }
+    for (std::int64_t by = by0; by <= by1; ++by) {
+        for (std::int64_t bx = 0; bx < bx0; ++bx)
+            if (mayHoldContent(bx, by)) {
+                bx0 = bx;
+                break;
+            }
+        for (std::int64_t bx = d->blocksWide - 1; bx > bx1; --bx)
+            if (mayHoldContent(bx, by)) {
+                bx1 = bx;
+                break;
+            }
+    }
+    const std::int64_t cx0 = bx0 * 8, cx1 = std::min((bx1 + 1) * 8, width);
+    const std::int64_t cy0 = by0 * 8, cy1 = std::min((by1 + 1) * 8, height);
+
+    // Within that box, strips from each side are decoded, growing until they
+    // meet content.
+    Raster raster;
+    std::int64_t ox = 0, oy = 0;
+    const auto isContent = [&](std::int64_t x, std::int64_t y) {
+        const std::uint8_t* p = raster.at(x - ox, y - oy);
+        return (raster.components == 1 ? p[0] : std::min({p[0], p[1], p[2]})) < whiteness;
+    };
+    std::int64_t left = -1, right = -1, top = -1, bottom = -1;
+    for (std::int64_t from = cx0, step = 64; left < 0 && from < cx1; from += step, step *= 4) {
+        const std::int64_t to = std::min(from + step, cx1);
+        if (!d->decodeRegion(from, cy0, to, cy1, raster, ox, oy))
+            return {};
+        for (std::int64_t y = cy0; y < cy1; ++y)
+            for (std::int64_t x = from; x < (left < 0 ? to : left); ++x)
+                if (isContent(x, y)) {
+                    left = x;
+                    break;
+                }
+    }
+    if (left < 0)
+        return {true, std::nullopt};
+    for (std::int64_t to = cx1, step = 64; right < 0; to -= step, step *= 4) {
+        const std::int64_t from = std::max(to - step, left);
+        if (!d->decodeRegion(from, cy0, to, cy1, raster, ox, oy))
+            return {};
+        for (std::int64_t y = cy0; y < cy1; ++y)
+            for (std::int64_t x = to - 1; x >= std::max(from, right + 1); --x)
+                if (isContent(x, y)) {
+                    right = x;
+                    break;
+                }
+    }
+    for (std::int64_t from = cy0, step = 64; top < 0; from += step, step *= 4) {
+        const std::int64_t to = std::min(from + step, cy1);
+        if (!d->decodeRegion(left, from, right + 1, to, raster, ox, oy))
+            return {};
+        for (std::int64_t y = from; y < to && top < 0; ++y)
+            for (std::int64_t x = left; x <= right; ++x)
+                if (isContent(x, y)) {
+                    top = y;
+                    break;
+                }
+    }
+    for (std::int64_t to = cy1, step = 64; bottom < 0; to -= step, step *= 4) {
+        const std::int64_t from = std::max(to - step, top);
+        if (!d->decodeRegion(left, from, right + 1, to, raster, ox, oy))
+            return {};
+        for (std::int64_t y = to - 1; y >= from && bottom < 0; --y)
+            for (std::int64_t x = left; x <= right; ++x)
+                if (isContent(x, y)) {
+                    bottom = y;
+                    break;
+                }
+    }
+    return {true, PixelRect{left, top, right - left + 1, bottom - top + 1}};
+}
+
+std::optional<QByteArray> Blocks::crop(const PixelRect& rect)
+{
+    const Grid& g = d->grid;
+    if (rect.width <= 0 || rect.height <= 0 || rect.x < 0 || rect.y < 0 || rect.x % g.blockWidth != 0
+        || rect.y % g.blockHeight != 0 || rect.x + rect.width > g.width || rect.y + rect.height > g.height)
         return std::nullopt;
-    const Handle handle(tjInitTransform());
-    if (!handle)
+    QByteArray file;
+    if (!d->write(rect, d->progressive, true, file))
         return std::nullopt;
-    const Markers markers = markersOf(jpeg);
-    tjtransform transform{};
-    transform.r = {int(rect.x), int(rect.y), int(rect.width), int(rect.height)};
-    transform.op = TJXOP_NONE;
-    // Markers are left behind (EXIF, XMP, comments …) and the profile put
-    // back by hand: libjpeg-turbo copies either all of them or none.
-    transform.options = TJXOPT_CROP | TJXOPT_COPYNONE | (markers.progressive ? TJXOPT_PROGRESSIVE : 0);
-    unsigned char* out = nullptr;
-    unsigned long outSize = 0;
-    const int status = tjTransform(handle.get(), reinterpret_cast<const unsigned char*>(jpeg.constData()),
-                                   static_cast<unsigned long>(jpeg.size()), 1, &out, &outSize, &transform, 0);
-    const std::unique_ptr<unsigned char, BufferDeleter> owned(out);
-    if (status != 0 || !out || outSize == 0)
-        return std::nullopt;
-    return withProfile(out, outSize, markers.profile);
+    return file;
 }
 
 } // namespace orvane::LosslessJpeg

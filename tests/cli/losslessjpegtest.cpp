@@ -143,6 +143,58 @@ TEST(LosslessJpeg, EveryContentPixelIsKeptExactlyInARectangleOnTheGrid)
     }
 }
 
+// The rectangle found from the compressed blocks must be the decoded image's
+// own, also where a border sits right at the whiteness cut-off (226 at the
+// default tolerance), is grainy, or hides one dark pixel far from the rest.
+TEST(LosslessJpeg, FindsTheDecodedImagesRectangle)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const auto save = [&](const VImage& image, const QString& name, bool subsampled, bool progressive = false) {
+        image.jpegsave(QFile::encodeName(dir.filePath(name)).constData(),
+                       VImage::option()->set("Q", 90)->set("interlace", progressive)->set(
+                           "subsample_mode", subsampled ? VIPS_FOREIGN_SUBSAMPLE_ON : VIPS_FOREIGN_SUBSAMPLE_OFF));
+    };
+    const VImage content = sample(60, 40, 0, 0, 60, 40, 3, 11);
+    for (const int level : {224, 225, 226, 227}) {
+        for (int channel = 0; channel < 3; ++channel) { // the smallest byte decides
+            std::vector<double> border{255, 250, 255};
+            border[std::size_t(channel)] = level;
+            const VImage image = content.embed(70, 50, 210, 150, VImage::option()->set("extend", VIPS_EXTEND_BACKGROUND)->set("background", border));
+            save(image, QStringLiteral("border-%1-%2.jpg").arg(level).arg(channel), channel != 1);
+        }
+        const VImage grey = content.extract_band(1).embed(70, 50, 210, 150, VImage::option()->set("extend", VIPS_EXTEND_BACKGROUND)->set("background", std::vector<double>{double(level)}));
+        save(grey.copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_B_W)), QStringLiteral("grey-%1.jpg").arg(level), false, level % 2);
+    }
+    const VImage grain = (VImage::gaussnoise(300, 200, VImage::option()->set("mean", 236.0)->set("sigma", 5.0)->set("seed", 4)))
+                             .cast(VIPS_FORMAT_UCHAR);
+    save(grain.bandjoin(grain).bandjoin(grain).insert(content, 150, 90).copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB)),
+         QStringLiteral("grainy.jpg"), true);
+    VImage speck = sample(400, 300, 250, 150, 60, 40, 3, 5).copy_memory();
+    speck.draw_rect({0, 0, 0}, 3, 290, 1, 1);
+    save(speck, QStringLiteral("speck.jpg"), true, true);
+    save(sample(90, 70, 0, 0, 1, 1, 3, 1).extract_area(1, 1, 89, 69), QStringLiteral("white.jpg"), true);
+    save(sample(120, 90, 0, 0, 120, 90, 3, 1), QStringLiteral("full.jpg"), true);
+
+    const TrimRun measured = trim({QStringLiteral("--json"), QStringLiteral("-n"), dir.path()});
+    QDir(dir.path()).mkdir(QStringLiteral("out"));
+    const TrimRun cut = trim({QStringLiteral("--json"), QStringLiteral("--lossless"), QStringLiteral("-o"), dir.filePath(QStringLiteral("out")), dir.path()});
+    ASSERT_EQ(cut.exitCode, 0) << cut.err.toStdString();
+    const QHash<QString, QJsonObject> expected = byName(measured.out), got = byName(cut.out);
+    ASSERT_EQ(expected.size(), 20);
+    const auto rectIn = [](const QJsonObject& o) {
+        const QJsonValue rect = o.value(QLatin1String("rects")).toArray().at(0).toObject().value(QLatin1String("rect"));
+        return QJsonDocument(rect.toArray()).toJson(QJsonDocument::Compact).toStdString();
+    };
+    for (auto it = expected.begin(); it != expected.end(); ++it) {
+        SCOPED_TRACE(it.key().toStdString());
+        EXPECT_EQ(rectIn(got.value(it.key())), rectIn(it.value()));
+    }
+    EXPECT_EQ(got.value(QStringLiteral("white.jpg")).value(QLatin1String("status")).toString(), QStringLiteral("nothing"));
+    EXPECT_EQ(got.value(QStringLiteral("full.jpg")).value(QLatin1String("status")).toString(), QStringLiteral("unchanged"));
+    EXPECT_EQ(rectIn(got.value(QStringLiteral("speck.jpg"))).substr(0, 3), "[3,");
+}
+
 TEST(LosslessJpeg, KeepsTheProfileAndDropsOtherMetadata)
 {
     QTemporaryDir dir;
