@@ -87,14 +87,17 @@ struct Range {
 
 Range rangeOf(const JCOEF* coef, const UINT16* quant)
 {
-    std::int64_t spread64 = 0;
+    int any = 0; // any AC coefficient set
     for (int k = 1; k < DCTSIZE2; ++k)
-        spread64 += std::abs(std::int64_t(coef[k]) * quant[k]);
+        any |= coef[k];
     const std::int64_t dc64 = std::int64_t(coef[0]) * quant[0];
+    std::int64_t spread64 = 0;
+    for (int k = 1; any != 0 && k < DCTSIZE2; ++k)
+        spread64 += std::abs(std::int64_t(coef[k]) * quant[k]);
     if (std::abs(dc64) + 2 * spread64 > 8 * 380)
         return {}; // beyond what libjpeg's range limiting clamps (far out it wraps)
     const int dc = int(dc64), spread = int(spread64);
-    if (spread == 0) {
+    if (any == 0) {
         const int value = clampSample(128 + floorDiv(dc + 4, 8));
         return {value, value};
     }
@@ -212,15 +215,17 @@ struct Blocks::Impl {
     bool progressive = false;
     std::vector<JOCTET> profile; // the ICC profile, if the file has one
     bool findsContent = false;
+    bool spent = false; // the blocks have been moved by a cut
 
     // Per 8 × 8 block of the image (the luma grid), the lowest value the
     // smallest of red, green and blue can decode to anywhere in the block;
     // -1 until needed.
     std::int64_t blocksWide = 0, blocksHigh = 0;
     std::vector<std::int16_t> lowest;
-    // Per block of each colour component: its sample range, widened by the
-    // neighbouring blocks that smooth upsampling blends in; lo = -1 until needed.
-    std::vector<Range> chroma[2];
+    // Per block of each colour component: its sample range, and that range
+    // widened by the neighbouring blocks that smooth upsampling blends in;
+    // lo = -1 until needed.
+    std::vector<Range> chroma[2], chromaAround[2];
 
     ~Impl() { jpeg_destroy_decompress(&source); }
 
@@ -235,7 +240,7 @@ struct Blocks::Impl {
     }
     Range chromaRange(int which, std::int64_t bx, std::int64_t by);
     int lowestAt(std::int64_t bx, std::int64_t by);
-    bool write(const PixelRect& rect, bool progressiveOut, bool withProfile, QByteArray& out);
+    bool write(const PixelRect& rect, bool progressiveOut, bool withProfile, bool inPlace, QByteArray& out);
     bool decodeRegion(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, Raster& raster,
                       std::int64_t& originX, std::int64_t& originY);
 };
@@ -292,7 +297,8 @@ bool Blocks::Impl::read()
         lowest.assign(std::size_t(blocksWide * blocksHigh), -1);
         if (ycc)
             for (int which = 0; which < 2; ++which)
-                chroma[which].assign(std::size_t(c[1 + which].width_in_blocks * c[1 + which].height_in_blocks), {-1, -1});
+                chroma[which] = chromaAround[which] = std::vector<Range>(
+                    std::size_t(c[1 + which].width_in_blocks * c[1 + which].height_in_blocks), Range{-1, -1});
     }
     return true;
 }
@@ -301,13 +307,15 @@ Range Blocks::Impl::chromaRange(int which, std::int64_t bx, std::int64_t by)
 {
     const jpeg_component_info& c = source.comp_info[1 + which];
     const std::int64_t wide = c.width_in_blocks, high = c.height_in_blocks;
-    Range& cached = chroma[which][std::size_t(by * wide + bx)];
+    Range& cached = chromaAround[which][std::size_t(by * wide + bx)];
     if (cached.lo >= 0)
         return cached;
     Range range{255, 0};
     for (std::int64_t y = std::max<std::int64_t>(by - 1, 0); y <= std::min(by + 1, high - 1); ++y) {
         for (std::int64_t x = std::max<std::int64_t>(bx - 1, 0); x <= std::min(bx + 1, wide - 1); ++x) {
-            const Range r = blockRange(1 + which, x, y);
+            Range& r = chroma[which][std::size_t(y * wide + x)];
+            if (r.lo < 0)
+                r = blockRange(1 + which, x, y);
             range = {std::min(range.lo, r.lo), std::max(range.hi, r.hi)};
         }
     }
@@ -331,8 +339,10 @@ int Blocks::Impl::lowestAt(std::int64_t bx, std::int64_t by)
 }
 
 // Writes the blocks of rect (on the grid, inside the image) as a JPEG of
-// their own.
-bool Blocks::Impl::write(const PixelRect& rect, bool progressiveOut, bool withProfile, QByteArray& out)
+// their own. In place, the blocks are moved to the top left of the source's
+// own arrays (which are then no longer the source's) instead of copied.
+bool Blocks::Impl::write(const PixelRect& rect, bool progressiveOut, bool withProfile, bool inPlace,
+                         QByteArray& out)
 {
     ErrorManager destinationErrors;
     std::jmp_buf jump;
@@ -362,26 +372,34 @@ bool Blocks::Impl::write(const PixelRect& rect, bool progressiveOut, bool withPr
 
     jvirt_barray_ptr arrays[MAX_COMPONENTS];
     const int maxH = grey ? 1 : source.max_h_samp_factor, maxV = grey ? 1 : source.max_v_samp_factor;
-    for (int ci = 0; ci < source.num_components; ++ci) {
+    const auto blocksOf = [&](int ci) {
         const int h = destination.comp_info[ci].h_samp_factor, v = destination.comp_info[ci].v_samp_factor;
-        const auto wide = JDIMENSION(ceilDiv(rect.width * h, maxH * DCTSIZE));
-        const auto high = JDIMENSION(ceilDiv(rect.height * v, maxV * DCTSIZE));
+        return std::pair{JDIMENSION(ceilDiv(rect.width * h, maxH * DCTSIZE)), JDIMENSION(ceilDiv(rect.height * v, maxV * DCTSIZE))};
+    };
+    for (int ci = 0; ci < source.num_components && !inPlace; ++ci) {
+        const int h = destination.comp_info[ci].h_samp_factor, v = destination.comp_info[ci].v_samp_factor;
+        const auto [wide, high] = blocksOf(ci);
         arrays[ci] = destination.mem->request_virt_barray(reinterpret_cast<j_common_ptr>(&destination), JPOOL_IMAGE,
                                                           TRUE, JDIMENSION(ceilDiv(wide, h) * h),
                                                           JDIMENSION(ceilDiv(high, v) * v), JDIMENSION(v));
     }
-    destination.mem->realize_virt_arrays(reinterpret_cast<j_common_ptr>(&destination));
+    if (!inPlace)
+        destination.mem->realize_virt_arrays(reinterpret_cast<j_common_ptr>(&destination));
     for (int ci = 0; ci < source.num_components; ++ci) {
-        const int h = destination.comp_info[ci].h_samp_factor, v = destination.comp_info[ci].v_samp_factor;
-        const auto wide = std::size_t(ceilDiv(rect.width * h, maxH * DCTSIZE));
-        const auto high = JDIMENSION(ceilDiv(rect.height * v, maxV * DCTSIZE));
-        const auto left = std::size_t(rect.x / (maxH * DCTSIZE) * h);
-        const auto top = JDIMENSION(rect.y / (maxV * DCTSIZE) * v);
+        const auto [wide, high] = blocksOf(ci);
+        const auto left = std::size_t(rect.x / (maxH * DCTSIZE) * destination.comp_info[ci].h_samp_factor);
+        const auto top = JDIMENSION(rect.y / (maxV * DCTSIZE) * destination.comp_info[ci].v_samp_factor);
+        if (inPlace)
+            arrays[ci] = coefficients[ci];
         for (JDIMENSION row = 0; row < high; ++row) {
-            const JBLOCKROW from = blockRow(ci, top + row);
-            const JBLOCKROW to = destination.mem->access_virt_barray(reinterpret_cast<j_common_ptr>(&destination),
-                                                                     arrays[ci], row, 1, TRUE)[0];
-            std::memcpy(to, from + left, wide * sizeof(JBLOCK));
+            const JBLOCKROW from = blockRow(ci, top + row) + left;
+            if (inPlace) {
+                if (from != blockRow(ci, row))
+                    std::memmove(blockRow(ci, row), from, wide * sizeof(JBLOCK));
+            } else {
+                std::memcpy(destination.mem->access_virt_barray(reinterpret_cast<j_common_ptr>(&destination), arrays[ci], row, 1, TRUE)[0],
+                            from, wide * sizeof(JBLOCK));
+            }
         }
     }
     jpeg_write_coefficients(&destination, arrays);
@@ -405,7 +423,7 @@ bool Blocks::Impl::decodeRegion(std::int64_t x0, std::int64_t y0, std::int64_t x
     const std::int64_t right = std::min(x1 + grid.blockWidth, grid.width);
     const std::int64_t bottom = std::min(y1 + grid.blockHeight, grid.height);
     QByteArray jpeg;
-    if (!write({left, top, right - left, bottom - top}, false, false, jpeg))
+    if (!write({left, top, right - left, bottom - top}, false, false, false, jpeg))
         return false;
     originX = left;
     originY = top;
@@ -542,8 +560,9 @@ std::optional<QByteArray> Blocks::crop(const PixelRect& rect)
         || rect.y % g.blockHeight != 0 || rect.x + rect.width > g.width || rect.y + rect.height > g.height)
         return std::nullopt;
     QByteArray file;
-    if (!d->write(rect, d->progressive, true, file))
+    if (d->spent || !d->write(rect, d->progressive, true, true, file))
         return std::nullopt;
+    d->spent = true;
     return file;
 }
 

@@ -60,7 +60,8 @@ public:
     /// staying progressive; of the source's metadata only the ICC profile
     /// (and the resolution of its JFIF header) is kept, as in a normal save.
     /// rect must lie in the image and start on the grid (writtenRect() gives
-    /// such a rectangle). Absent when the cut cannot be written.
+    /// such a rectangle). Absent when the cut cannot be written. The blocks
+    /// are moved, not copied, to make the cut: call it last, and once.
     std::optional<QByteArray> crop(const PixelRect& rect);
 
 private:
