@@ -3,10 +3,14 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <memory>
+
+#include <QFile>
 
 #include "engine/cropengine.h"
 #include "imagefile/imagefile.h"
 #include "imagefile/imagesource.h"
+#include "imagefile/losslessjpeg.h"
 
 namespace orvane::LoadCheck {
 namespace {
@@ -126,6 +130,44 @@ QString checkStreamed(const QString& path, const CropEngine::Buffer& buffer, con
     return {};
 }
 
+// A JPEG's compressed blocks, where they can tell, must find the buffer's
+// rectangle at every tolerance, and their cut must be a JPEG of the size
+// written, holding that rectangle.
+QString checkLossless(const QString& path, const CropEngine::Buffer& buffer, const std::array<double, 9>& tolerances)
+{
+    QFile file(path);
+    const std::unique_ptr<LosslessJpeg::Blocks> blocks =
+        file.open(QIODevice::ReadOnly) ? LosslessJpeg::Blocks::read(file.readAll()) : nullptr;
+    if (!blocks)
+        return {};
+    const LosslessJpeg::Grid& grid = blocks->grid();
+    if (grid.width != buffer.width() || grid.height != buffer.height())
+        return QStringLiteral("blocks of %1x%2 for %3x%4")
+            .arg(grid.width).arg(grid.height).arg(buffer.width()).arg(buffer.height());
+    std::optional<PixelRect> kept;
+    for (const double tolerance : tolerances) {
+        const LosslessJpeg::Blocks::Content content = blocks->contentRect(tolerance);
+        const auto expected = CropEngine::contentRect(buffer, tolerance);
+        if (content.told && content.rect != expected)
+            return QStringLiteral("tolerance %1: blocks %2, buffer %3")
+                .arg(tolerance).arg(rectText(content.rect), rectText(expected));
+        if (expected && tolerance == 25.0)
+            kept = LosslessJpeg::writtenRect(*expected, grid);
+    }
+    if (!kept)
+        return {};
+    const std::optional<QByteArray> cut = blocks->crop(*kept);
+    if (!cut)
+        return QStringLiteral("no lossless cut of %1").arg(rectText(kept));
+    try {
+        const vips::VImage image = vips::VImage::new_from_buffer(cut->constData(), std::size_t(cut->size()), "");
+        if (image.width() == kept->width && image.height() == kept->height)
+            return {};
+    } catch (const vips::VError&) {
+    }
+    return QStringLiteral("the lossless cut of %1 does not load as such").arg(rectText(kept));
+}
+
 } // namespace
 
 void prepare()
@@ -182,7 +224,9 @@ QString check(const QString& path, const QString& savePath)
             return QStringLiteral("tolerance %1: %2").arg(tolerance).arg(fault);
         saved = saved || save;
     }
-    return checkStreamed(path, *buffer, tolerances);
+    if (QString fault = checkStreamed(path, *buffer, tolerances); !fault.isEmpty())
+        return fault;
+    return loaded->type == ImageType::jpeg() ? checkLossless(path, *buffer, tolerances) : QString();
 }
 
 } // namespace orvane::LoadCheck
