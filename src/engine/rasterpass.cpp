@@ -15,12 +15,20 @@ namespace orvane::RasterPass {
 namespace {
 
 // Adds a row of bytes to running column sums; the hot loop of the copies.
-template<typename Sum>
-__attribute__((target_clones("avx2", "default"))) void addBytes(Sum* __restrict sums, const std::uint8_t* __restrict row,
-                                                                 std::size_t count)
+// Two plain functions rather than a template: clang cannot make clones of
+// a template for each processor.
+__attribute__((target_clones("avx2", "default"))) void addBytes(std::uint16_t* __restrict sums,
+                                                                 const std::uint8_t* __restrict row, std::size_t count)
 {
     for (std::size_t i = 0; i < count; ++i)
-        sums[i] = Sum(sums[i] + row[i]);
+        sums[i] = std::uint16_t(sums[i] + row[i]);
+}
+
+__attribute__((target_clones("avx2", "default"))) void addBytes(std::uint32_t* __restrict sums,
+                                                                 const std::uint8_t* __restrict row, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; ++i)
+        sums[i] += row[i];
 }
 
 // Reduces a raster fed row by row, top to bottom, by averaging boxes: source
