@@ -144,28 +144,40 @@ QString checkLossless(const QString& path, const CropEngine::Buffer& buffer, con
     if (grid.width != buffer.width() || grid.height != buffer.height())
         return QStringLiteral("blocks of %1x%2 for %3x%4")
             .arg(grid.width).arg(grid.height).arg(buffer.width()).arg(buffer.height());
-    std::optional<PixelRect> kept;
+    std::optional<PixelRect> content;
     for (const double tolerance : tolerances) {
-        const LosslessJpeg::Blocks::Content content = blocks->contentRect(tolerance);
+        const LosslessJpeg::Blocks::Content found = blocks->contentRect(tolerance);
         const auto expected = CropEngine::contentRect(buffer, tolerance);
-        if (content.told && content.rect != expected)
+        if (found.told && found.rect != expected)
             return QStringLiteral("tolerance %1: blocks %2, buffer %3")
-                .arg(tolerance).arg(rectText(content.rect), rectText(expected));
-        if (expected && tolerance == 25.0)
-            kept = LosslessJpeg::writtenRect(*expected, grid);
+                .arg(tolerance).arg(rectText(found.rect), rectText(expected));
+        if (tolerance == 25.0)
+            content = expected;
     }
-    if (!kept)
+    if (!content)
         return {};
-    const std::optional<QByteArray> cut = blocks->crop(*kept);
+    // A cut may be refused (the file is then trimmed as usual), but one that
+    // is made must decode to the very pixels of the content.
+    const PixelRect kept = LosslessJpeg::writtenRect(*content, grid);
+    const std::optional<QByteArray> cut = blocks->crop(kept);
     if (!cut)
-        return QStringLiteral("no lossless cut of %1").arg(rectText(kept));
+        return {};
+    const auto pixels = [](const vips::VImage& image, const PixelRect& r) {
+        std::size_t size = 0;
+        void* data = image.extract_area(int(r.x), int(r.y), int(r.width), int(r.height)).write_to_memory(&size);
+        QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
+        g_free(data);
+        return bytes;
+    };
     try {
         const vips::VImage image = vips::VImage::new_from_buffer(cut->constData(), std::size_t(cut->size()), "");
-        if (image.width() == kept->width && image.height() == kept->height)
+        if (image.width() == kept.width && image.height() == kept.height
+            && pixels(image, {content->x - kept.x, content->y - kept.y, content->width, content->height})
+                   == pixels(buffer.image(), *content))
             return {};
     } catch (const vips::VError&) {
     }
-    return QStringLiteral("the lossless cut of %1 does not load as such").arg(rectText(kept));
+    return QStringLiteral("the lossless cut of %1 does not decode to the content").arg(rectText(kept));
 }
 
 } // namespace

@@ -142,6 +142,18 @@ struct ByteArrayDestination {
     }
 };
 
+// Whether blocks hold only coefficients that baseline Huffman coding can
+// write: up to 10 bits (and a DC difference of up to 11). A damaged file can
+// decode to larger ones, which libjpeg-turbo would write as garbage.
+bool encodable(const JBLOCK* blocks, std::size_t count)
+{
+    const JCOEF* c = blocks[0];
+    unsigned outside = 0;
+    for (std::size_t i = 0; i < count * DCTSIZE2; ++i)
+        outside |= unsigned(c[i] + 1023) > 2046u;
+    return outside == 0;
+}
+
 struct Raster {
     std::vector<std::uint8_t> pixels;
     std::int64_t width = 0, height = 0;
@@ -393,6 +405,10 @@ bool Blocks::Impl::write(const PixelRect& rect, bool progressiveOut, bool withPr
             arrays[ci] = coefficients[ci];
         for (JDIMENSION row = 0; row < high; ++row) {
             const JBLOCKROW from = blockRow(ci, top + row) + left;
+            if (!encodable(from, wide)) {
+                destination.err->msg_code = JERR_BAD_DCT_COEF;
+                destination.err->error_exit(reinterpret_cast<j_common_ptr>(&destination));
+            }
             if (inPlace) {
                 if (from != blockRow(ci, row))
                     std::memmove(blockRow(ci, row), from, wide * sizeof(JBLOCK));
