@@ -47,9 +47,9 @@ struct FeedItem {
     QString title;
 };
 
-/// bytes as a gzip file (stored, not compressed): what a server sends for a
-/// .tar.gz, and what Qt would decompress if left to itself.
-inline QByteArray gzipStored(const QByteArray& bytes)
+/// bytes as a gzip file: what a server sends for a .tar.gz, and what Qt
+/// would decompress if left to itself.
+inline QByteArray gzipped(const QByteArray& bytes)
 {
     quint32 crc = 0xffffffffu;
     for (const char c : bytes) {
@@ -57,29 +57,13 @@ inline QByteArray gzipStored(const QByteArray& bytes)
         for (int k = 0; k < 8; ++k)
             crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
     }
-    crc = ~crc;
-    auto le32 = [](quint32 v) {
-        QByteArray four(4, '\0');
+    QByteArray trailer;
+    for (const quint32 v : {~crc, quint32(bytes.size())})
         for (int i = 0; i < 4; ++i)
-            four[i] = char(v >> (8 * i));
-        return four;
-    };
-    QByteArray out("\x1f\x8b\x08\0\0\0\0\0\0\xff", 10);
-    for (qsizetype at = 0; at < bytes.size() || at == 0; at += 0xffff) {
-        const QByteArray block = bytes.mid(at, 0xffff);
-        const quint16 len = quint16(block.size());
-        out += char(at + 0xffff >= bytes.size() ? 1 : 0); // last block, stored
-        out += char(len);
-        out += char(len >> 8);
-        out += char(~len);
-        out += char(quint16(~len) >> 8);
-        out += block;
-        if (bytes.isEmpty())
-            break;
-    }
-    out += le32(crc);
-    out += le32(quint32(bytes.size()));
-    return out;
+            trailer += char(v >> (8 * i));
+    // qCompress gives a 4-byte length, a 2-byte zlib header, the raw deflate
+    // stream and a 4-byte checksum; gzip wants the stream alone.
+    return QByteArray("\x1f\x8b\x08\0\0\0\0\0\0\xff", 10) + qCompress(bytes).mid(6).chopped(4) + trailer;
 }
 
 inline QByteArray makeFeed(const QList<FeedItem>& items)
