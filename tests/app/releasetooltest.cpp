@@ -7,15 +7,13 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include "app/updatechecker.h"
-#include "localhttpserver.h"
+#include "support/testfiles.h"
+#include "updatetestsupport.h"
 
 using namespace orvane;
-using orvane::test::LocalHttpServer;
+using namespace orvane::test;
 
 namespace {
-
-constexpr int kWait = 20'000;
 
 struct Run {
     int status = -1;
@@ -38,18 +36,6 @@ QByteArray wrapFeed(const QByteArray& items)
     return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
            "<rss version=\"2.0\" xmlns:orvane=\"https://orvane.app/xml/appcast\">\n<channel>\n"
         + items + "\n</channel>\n</rss>\n";
-}
-
-bool writeFile(const QString& path, const QByteArray& bytes)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-}
-
-QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 } // namespace
@@ -107,17 +93,10 @@ private Q_SLOTS:
             feed.replace("<title>Orvane", "<title>Orvane!");
         if (tamper == QLatin1String("file"))
             served[served.size() / 2] = '!';
-        server.setResponse(QStringLiteral("/appcast.xml"), {200, "OK", feed, "application/rss+xml"});
-        server.setResponse(QStringLiteral("/appcast.xml.sig"), {200, "OK", readFile(feedPath + ".sig"), "text/plain"});
+        server.setResponse(QStringLiteral("/feed.xml"), {200, "OK", feed, "application/rss+xml"});
+        server.setResponse(QStringLiteral("/feed.xml.sig"), {200, "OK", readFile(feedPath + ".sig"), "text/plain"});
         server.setResponse(downloadPath, {200, "OK", served});
-
-        UpdateChecker::Config config;
-        config.feedUrl = server.url(QStringLiteral("/appcast.xml"));
-        config.publicKey = publicKey;
-        config.currentVersion = QStringLiteral("1.0.0");
-        config.downloadDirectory = dir.filePath(QStringLiteral("downloads"));
-        config.allowLoopbackHttp = true;
-        UpdateChecker checker(config);
+        UpdateChecker checker(testConfig(server, publicKey, dir.filePath(QStringLiteral("downloads"))));
         QSignalSpy checked(&checker, &UpdateChecker::checkFinished);
         checker.check();
         QVERIFY(checked.wait(kWait));

@@ -16,16 +16,12 @@
 
 #include "app/updatedialog.h"
 #include "app/updatercontroller.h"
-#include "localhttpserver.h"
 #include "updatetestsupport.h"
 
 using namespace orvane;
 using namespace orvane::test;
-using namespace std::chrono_literals;
 
 namespace {
-
-constexpr int kWait = 20'000;
 
 template <typename T>
 T* child(UpdateDialog* dialog, const QString& name)
@@ -62,14 +58,8 @@ private:
 
     std::unique_ptr<UpdaterController> makeController(bool withFeed = true)
     {
-        UpdateChecker::Config config;
-        if (withFeed)
-            config.feedUrl = m_server->url(QStringLiteral("/feed.xml"));
-        config.publicKey = m_key.publicKeyBase64();
-        config.currentVersion = QStringLiteral("1.0");
-        config.transferTimeout = 300ms;
-        config.downloadDirectory = m_dir->filePath(QStringLiteral("downloads"));
-        config.allowLoopbackHttp = true;
+        UpdateChecker::Config config = testConfig(*m_server, m_key.publicKeyBase64(), m_dir->filePath(QStringLiteral("downloads")));
+        config.feedUrl = withFeed ? config.feedUrl : QUrl();
         return std::make_unique<UpdaterController>(
             config, std::make_unique<QSettings>(settingsPath(), QSettings::IniFormat));
     }
@@ -79,9 +69,7 @@ private:
         const FeedItem item{version, QString(), m_server->url(QStringLiteral("/dl/Orvane.tar.gz")).toString(),
                             QString::number(m_payload.size()), m_key.signBase64(m_payload),
                             QStringLiteral("https://orvane.app/notes.html"), QString()};
-        const QByteArray feed = makeFeed({item});
-        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", feed, "application/rss+xml"});
-        m_server->setResponse(QStringLiteral("/feed.xml.sig"), {200, "OK", m_key.signBase64(feed), "text/plain"});
+        orvane::test::serveFeed(*m_server, m_key, makeFeed({item}));
         m_server->setResponse(QStringLiteral("/dl/Orvane.tar.gz"), {200, "OK", m_payload});
     }
 
@@ -92,13 +80,6 @@ private Q_SLOTS:
         if (!m_server->start())
             QSKIP("cannot listen on 127.0.0.1");
         m_dir = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_dir->isValid());
-    }
-
-    void cleanup()
-    {
-        m_server.reset();
-        m_dir.reset();
     }
 
     void withoutFeedTheCommandPointsToThePackageManager()

@@ -1,4 +1,4 @@
-// Feeds and signing keys made in the test, for the updater tests.
+// Feeds, signing keys and a local update server made in the test, for the updater tests.
 #pragma once
 
 #include <QByteArray>
@@ -7,7 +7,13 @@
 
 #include <sodium.h>
 
+#include "app/updatechecker.h"
+#include "localhttpserver.h"
+
 namespace orvane::test {
+
+/// Generous bound for a signal that must come; the injected timeouts are far shorter.
+constexpr int kWait = 20'000;
 
 /// A fresh Ed25519 key pair.
 struct SigningKey {
@@ -96,6 +102,31 @@ inline QByteArray makeFeed(const QList<FeedItem>& items)
     }
     xml += "</channel></rss>\n";
     return xml;
+}
+
+/// Serves feed at path with key's signature (or signature, when given) at path.sig.
+inline void serveFeed(LocalHttpServer& server, const SigningKey& key, const QByteArray& feed,
+                      const QByteArray& signature = {}, const QString& path = QStringLiteral("/feed.xml"))
+{
+    server.setResponse(path, {200, "OK", feed, "application/rss+xml"});
+    server.setResponse(path + QStringLiteral(".sig"),
+                       {200, "OK", signature.isNull() ? key.signBase64(feed) : signature, "text/plain"});
+}
+
+/// An updater at version 1.0 reading /feed.xml from server over loopback http,
+/// verifying with publicKey (base64) and keeping downloads in downloads.
+inline UpdateChecker::Config testConfig(const LocalHttpServer& server, const QByteArray& publicKey,
+                                        const QString& downloads)
+{
+    using namespace std::chrono_literals;
+    UpdateChecker::Config config;
+    config.feedUrl = server.url(QStringLiteral("/feed.xml"));
+    config.publicKey = publicKey;
+    config.currentVersion = QStringLiteral("1.0");
+    config.transferTimeout = 300ms;
+    config.downloadDirectory = downloads;
+    config.allowLoopbackHttp = true;
+    return config;
 }
 
 } // namespace orvane::test
