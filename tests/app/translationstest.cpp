@@ -99,9 +99,25 @@ private Q_SLOTS:
             QCOMPARE(QCoreApplication::translate("QPlatformTheme", "Cancel"), QStringLiteral("Abbrechen"));
     }
 
+    // Every text in the sources (as lupdate finds them, when it is installed)
+    // is translated, faithful to placeholders and typographic punctuation.
     void everyMessageIsTranslatedFaithfully()
     {
-        const QList<Message> messages = readTs(QStringLiteral(ORVANE_TS_FILE));
+        QTemporaryDir dir;
+        const QString ts = dir.filePath(QStringLiteral("orvane_de.ts"));
+        QVERIFY(QFile::copy(QStringLiteral(ORVANE_TS_FILE), ts));
+        QFile::setPermissions(ts, QFile::ReadOwner | QFile::WriteOwner);
+        if (QFile::exists(QStringLiteral(ORVANE_LUPDATE))) {
+            QProcess lupdate;
+            lupdate.setProcessChannelMode(QProcess::MergedChannels);
+            lupdate.start(QStringLiteral(ORVANE_LUPDATE), {QStringLiteral("-no-obsolete"), QStringLiteral("-locations"),
+                          QStringLiteral("none"), QStringLiteral(ORVANE_SOURCE_DIR), QStringLiteral("-ts"), ts});
+            QVERIFY(lupdate.waitForFinished(120'000));
+            QVERIFY2(lupdate.exitCode() == 0, lupdate.readAll().constData());
+        } else {
+            qWarning("lupdate is not installed (package qt6-l10n-tools): new texts in the sources go unnoticed");
+        }
+        const QList<Message> messages = readTs(ts);
         QVERIFY(messages.size() > 50);
         QStringList problems;
         for (const Message& m : messages) {
@@ -125,29 +141,6 @@ private Q_SLOTS:
             }
         }
         QVERIFY2(problems.isEmpty(), qPrintable(problems.join(u'\n')));
-    }
-
-    void translationCoversEveryTextInTheSources()
-    {
-        const QString lupdate = QStringLiteral(ORVANE_LUPDATE);
-        if (!QFile::exists(lupdate))
-            QSKIP("lupdate is not installed (package qt6-l10n-tools)");
-        QTemporaryDir dir;
-        const QString copy = dir.filePath(QStringLiteral("orvane_de.ts"));
-        QVERIFY(QFile::copy(QStringLiteral(ORVANE_TS_FILE), copy));
-        QFile::setPermissions(copy, QFile::ReadOwner | QFile::WriteOwner);
-        QProcess process;
-        process.setProcessChannelMode(QProcess::MergedChannels);
-        process.start(lupdate, {QStringLiteral("-no-obsolete"), QStringLiteral("-locations"), QStringLiteral("none"),
-                                QStringLiteral(ORVANE_SOURCE_DIR), QStringLiteral("-ts"), copy});
-        QVERIFY(process.waitForFinished(120'000));
-        QVERIFY2(process.exitCode() == 0, process.readAll().constData());
-        QStringList untranslated;
-        for (const Message& m : readTs(copy)) {
-            if (!m.type.isEmpty())
-                untranslated.append(m.where);
-        }
-        QVERIFY2(untranslated.isEmpty(), qPrintable(QStringLiteral("not translated into German yet:\n") + untranslated.join(u'\n')));
     }
 };
 
