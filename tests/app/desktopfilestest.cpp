@@ -10,7 +10,6 @@
 #include <QSvgRenderer>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QXmlStreamReader>
 
 #include "app/buildconfig.h"
 #include "imagefile/imagefile.h"
@@ -86,28 +85,17 @@ private Q_SLOTS:
         QCOMPARE(desktopEntry(QStringLiteral("Name")), QStringLiteral("Orvane"));
     }
 
+    // The validator does not know the build: the id, launcher and the one release must be this one's.
     void metainfoNamesTheApplication()
     {
         QFile file(QStringLiteral(ORVANE_METAINFO_FILE));
         QVERIFY(file.open(QIODevice::ReadOnly));
-        QXmlStreamReader xml(&file);
-        QStringList seen; // element: value, for the elements that name something
-        while (!xml.atEnd()) {
-            if (xml.readNext() != QXmlStreamReader::StartElement)
-                continue;
-            if (xml.name() == u"release")
-                seen << QStringLiteral("release: ") + xml.attributes().value(QLatin1String("version")).toString();
-            else if (xml.name() == u"launchable" || xml.name() == u"id")
-                seen << xml.name().toString() + QStringLiteral(": ") + xml.readElementText();
-            else if (xml.name() == u"screenshot")
-                seen << QStringLiteral("screenshot");
-        }
-        QVERIFY2(!xml.hasError(), qPrintable(xml.errorString()));
-        seen.removeDuplicates();
-        seen.sort();
-        QCOMPARE(seen, (QStringList{QStringLiteral("id: ") + kAppId, QStringLiteral("launchable: %1.desktop").arg(kAppId),
-                                    QStringLiteral("release: ") + QString::fromUtf8(BuildConfig::version),
-                                    QStringLiteral("screenshot")}));
+        const QString xml = QString::fromUtf8(file.readAll());
+        QVERIFY(xml.contains(QStringLiteral("<id>%1</id>").arg(kAppId)));
+        QVERIFY(xml.contains(QStringLiteral("<launchable type=\"desktop-id\">%1.desktop</launchable>").arg(kAppId)));
+        QCOMPARE(xml.count(QStringLiteral("<release ")), 1);
+        QVERIFY(xml.contains(QStringLiteral("<release version=\"%1\"").arg(QString::fromUtf8(BuildConfig::version))));
+        QVERIFY(xml.contains(QStringLiteral("<screenshot ")));
     }
 
     // Installed where desktops look, with an icon drawn at every size: the

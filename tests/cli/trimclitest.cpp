@@ -247,6 +247,14 @@ TEST_F(TrimCli, PlainTextOutputAndSummaryWithoutATerminal)
     EXPECT_EQ(run.out, "trimmed    a.png -> a-cropped.png (40x30 -> 7x8)\n");
     EXPECT_EQ(run.err, "orvane-trim: missing.png: There’s no file by that name; it may have been moved or deleted. (missing)\n"
                        "1 trimmed, 0 unchanged, 0 without content, 0 already there, 1 failed\n");
+
+    // Images only below the folder's first level are not found.
+    makeFolder("empty/sub");
+    write("empty/sub/deep.png", framed(10, 10, {1, 1, 1, 1}));
+    const TrimRun none = trim({"empty"});
+    EXPECT_EQ(none.exitCode, 0);
+    EXPECT_TRUE(none.out.isEmpty());
+    EXPECT_EQ(none.err, "No supported images found.\n");
 }
 
 TEST_F(TrimCli, ProgressLineOnlyOnATerminal)
@@ -590,16 +598,6 @@ TEST_F(TrimCli, OddNamesAreReportedAndWritten)
     EXPECT_EQ(run.exitCode, failed > 0 ? 1 : 0);
     // A file name starting with a dash, after "--": there is none in the working folder.
     EXPECT_EQ(report({"-n", "--", "-dash.png"}, 1).size(), 1);
-}
-
-TEST_F(TrimCli, NoImagesFoundIsSaidPlainly)
-{
-    makeFolder("empty/sub");
-    write("empty/sub/deep.png", framed(10, 10, {1, 1, 1, 1}));
-    const TrimRun run = trim({"empty"});
-    EXPECT_EQ(run.exitCode, 0);
-    EXPECT_TRUE(run.out.isEmpty());
-    EXPECT_EQ(run.err, "No supported images found.\n");
 }
 
 } // namespace
