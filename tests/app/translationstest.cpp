@@ -1,6 +1,5 @@
 // The German translation: chosen by the locale, complete for every text in
 // the sources, and faithful to placeholders and typographic punctuation.
-#include <QDir>
 #include <QFile>
 #include <QLibraryInfo>
 #include <QProcess>
@@ -19,53 +18,42 @@ using namespace orvane;
 namespace {
 
 struct Message {
-    QString context;
+    QString where; // context: source
+    bool plural = false;
     QString source;
     QStringList translations; // one, or one per plural form
     QString type;             // "unfinished", "vanished", "obsolete" or empty
 };
 
-QList<Message> readTs(const QString& path, QString* error)
+QList<Message> readTs(const QString& path)
 {
     QList<Message> messages;
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = file.errorString();
-        return messages;
-    }
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("cannot read %s", qPrintable(path));
     QXmlStreamReader xml(&file);
     QString context;
-    Message current;
-    while (!xml.atEnd()) {
-        xml.readNext();
-        if (xml.isStartElement()) {
-            if (xml.name() == QLatin1String("name")) {
-                context = xml.readElementText();
-            } else if (xml.name() == QLatin1String("message")) {
-                current = Message{context, {}, {}, {}};
-            } else if (xml.name() == QLatin1String("source")) {
-                current.source = xml.readElementText();
-            } else if (xml.name() == QLatin1String("translation")) {
-                current.type = xml.attributes().value(QLatin1String("type")).toString();
-                QString direct;
-                while (!xml.atEnd()) {
-                    xml.readNext();
-                    if (xml.isEndElement() && xml.name() == QLatin1String("translation"))
-                        break;
-                    if (xml.isStartElement() && xml.name() == QLatin1String("numerusform"))
-                        current.translations.append(xml.readElementText());
-                    else if (xml.isCharacters())
-                        direct += xml.text();
-                }
-                if (current.translations.isEmpty())
-                    current.translations.append(direct);
-            }
-        } else if (xml.isEndElement() && xml.name() == QLatin1String("message")) {
-            messages.append(current);
+    while (xml.readNext() != QXmlStreamReader::Invalid && !xml.atEnd()) {
+        if (!xml.isStartElement())
+            continue;
+        Message* last = messages.isEmpty() ? nullptr : &messages.last();
+        if (xml.name() == u"name") {
+            context = xml.readElementText();
+        } else if (xml.name() == u"message") {
+            messages.append({context, xml.attributes().value(QLatin1String("numerus")) == QLatin1String("yes"), {}, {}, {}});
+        } else if (xml.name() == u"source" && last) {
+            last->source = xml.readElementText();
+            last->where += QStringLiteral(": ") + last->source;
+        } else if (xml.name() == u"translation" && last) {
+            last->type = xml.attributes().value(QLatin1String("type")).toString();
+            if (!last->plural)
+                last->translations.append(xml.readElementText());
+        } else if (xml.name() == u"numerusform" && last) {
+            last->translations.append(xml.readElementText());
         }
     }
     if (xml.hasError())
-        *error = xml.errorString();
+        qFatal("%s: %s", qPrintable(path), qPrintable(xml.errorString()));
     return messages;
 }
 
@@ -84,44 +72,62 @@ class TranslationsTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void englishNeedsNoTranslation()
+    void localeChoosesTheTranslation_data()
     {
-        QVERIFY(!installTranslations(*QCoreApplication::instance(), QLocale(QLocale::English, QLocale::UnitedStates)));
-        QCOMPARE(QCoreApplication::translate("orvane::UpdaterController", "Check for Updates…"),
-                 QStringLiteral("Check for Updates…"));
+        QTest::addColumn<QLocale>("locale");
+        QTest::addColumn<bool>("installed");
+        QTest::addColumn<QString>("command");
+        QTest::newRow("English needs none") << QLocale(QLocale::English, QLocale::UnitedStates) << false
+                                            << "Check for Updates…";
+        QTest::newRow("German") << QLocale(QLocale::German, QLocale::Germany) << true << "Nach Updates suchen …";
     }
 
-    void germanLocaleLoadsTheTranslation()
+    void localeChoosesTheTranslation()
     {
-        QVERIFY(installTranslations(*QCoreApplication::instance(), QLocale(QLocale::German, QLocale::Germany)));
-        QCOMPARE(QCoreApplication::translate("orvane::UpdaterController", "Check for Updates…"),
-                 QStringLiteral("Nach Updates suchen …"));
+        QFETCH(QLocale, locale);
+        QFETCH(bool, installed);
+        QFETCH(QString, command);
+        QCOMPARE(installTranslations(*QCoreApplication::instance(), locale), installed);
+        QCOMPARE(QCoreApplication::translate("orvane::UpdaterController", "Check for Updates…"), command);
+        if (!installed)
+            return;
         const MoreApp app{QStringLiteral("x"), QStringLiteral("Name"), QStringLiteral("blurb")};
         QCOMPARE(MoreApps::itemTitle(app), QStringLiteral("Name — blurb"));
         // Qt's own texts come along when the system has them.
-        const bool qtHasGerman = QTranslator().load(QLocale(QLocale::German), QStringLiteral("qtbase"),
-                                                    QStringLiteral("_"),
-                                                    QLibraryInfo::path(QLibraryInfo::TranslationsPath));
-        if (qtHasGerman)
+        if (QTranslator().load(locale, QStringLiteral("qtbase"), QStringLiteral("_"),
+                               QLibraryInfo::path(QLibraryInfo::TranslationsPath)))
             QCOMPARE(QCoreApplication::translate("QPlatformTheme", "Cancel"), QStringLiteral("Abbrechen"));
     }
 
+    // Every text in the sources (as lupdate finds them, when it is installed)
+    // is translated, faithful to placeholders and typographic punctuation.
     void everyMessageIsTranslatedFaithfully()
     {
-        QString error;
-        const QList<Message> messages = readTs(QStringLiteral(ORVANE_TS_FILE), &error);
-        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QTemporaryDir dir;
+        const QString ts = dir.filePath(QStringLiteral("orvane_de.ts"));
+        QVERIFY(QFile::copy(QStringLiteral(ORVANE_TS_FILE), ts));
+        QFile::setPermissions(ts, QFile::ReadOwner | QFile::WriteOwner);
+        if (QFile::exists(QStringLiteral(ORVANE_LUPDATE))) {
+            QProcess lupdate;
+            lupdate.setProcessChannelMode(QProcess::MergedChannels);
+            lupdate.start(QStringLiteral(ORVANE_LUPDATE), {QStringLiteral("-no-obsolete"), QStringLiteral("-locations"),
+                          QStringLiteral("none"), QStringLiteral(ORVANE_SOURCE_DIR), QStringLiteral("-ts"), ts});
+            QVERIFY(lupdate.waitForFinished(120'000));
+            QVERIFY2(lupdate.exitCode() == 0, lupdate.readAll().constData());
+        } else {
+            qWarning("lupdate is not installed (package qt6-l10n-tools): new texts in the sources go unnoticed");
+        }
+        const QList<Message> messages = readTs(ts);
         QVERIFY(messages.size() > 50);
         QStringList problems;
         for (const Message& m : messages) {
-            const QString where = m.context + QStringLiteral(": ") + m.source;
             if (!m.type.isEmpty())
-                problems.append(m.type + QStringLiteral(" — ") + where);
+                problems.append(m.type + QStringLiteral(" — ") + m.where);
             if (m.translations.isEmpty() || m.translations.contains(QString()))
-                problems.append(QStringLiteral("empty — ") + where);
+                problems.append(QStringLiteral("empty — ") + m.where);
             for (const QString& german : m.translations) {
                 if (placeholders(german) != placeholders(m.source))
-                    problems.append(QStringLiteral("placeholders differ — ") + where + QStringLiteral(" → ") + german);
+                    problems.append(QStringLiteral("placeholders differ — ") + m.where + QStringLiteral(" → ") + german);
                 if (german.contains(QStringLiteral("...")))
                     problems.append(QStringLiteral("three dots instead of … — ") + german);
                 if (german.contains(u'\'') || (german.contains(u'"') && !m.source.contains(u'"')))
@@ -135,35 +141,6 @@ private Q_SLOTS:
             }
         }
         QVERIFY2(problems.isEmpty(), qPrintable(problems.join(u'\n')));
-    }
-
-    void translationCoversEveryTextInTheSources()
-    {
-        const QString lupdate = QStringLiteral(ORVANE_LUPDATE);
-        if (!QFile::exists(lupdate))
-            QSKIP("lupdate is not installed (package qt6-l10n-tools)");
-        QTemporaryDir dir;
-        QVERIFY(dir.isValid());
-        const QString copy = dir.filePath(QStringLiteral("orvane_de.ts"));
-        QVERIFY(QFile::copy(QStringLiteral(ORVANE_TS_FILE), copy));
-        QFile::setPermissions(copy, QFile::ReadOwner | QFile::WriteOwner);
-        QProcess process;
-        process.setProcessChannelMode(QProcess::MergedChannels);
-        process.start(lupdate, {QStringLiteral("-no-obsolete"), QStringLiteral("-locations"), QStringLiteral("none"),
-                                QStringLiteral(ORVANE_SOURCE_DIR), QStringLiteral("-ts"), copy});
-        QVERIFY(process.waitForFinished(120'000));
-        QVERIFY2(process.exitCode() == 0, process.readAll().constData());
-
-        QString error;
-        const QList<Message> messages = readTs(copy, &error);
-        QVERIFY2(error.isEmpty(), qPrintable(error));
-        QStringList untranslated;
-        for (const Message& m : messages) {
-            if (!m.type.isEmpty())
-                untranslated.append(m.context + QStringLiteral(": ") + m.source);
-        }
-        QVERIFY2(untranslated.isEmpty(),
-                 qPrintable(QStringLiteral("not translated into German yet:\n") + untranslated.join(u'\n')));
     }
 };
 

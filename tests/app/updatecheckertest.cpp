@@ -5,48 +5,73 @@
 
 #include <sys/resource.h>
 
-#include <QDir>
-#include <QFile>
 #include <QNetworkAccessManager>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
-#include "app/updatechecker.h"
-#include "localhttpserver.h"
+#include "support/testfiles.h"
 #include "updatetestsupport.h"
 
-Q_DECLARE_METATYPE(orvane::test::LocalHttpServer::Response)
-
 using namespace orvane;
+using namespace orvane::test;
 using namespace std::chrono_literals;
-using orvane::test::FeedItem;
-using orvane::test::gzipStored;
-using orvane::test::LocalHttpServer;
-using orvane::test::makeFeed;
-using orvane::test::SigningKey;
 using Response = LocalHttpServer::Response;
+using Status = UpdateChecker::CheckStatus;
 
 namespace {
 
-// Generous bound for a signal that must come; the injected timeouts are far shorter.
-constexpr int kWait = 20'000;
-
 const QString kBuild = QStringLiteral("/dl/Orvane-2.0.tar.gz");
 
-QByteArray contents(const QString& path)
+Response silent()
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(unreadable)");
+    Response response;
+    response.neverAnswer = true;
+    return response;
 }
 
-QStringList filesIn(const QString& directory)
+// The response sent without a Content-Length: the body ends with the connection.
+Response streamed(Response response)
 {
-    return QDir(directory).entryList(QDir::Files | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                                     QDir::Name);
+    response.sendLength = false;
+    return response;
+}
+
+// One download: what the server sends for the offered file and what the feed says of it.
+struct Download {
+    Response served = {};    // at kBuild
+    QByteArray published = {}; // the file the feed signs and announces; null: the served body
+    QString url = {};        // announced instead of kBuild's address
+    QString length = {};     // announced instead of the published length
+    qint64 cap = UpdateChecker::maxUpdateBytes;
+    QString error = {};      // a part of it; empty: the download is kept
+};
+
+// Calls start and returns what signal then reports, exactly once.
+template <typename Result>
+Result await(UpdateChecker& checker, void (UpdateChecker::*signal)(const Result&), const std::function<void()>& start)
+{
+    QSignalSpy spy(&checker, signal);
+    start();
+    if (!spy.wait(kWait) || spy.size() != 1)
+        qFatal("the updater did not answer once");
+    return spy.at(0).at(0).template value<Result>();
+}
+
+UpdateChecker::CheckResult runCheck(UpdateChecker& checker)
+{
+    return await(checker, &UpdateChecker::checkFinished, [&] { checker.check(); });
+}
+
+UpdateChecker::DownloadResult runDownload(UpdateChecker& checker, const AppcastItem& update)
+{
+    return await(checker, &UpdateChecker::downloadFinished, [&] { checker.download(update); });
 }
 
 } // namespace
+
+Q_DECLARE_METATYPE(Response)
+Q_DECLARE_METATYPE(Download)
 
 class UpdateCheckerTest : public QObject {
     Q_OBJECT
@@ -56,69 +81,31 @@ private:
     std::unique_ptr<LocalHttpServer> m_server;
     std::unique_ptr<QTemporaryDir> m_downloads;
 
-    UpdateChecker::Config config(const QString& feedPath = QStringLiteral("/feed.xml")) const
+    UpdateChecker::Config config() const
     {
-        UpdateChecker::Config c;
-        c.feedUrl = m_server->url(feedPath);
-        c.publicKey = m_key.publicKeyBase64();
-        c.currentVersion = QStringLiteral("1.0");
-        c.transferTimeout = 300ms;
+        UpdateChecker::Config c = testConfig(*m_server, m_key.publicKeyBase64(), m_downloads->path());
         c.checkDeadline = 10s;
         c.maxFeedBytes = 64 * 1024;
-        c.downloadDirectory = m_downloads->path();
-        c.allowLoopbackHttp = true;
         return c;
     }
 
-    FeedItem item(const QString& version, const QByteArray& payload, const QString& path) const
+    // payload offered as version 2.0 at kBuild.
+    FeedItem build(const QByteArray& payload) const
     {
-        return {version, QString(), m_server->url(path).toString(), QString::number(payload.size()),
+        return {QStringLiteral("2.0"), QString(), m_server->url(kBuild).toString(), QString::number(payload.size()),
                 m_key.signBase64(payload), QString(), QString()};
-    }
-
-    FeedItem build(const QByteArray& payload) const { return item(QStringLiteral("2.0"), payload, kBuild); }
-
-    // The rollback attack: an old build, correctly signed, announced as 99.0.
-    QByteArray relabelledOldBuild() const
-    {
-        const QByteArray oldBuild = "Orvane 0.9, with a known flaw";
-        return makeFeed({item(QStringLiteral("99.0"), oldBuild, QStringLiteral("/dl/Orvane-0.9.tar.gz"))});
-    }
-
-    static UpdateChecker::CheckResult runCheck(UpdateChecker& checker)
-    {
-        QSignalSpy spy(&checker, &UpdateChecker::checkFinished);
-        checker.check();
-        if (!spy.wait(kWait) || spy.size() != 1)
-            qFatal("the check did not finish once");
-        return spy.at(0).at(0).value<UpdateChecker::CheckResult>();
-    }
-
-    static UpdateChecker::DownloadResult runDownload(UpdateChecker& checker, const AppcastItem& update)
-    {
-        QSignalSpy spy(&checker, &UpdateChecker::downloadFinished);
-        checker.download(update);
-        if (!spy.wait(kWait) || spy.size() != 1)
-            qFatal("the download did not finish once");
-        return spy.at(0).at(0).value<UpdateChecker::DownloadResult>();
-    }
-
-    // Serves a feed offering payload as version 2.0 and returns the offered item.
-    // Serves feed at /feed.xml with the key's signature beside it.
-    void serveSignedFeed(const QByteArray& feed)
-    {
-        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", feed, "application/rss+xml"});
-        m_server->setResponse(QStringLiteral("/feed.xml.sig"), {200, "OK", m_key.signBase64(feed), "text/plain"});
     }
 
     AppcastItem offer(UpdateChecker& checker, const FeedItem& feedItem)
     {
-        serveSignedFeed(makeFeed({feedItem}));
+        serveFeed(*m_server, m_key, makeFeed({feedItem}));
         const auto result = runCheck(checker);
-        if (result.status != UpdateChecker::CheckStatus::UpdateAvailable)
+        if (result.status != Status::UpdateAvailable)
             qFatal("the feed offered nothing: %s", qPrintable(result.error));
         return *result.update;
     }
+
+    QStringList downloaded() const { return entries(m_downloads->path()); }
 
 private Q_SLOTS:
     void init()
@@ -127,130 +114,106 @@ private Q_SLOTS:
         if (!m_server->start())
             QSKIP("cannot listen on 127.0.0.1");
         m_downloads = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_downloads->isValid());
-    }
-
-    void cleanup()
-    {
-        m_server.reset();
-        m_downloads.reset();
     }
 
     void checkOutcomes_data()
     {
         QTest::addColumn<Response>("response");
-        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("signature"); // null: the key's signature of the response; "none": not served
+        QTest::addColumn<Status>("status");
         QTest::addColumn<QString>("offeredOrError");
 
         auto feed = [&](const QStringList& versions) {
             QList<FeedItem> items;
             for (const QString& v : versions)
-                items.append({v, QString(), QStringLiteral("http://127.0.0.1:1/x.tar.gz"),
-                              QStringLiteral("9"), QByteArray(64, 'S').toBase64(), QString(), QString()});
+                items.append({v, QString(), QStringLiteral("http://127.0.0.1:1/x.tar.gz"), QStringLiteral("9"),
+                              QByteArray(64, 'S').toBase64(), QString(), QString()});
             return Response{200, "OK", makeFeed(items), "application/rss+xml"};
         };
-        const int available = int(UpdateChecker::CheckStatus::UpdateAvailable);
-        const int upToDate = int(UpdateChecker::CheckStatus::UpToDate);
-        const int failed = int(UpdateChecker::CheckStatus::Failed);
-
-        QTest::newRow("newer version") << feed({"1.1", "2.0", "1.9"}) << available << "2.0";
-        QTest::newRow("same version") << feed({"1.0", "1.0.0"}) << upToDate << "";
-        QTest::newRow("older version") << feed({"0.9", "0.1"}) << upToDate << "";
-        QTest::newRow("empty feed") << feed({}) << upToDate << "";
-        QTest::newRow("404") << Response{404, "Not Found", "gone", "text/plain"} << failed << "404";
-        QTest::newRow("server error") << Response{500, "Internal Server Error", "", "text/plain"} << failed
-                                      << "500";
-        QTest::newRow("malformed XML") << Response{200, "OK", "<rss><channel><item>", "application/xml"}
-                                       << failed << "not valid XML";
-        QTest::newRow("HTML page") << Response{200, "OK", "<html><body>hi</body></html>", "text/html"}
-                                   << failed << "not an RSS document";
-        Response silent;
-        silent.neverAnswer = true;
-        QTest::newRow("server never answers") << silent << failed << "didn’t answer in time";
-        QTest::newRow("oversized feed, announced")
-            << Response{200, "OK", QByteArray(200 * 1024, ' '), "application/rss+xml"} << failed
-            << "larger than";
-        Response streamed{200, "OK", QByteArray(200 * 1024, ' '), "application/rss+xml"};
-        streamed.sendLength = false;
-        QTest::newRow("oversized feed, unannounced") << streamed << failed << "larger than";
-        // A small gzip that expands far beyond the feed limit. Asked for
-        // unencoded bytes, Orvane reads it as it is: not a feed, and never
+        const QByteArray none;
+        const Response big{200, "OK", QByteArray(200 * 1024, ' '), "application/rss+xml"};
+        // A small deflate stream that expands far beyond the feed limit. Asked
+        // for unencoded bytes, Orvane reads it as it is: not a feed, and never
         // "couldn't reach" a server that answered.
         Response bomb{200, "OK", qCompress(QByteArray(64 << 20, ' '), 9).mid(4), "application/rss+xml"};
         bomb.headers = {{"Content-Encoding", "deflate"}};
-        QTest::newRow("compressed bomb") << bomb << failed << "not valid XML";
+        QTest::newRow("newer version") << feed({"1.1", "2.0", "1.9"}) << none << Status::UpdateAvailable << "2.0";
+        QTest::newRow("same version") << feed({"1.0", "1.0.0"}) << none << Status::UpToDate << "";
+        QTest::newRow("404") << Response{404, "Not Found", "gone", "text/plain"} << none << Status::Failed << "404";
+        QTest::newRow("malformed XML") << Response{200, "OK", "<rss><channel><item>", "application/xml"} << none
+                                       << Status::Failed << "not valid XML";
+        QTest::newRow("server never answers") << silent() << none << Status::Failed << "didn’t answer in time";
+        QTest::newRow("oversized feed, announced") << big << none << Status::Failed << "larger than";
+        QTest::newRow("oversized feed, unannounced") << streamed(big) << none << Status::Failed << "larger than";
+        QTest::newRow("compressed bomb") << bomb << none << Status::Failed << "not valid XML";
+        // A feed is believed only with the key's signature of its exact bytes:
+        // otherwise whoever serves it could offer an old signed build as 99.0.
+        const Response rollback = feed({"99.0"});
+        QTest::newRow("no signature") << rollback << QByteArray("none") << Status::Failed << "isn’t signed";
+        QTest::newRow("signed by another key") << rollback << SigningKey().signBase64(rollback.body) << Status::Failed
+                                               << "isn’t valid";
+        QTest::newRow("signature of the previous feed") << rollback << m_key.signBase64(makeFeed({}))
+                                                        << Status::Failed << "isn’t valid";
+        QTest::newRow("signature file past its size limit")
+            << rollback << m_key.signBase64(rollback.body) + QByteArray(2000, ' ') << Status::Failed << "isn’t valid";
     }
 
-    // Every feed served here is properly signed, so what is tested is what
-    // follows the signature.
     void checkOutcomes()
     {
         QFETCH(Response, response);
-        QFETCH(int, status);
+        QFETCH(QByteArray, signature);
+        QFETCH(Status, status);
         QFETCH(QString, offeredOrError);
+        serveFeed(*m_server, m_key, response.body, signature);
         m_server->setResponse(QStringLiteral("/feed.xml"), response);
-        m_server->setResponse(QStringLiteral("/feed.xml.sig"),
-                              {200, "OK", m_key.signBase64(response.body), "text/plain"});
+        if (signature == "none")
+            m_server->setResponse(QStringLiteral("/feed.xml.sig"), {404, "Not Found", "", "text/plain"});
 
         UpdateChecker checker(config());
         const auto result = runCheck(checker);
-        QCOMPARE(int(result.status), status);
-        if (result.status == UpdateChecker::CheckStatus::UpdateAvailable) {
-            QVERIFY(result.update);
-            QCOMPARE(result.update->version, offeredOrError);
-        } else {
-            QVERIFY(!result.update);
-        }
-        if (result.status == UpdateChecker::CheckStatus::Failed) {
-            QVERIFY2(result.error.contains(offeredOrError), qPrintable(result.error));
-            QVERIFY2(result.error.endsWith(u'.'), qPrintable(result.error));
-        } else {
-            QVERIFY(result.error.isEmpty());
-        }
+        QCOMPARE(result.status, status);
+        QCOMPARE(result.update ? result.update->version : QString(), status == Status::UpdateAvailable ? offeredOrError : QString());
+        QCOMPARE(result.error.isEmpty(), status != Status::Failed);
+        if (status == Status::Failed)
+            QVERIFY2(result.error.contains(offeredOrError) && result.error.endsWith(u'.'), qPrintable(result.error));
         QCOMPARE(m_server->requests().first(), QStringLiteral("/feed.xml"));
         QCOMPARE(m_server->lastRequestHeaders().value("accept-encoding"), QByteArray("identity"));
     }
 
-    // A feed is believed only with the key's signature of its exact bytes:
-    // otherwise whoever serves it could offer an old signed build as 99.0.
-    void feedWithoutValidSignatureIsRefused_data()
+    // Nothing is asked of the network when there is no feed, no usable key or no https address.
+    void refusedBeforeAsking_data()
     {
-        QTest::addColumn<QString>("signature"); // what is served as feed.xml.sig
+        QTest::addColumn<bool>("feed");
+        QTest::addColumn<QByteArray>("key"); // null: the right one
+        QTest::addColumn<bool>("loopbackHttp");
+        QTest::addColumn<Status>("status");
         QTest::addColumn<QString>("error");
-        QTest::newRow("no signature") << "none" << "isn’t signed";
-        QTest::newRow("signed by another key") << "other key" << "isn’t valid";
-        QTest::newRow("signature of the previous feed") << "previous feed" << "isn’t valid";
-        QTest::newRow("damaged signature") << "damaged" << "isn’t valid";
-        QTest::newRow("not base64") << "%%%%" << "isn’t valid";
-        QTest::newRow("empty") << "" << "isn’t valid";
-        QTest::newRow("oversized") << QString(4096, u'A') << "isn’t valid";
+        QTest::newRow("no feed") << false << QByteArray() << true << Status::NoFeed << "";
+        QTest::newRow("no key") << true << QByteArray("") << true << Status::Failed << "no valid key";
+        QTest::newRow("key of the wrong size") << true << QByteArray(31, 'k').toBase64() << true << Status::Failed
+                                               << "no valid key";
+        QTest::newRow("plain http feed") << true << QByteArray() << false << Status::Failed << "isn’t an https address";
     }
 
-    void feedWithoutValidSignatureIsRefused()
+    void refusedBeforeAsking()
     {
-        QFETCH(QString, signature);
+        QFETCH(bool, feed);
+        QFETCH(QByteArray, key);
+        QFETCH(bool, loopbackHttp);
+        QFETCH(Status, status);
         QFETCH(QString, error);
-        const QByteArray feed = relabelledOldBuild();
-        QByteArray served = signature.toLatin1();
-        if (signature == QLatin1String("other key")) {
-            served = SigningKey().signBase64(feed);
-        } else if (signature == QLatin1String("previous feed")) {
-            served = m_key.signBase64(makeFeed({}));
-        } else if (signature == QLatin1String("damaged")) {
-            QByteArray flipped = QByteArray::fromBase64(m_key.signBase64(feed));
-            flipped[10] = char(flipped[10] ^ 1);
-            served = flipped.toBase64();
-        }
-        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", feed, "application/rss+xml"});
-        if (signature != QLatin1String("none"))
-            m_server->setResponse(QStringLiteral("/feed.xml.sig"), {200, "OK", served, "text/plain"});
-
-        UpdateChecker checker(config());
+        UpdateChecker::Config c = config();
+        c.feedUrl = feed ? c.feedUrl : QUrl();
+        c.publicKey = key.isNull() ? c.publicKey : key;
+        c.allowLoopbackHttp = loopbackHttp;
+        serveFeed(*m_server, m_key, makeFeed({}));
+        UpdateChecker checker(c);
+        QCOMPARE(checker.hasFeed(), feed);
         const auto result = runCheck(checker);
-        QCOMPARE(result.status, UpdateChecker::CheckStatus::Failed);
-        QVERIFY(!result.update);
-        QVERIFY2(result.error.contains(error), qPrintable(result.error));
-        QCOMPARE(m_server->requests(), (QList<QString>{QStringLiteral("/feed.xml"), QStringLiteral("/feed.xml.sig")}));
+        QCOMPARE(result.status, status);
+        QVERIFY2(error.isEmpty() ? result.error.isEmpty() : result.error.contains(error), qPrintable(result.error));
+        QCOMPARE(checker.findChild<QNetworkAccessManager*>(), nullptr);
+        QVERIFY(m_server->requests().isEmpty());
     }
 
     void unreachableServerIsReported()
@@ -260,49 +223,15 @@ private Q_SLOTS:
         UpdateChecker::Config c = config();
         c.feedUrl = QUrl(QStringLiteral("http://127.0.0.1:%1/feed.xml").arg(closed.serverPort()));
         closed.close();
-
         UpdateChecker checker(c);
         const auto result = runCheck(checker);
-        QCOMPARE(result.status, UpdateChecker::CheckStatus::Failed);
+        QCOMPARE(result.status, Status::Failed);
         QVERIFY2(result.error.startsWith(QStringLiteral("Couldn’t reach")), qPrintable(result.error));
-    }
-
-    void withoutFeedNothingTouchesTheNetwork()
-    {
-        UpdateChecker::Config c = config();
-        c.feedUrl = QUrl();
-        UpdateChecker checker(c);
-        QVERIFY(!checker.hasFeed());
-        const auto result = runCheck(checker);
-        QCOMPARE(result.status, UpdateChecker::CheckStatus::NoFeed);
-        QVERIFY(result.error.isEmpty());
-        QCOMPARE(checker.findChild<QNetworkAccessManager*>(), nullptr);
-        QVERIFY(m_server->requests().isEmpty());
-    }
-
-    void invalidKeyRefusesBeforeAsking_data()
-    {
-        QTest::addColumn<QByteArray>("key");
-        QTest::newRow("empty") << QByteArray();
-        QTest::newRow("not base64") << QByteArray("%%%");
-        QTest::newRow("wrong size") << QByteArray(31, 'k').toBase64();
-    }
-
-    void invalidKeyRefusesBeforeAsking()
-    {
-        QFETCH(QByteArray, key);
-        UpdateChecker::Config c = config();
-        c.publicKey = key;
-        UpdateChecker checker(c);
-        const auto result = runCheck(checker);
-        QCOMPARE(result.status, UpdateChecker::CheckStatus::Failed);
-        QVERIFY(!result.error.isEmpty());
-        QVERIFY(m_server->requests().isEmpty());
     }
 
     void secondCheckJoinsTheRunningOne()
     {
-        serveSignedFeed(makeFeed({}));
+        serveFeed(*m_server, m_key, makeFeed({}));
         UpdateChecker checker(config());
         QSignalSpy spy(&checker, &UpdateChecker::checkFinished);
         checker.check();
@@ -313,84 +242,73 @@ private Q_SLOTS:
         QCOMPARE(m_server->requests().size(), 2); // the feed and its signature, once
     }
 
-    void verifiedDownloadIsKept()
+    void downloads_data()
     {
-        const QByteArray payload = QByteArray("Orvane 2.0 build ").repeated(5000);
-        m_server->setResponse(kBuild, {200, "OK", payload});
-        UpdateChecker checker(config());
-        const AppcastItem update = offer(checker, build(payload));
+        QTest::addColumn<Download>("d");
+        const QByteArray payload = QByteArray("Orvane 2.0 ").repeated(3000);
+        QByteArray tampered = payload;
+        tampered[100] = 'X';
+        // Servers often label a .tar.gz as gzip-encoded; the signature covers
+        // the file as published, so it must arrive as it is.
+        Response gzip{200, "OK", gzipped(payload), "application/gzip"};
+        gzip.headers = {{"Content-Encoding", "gzip"}};
+        auto bad = [&](const Response& served, const char* error) {
+            return Download{.served = served, .published = payload, .error = QString::fromUtf8(error)};
+        };
+        const Response whole{200, "OK", payload};
+        QTest::newRow("verified") << Download{.served = whole};
+        QTest::newRow("gzip-encoded, kept as published") << Download{.served = gzip};
+        QTest::newRow("wrong signature") << bad({200, "OK", tampered}, "signature");
+        QTest::newRow("shorter than announced") << bad({200, "OK", payload.chopped(1)}, "bytes instead of");
+        QTest::newRow("longer than announced") << bad({200, "OK", payload + "more"}, "larger than");
+        QTest::newRow("longer, unannounced length") << bad(streamed({200, "OK", payload + QByteArray(100'000, 'x')}),
+                                                          "larger than");
+        QTest::newRow("server never answers") << bad(silent(), "didn’t answer in time");
+        // Refused before a byte is asked for.
+        QTest::newRow("announced above the cap")
+            << Download{.served = whole, .length = "10737418240", .error = "more than the 1 GiB Orvane accepts"};
+        QTest::newRow("more than the disk holds")
+            << Download{.served = whole, .length = "1125899906842624", .cap = qint64(1) << 62, .error = "enough free space"};
+        QTest::newRow("plain http elsewhere")
+            << Download{.served = whole, .url = "http://192.0.2.1/O.tar.gz", .error = "isn’t an https address"};
+    }
 
+    void downloads()
+    {
+        QFETCH(Download, d);
+        const QByteArray published = d.published.isNull() ? d.served.body : d.published;
+        FeedItem item = build(published);
+        item.url = d.url.isEmpty() ? item.url : d.url;
+        item.length = d.length.isEmpty() ? item.length : d.length;
+        m_server->setResponse(kBuild, d.served);
+        UpdateChecker::Config c = config();
+        c.maxDownloadBytes = d.cap;
+        UpdateChecker checker(c);
+        const AppcastItem update = offer(checker, item);
+        const qsizetype asked = m_server->requests().size();
         QSignalSpy progress(&checker, &UpdateChecker::downloadProgress);
         const auto result = runDownload(checker, update);
-        QVERIFY2(result.ok, qPrintable(result.error));
+        QVERIFY2(result.ok == d.error.isEmpty() && result.error.contains(d.error), qPrintable(result.error));
+        QCOMPARE(m_server->requests().size(), asked + (d.url.isEmpty() && d.length.isEmpty() ? 1 : 0));
+        QCOMPARE(downloaded(), result.ok ? QStringList{QStringLiteral("Orvane-2.0.tar.gz")} : QStringList());
+        QCOMPARE(result.filePath.isEmpty(), !result.ok);
+        if (!result.ok)
+            return;
         QCOMPARE(result.filePath, QDir(m_downloads->path()).filePath(QStringLiteral("Orvane-2.0.tar.gz")));
-        QCOMPARE(contents(result.filePath), payload);
-        QCOMPARE(filesIn(m_downloads->path()), QStringList{QStringLiteral("Orvane-2.0.tar.gz")});
-        QVERIFY(!progress.isEmpty());
-        QCOMPARE(progress.last().at(0).toLongLong(), qint64(payload.size()));
-        QCOMPARE(progress.last().at(1).toLongLong(), qint64(payload.size()));
+        QCOMPARE(readFile(result.filePath), published);
+        QCOMPARE(progress.last(), (QVariantList{qint64(published.size()), qint64(published.size())}));
+        QCOMPARE(m_server->lastRequestHeaders().value("accept-encoding"), QByteArray("identity"));
     }
 
     void downloadNeverOverwritesAnExistingFile()
     {
-        const QByteArray payload = "fresh";
-        const QString existing = QDir(m_downloads->path()).filePath(QStringLiteral("Orvane-2.0.tar.gz"));
-        {
-            QFile file(existing);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write("the user's own file");
-        }
-        m_server->setResponse(kBuild, {200, "OK", payload});
+        QVERIFY(writeFile(QDir(m_downloads->path()).filePath(QStringLiteral("Orvane-2.0.tar.gz")), "the user's own file"));
+        m_server->setResponse(kBuild, {200, "OK", "fresh"});
         UpdateChecker checker(config());
-        const auto result = runDownload(checker, offer(checker, build(payload)));
+        const auto result = runDownload(checker, offer(checker, build("fresh")));
         QVERIFY2(result.ok, qPrintable(result.error));
-        QCOMPARE(QFileInfo(result.filePath).fileName(), QStringLiteral("Orvane-2.0 (2).tar.gz"));
-        QCOMPARE(contents(existing), QByteArray("the user's own file"));
-    }
-
-    void badDownloadIsDeletedAndReported_data()
-    {
-        QTest::addColumn<Response>("served");
-        QTest::addColumn<QByteArray>("signedPayload");
-        QTest::addColumn<bool>("signWithOtherKey");
-        QTest::addColumn<QString>("error");
-
-        const QByteArray payload = QByteArray("Orvane 2.0 ").repeated(3000);
-        QByteArray tampered = payload;
-        tampered[100] = 'X';
-        QTest::newRow("wrong signature") << Response{200, "OK", tampered} << payload << false << "signature";
-        QTest::newRow("signed by another key") << Response{200, "OK", payload} << payload << true << "signature";
-        QTest::newRow("shorter than announced")
-            << Response{200, "OK", payload.left(payload.size() - 1)} << payload << false << "bytes instead of";
-        QTest::newRow("longer than announced")
-            << Response{200, "OK", payload + "more"} << payload << false << "larger than";
-        Response streamedLonger{200, "OK", payload + QByteArray(100'000, 'x')};
-        streamedLonger.sendLength = false;
-        QTest::newRow("longer than announced, unannounced length")
-            << streamedLonger << payload << false << "larger than";
-        QTest::newRow("404") << Response{404, "Not Found", "missing", "text/plain"} << payload << false << "404";
-        Response silent;
-        silent.neverAnswer = true;
-        QTest::newRow("server never answers") << silent << payload << false << "didn’t answer in time";
-    }
-
-    void badDownloadIsDeletedAndReported()
-    {
-        QFETCH(Response, served);
-        QFETCH(QByteArray, signedPayload);
-        QFETCH(bool, signWithOtherKey);
-        QFETCH(QString, error);
-
-        FeedItem feedItem = build(signedPayload);
-        if (signWithOtherKey)
-            feedItem.signature = SigningKey().signBase64(signedPayload);
-        m_server->setResponse(kBuild, served);
-        UpdateChecker checker(config());
-        const auto result = runDownload(checker, offer(checker, feedItem));
-        QVERIFY(!result.ok);
-        QVERIFY(result.filePath.isEmpty());
-        QVERIFY2(result.error.contains(error), qPrintable(result.error));
-        QCOMPARE(filesIn(m_downloads->path()), QStringList());
+        QCOMPARE(downloaded(), (QStringList{QStringLiteral("Orvane-2.0 (2).tar.gz"), QStringLiteral("Orvane-2.0.tar.gz")}));
+        QCOMPARE(readFile(QDir(m_downloads->path()).filePath(QStringLiteral("Orvane-2.0.tar.gz"))), "the user's own file");
     }
 
     void downloadThatCannotBeStored()
@@ -402,15 +320,11 @@ private Q_SLOTS:
 
         // A folder that cannot exist: its parent is a file.
         const QString blocker = QDir(m_downloads->path()).filePath(QStringLiteral("file"));
-        {
-            QFile file(blocker);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-        }
+        QVERIFY(writeFile(blocker, {}));
         UpdateChecker::Config c = config();
         c.downloadDirectory = blocker + QStringLiteral("/Downloads");
         UpdateChecker blocked(c);
         auto result = runDownload(blocked, update);
-        QVERIFY(!result.ok);
         QVERIFY2(result.error.startsWith(QStringLiteral("Couldn’t create the folder")), qPrintable(result.error));
 
         // A full disk, as a file size limit: the partial file goes, the reason is given.
@@ -423,16 +337,13 @@ private Q_SLOTS:
         result = runDownload(checker, update);
         setrlimit(RLIMIT_FSIZE, &old);
         std::signal(SIGXFSZ, oldHandler);
-        QVERIFY(!result.ok);
         QVERIFY2(result.error.startsWith(QStringLiteral("Couldn’t save the download")), qPrintable(result.error));
-        QCOMPARE(filesIn(m_downloads->path()), QStringList{QStringLiteral("file")});
+        QCOMPARE(downloaded(), QStringList{QStringLiteral("file")});
     }
 
     void cancelledDownloadLeavesNothing()
     {
-        Response silent;
-        silent.neverAnswer = true;
-        m_server->setResponse(kBuild, silent);
+        m_server->setResponse(kBuild, silent());
         UpdateChecker::Config c = config();
         c.transferTimeout = 60s; // only the cancel may end it
         UpdateChecker checker(c);
@@ -446,11 +357,9 @@ private Q_SLOTS:
         QCOMPARE(spy.size(), 0); // reported later, not from inside the call
         QVERIFY(spy.wait(kWait));
         QCOMPARE(spy.size(), 1);
-        const auto result = spy.at(0).at(0).value<UpdateChecker::DownloadResult>();
-        QVERIFY(!result.ok);
-        QVERIFY(result.error.contains(QStringLiteral("cancelled")));
+        QVERIFY(spy.at(0).at(0).value<UpdateChecker::DownloadResult>().error.contains(QStringLiteral("cancelled")));
         QVERIFY(!checker.isDownloading());
-        QCOMPARE(filesIn(m_downloads->path()), QStringList());
+        QCOMPARE(downloaded(), QStringList());
     }
 
     void addressRules_data()
@@ -459,22 +368,14 @@ private Q_SLOTS:
         QTest::addColumn<QString>("from");
         QTest::addColumn<QString>("to");
         QTest::addColumn<bool>("allowed"); // to as an address; a redirect from from to to
-
         QTest::newRow("https, same host") << false << "https://orvane.app/a" << "https://orvane.app/b" << true;
         QTest::newRow("host case differs") << false << "https://orvane.app/a" << "https://ORVANE.app:8443/b" << true;
         QTest::newRow("down to http") << false << "https://orvane.app/a" << "http://orvane.app/b" << false;
-        QTest::newRow("another host") << false << "https://orvane.app/a" << "https://mirror.example/b" << false;
-        QTest::newRow("a subdomain is another host")
-            << false << "https://orvane.app/a" << "https://dl.orvane.app/b" << false;
+        QTest::newRow("another host") << false << "https://orvane.app/a" << "https://dl.orvane.app/b" << false;
         QTest::newRow("credentials") << false << "https://orvane.app/a" << "https://u:p@orvane.app/b" << false;
-        QTest::newRow("file") << false << "https://orvane.app/a" << "file:///etc/passwd" << false;
-        QTest::newRow("loopback http without the switch")
-            << false << "http://127.0.0.1:8/a" << "http://127.0.0.1:9/b" << false;
-        QTest::newRow("loopback http with the switch")
-            << true << "http://127.0.0.1:8/a" << "http://127.0.0.1:9/b" << true;
-        QTest::newRow("the switch is for loopback only")
-            << true << "http://orvane.app/a" << "http://orvane.app/b" << false;
-        QTest::newRow("loopback, another name") << true << "http://127.0.0.1:8/a" << "http://localhost:8/b" << false;
+        QTest::newRow("loopback http without the switch") << false << "http://127.0.0.1:8/a" << "http://127.0.0.1:9/b" << false;
+        QTest::newRow("loopback http with the switch") << true << "http://127.0.0.1:8/a" << "http://127.0.0.1:9/b" << true;
+        QTest::newRow("the switch is for loopback only") << true << "http://orvane.app/a" << "http://orvane.app/b" << false;
         QTest::newRow("loopback https to http") << true << "https://127.0.0.1/a" << "http://127.0.0.1/b" << false;
     }
 
@@ -492,123 +393,40 @@ private Q_SLOTS:
             QCOMPARE(checker.isAllowedAddress(QUrl(to)), checker.isAllowedAddress(QUrl(from)));
     }
 
-    void plainHttpFeedIsNeverAsked()
-    {
-        UpdateChecker::Config c = config();
-        c.allowLoopbackHttp = false; // as in the application
-        serveSignedFeed(makeFeed({}));
-        UpdateChecker checker(c);
-        const auto result = runCheck(checker);
-        QCOMPARE(result.status, UpdateChecker::CheckStatus::Failed);
-        QVERIFY2(result.error.contains(QStringLiteral("isn’t an https address")), qPrintable(result.error));
-        QVERIFY(m_server->requests().isEmpty());
-    }
-
     void redirects_data()
     {
         QTest::addColumn<QString>("redirectedPath"); // /feed.xml or the download
-        QTest::addColumn<QByteArray>("location");
+        QTest::addColumn<QString>("location");
         QTest::addColumn<bool>("followed");
-        QTest::newRow("feed, same host") << "/feed.xml" << QByteArray("/moved/feed.xml") << true;
-        QTest::newRow("feed, another host") << "/feed.xml" << QByteArray("http://localhost:%1/moved/feed.xml")
-                                            << false;
-        QTest::newRow("download, same host") << "/dl/Orvane-2.0.tar.gz" << QByteArray("/moved/Orvane-2.0.tar.gz")
-                                             << true;
-        QTest::newRow("download, another host")
-            << "/dl/Orvane-2.0.tar.gz" << QByteArray("http://localhost:%1/moved/Orvane-2.0.tar.gz") << false;
+        QTest::newRow("feed, another host") << "/feed.xml" << "http://localhost:%1/moved/feed.xml" << false;
+        QTest::newRow("download, same host") << kBuild << "/moved/Orvane-2.0.tar.gz" << true;
+        QTest::newRow("download, another host") << kBuild << "http://localhost:%1/moved/Orvane-2.0.tar.gz" << false;
     }
 
     void redirects()
     {
         QFETCH(QString, redirectedPath);
-        QFETCH(QByteArray, location);
+        QFETCH(QString, location);
         QFETCH(bool, followed);
-        location.replace("%1", QByteArray::number(m_server->url(QStringLiteral("/")).port()));
+        location = location.arg(m_server->url(QStringLiteral("/")).port());
         const QByteArray payload = "Orvane 2.0";
         const QByteArray feed = makeFeed({build(payload)});
-        serveSignedFeed(feed);
-        m_server->setResponse(kBuild, {200, "OK", payload});
-        const QString target = QUrl(QString::fromLatin1(location)).path();
-        m_server->setResponse(target, {200, "OK", redirectedPath.endsWith(QStringLiteral(".xml")) ? feed : payload});
-        m_server->setResponse(target + QStringLiteral(".sig"), {200, "OK", m_key.signBase64(feed), "text/plain"});
+        const QString target = QUrl(location).path();
+        serveFeed(*m_server, m_key, feed);
+        serveFeed(*m_server, m_key, feed, {}, target);
+        m_server->setResponse(redirectedPath == kBuild ? target : kBuild, {200, "OK", payload});
         Response moved{302, "Found", "", "text/plain"};
-        moved.headers = {{"Location", location}};
+        moved.headers = {{"Location", location.toLatin1()}};
         m_server->setResponse(redirectedPath, moved);
 
         UpdateChecker checker(config());
         const auto check = runCheck(checker);
-        const bool feedRedirected = redirectedPath == QStringLiteral("/feed.xml");
-        if (feedRedirected && !followed) {
-            QCOMPARE(check.status, UpdateChecker::CheckStatus::Failed);
-            QVERIFY2(check.error.contains(QStringLiteral("isn’t an https address on the same server")),
-                     qPrintable(check.error));
-            QVERIFY(!m_server->requests().contains(target));
-            return;
-        }
-        QCOMPARE(check.status, UpdateChecker::CheckStatus::UpdateAvailable);
-        const auto result = runDownload(checker, *check.update);
-        QCOMPARE(result.ok, followed);
+        const QString refused = QStringLiteral("isn’t an https address on the same server");
+        QCOMPARE(check.status, redirectedPath == kBuild ? Status::UpdateAvailable : Status::Failed);
+        const QString error = check.update ? runDownload(checker, *check.update).error : check.error;
+        QVERIFY2(followed ? error.isEmpty() : error.contains(refused), qPrintable(error));
         QCOMPARE(m_server->requests().contains(target), followed);
-        if (!followed) {
-            QVERIFY2(result.error.contains(QStringLiteral("isn’t an https address on the same server")),
-                     qPrintable(result.error));
-            QCOMPARE(filesIn(m_downloads->path()), QStringList());
-        }
-    }
-
-    // Refused before a byte is asked for: nothing is requested, nothing written.
-    void downloadRefusedUpFront_data()
-    {
-        QTest::addColumn<QString>("url");
-        QTest::addColumn<QString>("length");
-        QTest::addColumn<qint64>("cap");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("announced above the cap") << "/dl/big.tar.gz" << "10737418240" << qint64(1 << 20)
-                                                 << "more than the 1 MiB Orvane accepts";
-        QTest::newRow("the default cap") << "/dl/big.tar.gz" << "10737418240" << UpdateChecker::maxUpdateBytes
-                                         << "more than the 1 GiB Orvane accepts";
-        QTest::newRow("more than the disk holds")
-            << "/dl/big.tar.gz" << "1125899906842624" << (qint64(1) << 62) << "enough free space";
-        QTest::newRow("plain http elsewhere") << "http://192.0.2.1/Orvane.tar.gz" << "10" << qint64(1 << 20)
-                                              << "isn’t an https address";
-    }
-
-    void downloadRefusedUpFront()
-    {
-        QFETCH(QString, url);
-        QFETCH(QString, length);
-        QFETCH(qint64, cap);
-        QFETCH(QString, error);
-        FeedItem feedItem = item(QStringLiteral("2.0"), "x", QStringLiteral("/dl/big.tar.gz"));
-        if (!url.startsWith(u'/'))
-            feedItem.url = url;
-        feedItem.length = length;
-        m_server->setResponse(QStringLiteral("/dl/big.tar.gz"), {200, "OK", QByteArray(4 << 20, 'x')});
-        UpdateChecker::Config c = config();
-        c.maxDownloadBytes = cap;
-        UpdateChecker checker(c);
-        const AppcastItem update = offer(checker, feedItem);
-        const qsizetype asked = m_server->requests().size();
-        const auto result = runDownload(checker, update);
-        QVERIFY(!result.ok);
-        QVERIFY2(result.error.contains(error), qPrintable(result.error));
-        QCOMPARE(m_server->requests().size(), asked);
-        QCOMPARE(filesIn(m_downloads->path()), QStringList());
-    }
-
-    // Servers often label a .tar.gz as gzip-encoded; the signature covers the
-    // file as published, so it must arrive as it is.
-    void gzipEncodedDownloadIsKeptAsPublished()
-    {
-        const QByteArray payload = gzipStored(QByteArray("Orvane 2.0 build ").repeated(8000));
-        Response encoded{200, "OK", payload, "application/gzip"};
-        encoded.headers = {{"Content-Encoding", "gzip"}};
-        m_server->setResponse(kBuild, encoded);
-        UpdateChecker checker(config());
-        const auto result = runDownload(checker, offer(checker, build(payload)));
-        QVERIFY2(result.ok, qPrintable(result.error));
-        QCOMPARE(m_server->lastRequestHeaders().value("accept-encoding"), QByteArray("identity"));
-        QCOMPARE(contents(result.filePath), payload);
+        QCOMPARE(downloaded().size(), followed ? 1 : 0);
     }
 
     void signatureVerification()
@@ -620,7 +438,6 @@ private Q_SLOTS:
         QVERIFY(!UpdateChecker::verifySignature(message, signature.left(63), m_key.publicKey));
         QVERIFY(!UpdateChecker::verifySignature(message, signature, m_key.publicKey.left(31)));
         QVERIFY(!UpdateChecker::verifySignature(message, signature, SigningKey().publicKey));
-        QVERIFY(!UpdateChecker::verifySignature(message, QByteArray(64, '\0'), m_key.publicKey));
     }
 };
 

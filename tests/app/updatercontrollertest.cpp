@@ -2,39 +2,45 @@
 // checks, and the dialog of a user-initiated check, against a local server.
 #include <QAction>
 #include <QApplication>
-#include <QMainWindow>
-#include <QTimer>
 #include <QCheckBox>
 #include <QDir>
-#include <QFile>
 #include <QLabel>
+#include <QMainWindow>
 #include <QNetworkAccessManager>
 #include <QPushButton>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 
 #include "app/updatedialog.h"
 #include "app/updatercontroller.h"
-#include "localhttpserver.h"
 #include "updatetestsupport.h"
 
 using namespace orvane;
-using namespace std::chrono_literals;
-using orvane::test::FeedItem;
-using orvane::test::LocalHttpServer;
-using orvane::test::makeFeed;
-using orvane::test::SigningKey;
+using namespace orvane::test;
 
 namespace {
 
-constexpr int kWait = 20'000;
-
 template <typename T>
-T* child(UpdateDialog* dialog, const char* name)
+T* child(UpdateDialog* dialog, const QString& name)
 {
-    return dialog ? dialog->findChild<T*>(QString::fromLatin1(name)) : nullptr;
+    return dialog ? dialog->findChild<T*>(name) : nullptr;
+}
+
+// Calls start, then waits for signal from the controller's checker.
+template <typename Signal>
+bool finishes(UpdaterController& controller, Signal signal, const std::function<void()>& start)
+{
+    QSignalSpy spy(&controller.checker(), signal);
+    start();
+    return spy.wait(kWait);
+}
+
+bool userCheckFinishes(UpdaterController& controller)
+{
+    return finishes(controller, &UpdateChecker::checkFinished, [&] { controller.checkForUpdates(); });
 }
 
 } // namespace
@@ -52,14 +58,8 @@ private:
 
     std::unique_ptr<UpdaterController> makeController(bool withFeed = true)
     {
-        UpdateChecker::Config config;
-        if (withFeed)
-            config.feedUrl = m_server->url(QStringLiteral("/feed.xml"));
-        config.publicKey = m_key.publicKeyBase64();
-        config.currentVersion = QStringLiteral("1.0");
-        config.transferTimeout = 300ms;
-        config.downloadDirectory = m_dir->filePath(QStringLiteral("downloads"));
-        config.allowLoopbackHttp = true;
+        UpdateChecker::Config config = testConfig(*m_server, m_key.publicKeyBase64(), m_dir->filePath(QStringLiteral("downloads")));
+        config.feedUrl = withFeed ? config.feedUrl : QUrl();
         return std::make_unique<UpdaterController>(
             config, std::make_unique<QSettings>(settingsPath(), QSettings::IniFormat));
     }
@@ -69,9 +69,7 @@ private:
         const FeedItem item{version, QString(), m_server->url(QStringLiteral("/dl/Orvane.tar.gz")).toString(),
                             QString::number(m_payload.size()), m_key.signBase64(m_payload),
                             QStringLiteral("https://orvane.app/notes.html"), QString()};
-        const QByteArray feed = makeFeed({item});
-        m_server->setResponse(QStringLiteral("/feed.xml"), {200, "OK", feed, "application/rss+xml"});
-        m_server->setResponse(QStringLiteral("/feed.xml.sig"), {200, "OK", m_key.signBase64(feed), "text/plain"});
+        orvane::test::serveFeed(*m_server, m_key, makeFeed({item}));
         m_server->setResponse(QStringLiteral("/dl/Orvane.tar.gz"), {200, "OK", m_payload});
     }
 
@@ -82,24 +80,18 @@ private Q_SLOTS:
         if (!m_server->start())
             QSKIP("cannot listen on 127.0.0.1");
         m_dir = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_dir->isValid());
     }
 
-    void cleanup()
-    {
-        m_server.reset();
-        m_dir.reset();
-    }
-
-    void withoutFeedTheCheckPointsToThePackageManager()
+    void withoutFeedTheCommandPointsToThePackageManager()
     {
         auto controller = makeController(false);
         QVERIFY(!controller->automaticallyChecksForUpdates());
         controller->start();
-        controller->checkForUpdates();
+        QWidget window;
+        controller->makeCheckForUpdatesAction(&window, &window)->trigger();
         UpdateDialog* dialog = controller->dialog();
-        QVERIFY(dialog);
-        QVERIFY(dialog->isVisible());
+        QVERIFY(dialog && dialog->isVisible());
+        QCOMPARE(dialog->parentWidget(), &window);
         QTRY_COMPARE(dialog->headline(), QStringLiteral("Updates come from your system."));
         QVERIFY(dialog->message().contains(QStringLiteral("package manager")));
         QVERIFY(!child<QCheckBox>(dialog, "automaticChecks")->isEnabled());
@@ -115,16 +107,13 @@ private Q_SLOTS:
             auto controller = makeController();
             QVERIFY(controller->automaticallyChecksForUpdates()); // on by default with a feed
             serveFeed(QStringLiteral("1.0"));
-            QSignalSpy finished(&controller->checker(), &UpdateChecker::checkFinished);
-            controller->checkForUpdates();
-            QVERIFY(finished.wait(kWait));
+            QVERIFY(userCheckFinishes(*controller));
             QCheckBox* box = child<QCheckBox>(controller->dialog(), "automaticChecks");
             QVERIFY(box && box->isEnabled() && box->isChecked());
             box->click();
             QVERIFY(!controller->automaticallyChecksForUpdates());
         }
-        QSettings stored(settingsPath(), QSettings::IniFormat);
-        QCOMPARE(stored.allKeys().size(), 1); // the only state Orvane keeps
+        QCOMPARE(QSettings(settingsPath(), QSettings::IniFormat).allKeys().size(), 1); // the only state Orvane keeps
         auto reopened = makeController();
         QVERIFY(!reopened->automaticallyChecksForUpdates());
         const qsizetype requestsBefore = m_server->requests().size();
@@ -136,98 +125,81 @@ private Q_SLOTS:
 
     void userCheckOutcomes_data()
     {
-        QTest::addColumn<QString>("feedVersion");
-        QTest::addColumn<bool>("serverFails");
+        QTest::addColumn<QString>("feedVersion"); // empty: the server has no feed
         QTest::addColumn<QString>("headline");
         QTest::addColumn<QString>("message");
-        QTest::addColumn<bool>("downloadOffered");
-        QTest::newRow("update available") << "2.0" << false << "A new version of Orvane is available."
-                                          << "Orvane 2.0 is available — you have 1.0. Download it now?" << true;
-        QTest::newRow("up to date") << "1.0" << false << "You’re up to date."
-                                    << "Orvane 1.0 is the newest version available." << false;
-        QTest::newRow("error") << "" << true << "Couldn’t check for updates."
-                               << "The update server answered with status 404 (Not Found)." << false;
+        QTest::newRow("update available") << "2.0" << "A new version of Orvane is available."
+                                          << "Orvane 2.0 is available — you have 1.0. Download it now?";
+        QTest::newRow("up to date") << "1.0" << "You’re up to date." << "Orvane 1.0 is the newest version available.";
+        QTest::newRow("error") << "" << "Couldn’t check for updates."
+                               << "The update server answered with status 404 (Not Found).";
     }
 
     void userCheckOutcomes()
     {
         QFETCH(QString, feedVersion);
-        QFETCH(bool, serverFails);
         QFETCH(QString, headline);
         QFETCH(QString, message);
-        QFETCH(bool, downloadOffered);
-        if (!serverFails)
+        if (!feedVersion.isEmpty())
             serveFeed(feedVersion);
-
         auto controller = makeController();
         QSignalSpy finished(&controller->checker(), &UpdateChecker::checkFinished);
         controller->checkForUpdates();
         UpdateDialog* dialog = controller->dialog();
         QCOMPARE(dialog->headline(), QStringLiteral("Checking for updates…"));
+        controller->checkForUpdates(); // joins: the same dialog
+        QCOMPARE(controller->dialog(), dialog);
         QVERIFY(finished.wait(kWait));
         QCOMPARE(dialog->headline(), headline);
         QCOMPARE(dialog->message(), message);
-        QCOMPARE(child<QPushButton>(dialog, "download")->isVisible(), downloadOffered);
-        QCOMPARE(child<QLabel>(dialog, "releaseNotes")->isVisible(), downloadOffered);
+        const bool offered = feedVersion == QLatin1String("2.0");
+        QCOMPARE(child<QPushButton>(dialog, "download")->isVisible(), offered);
+        QCOMPARE(child<QLabel>(dialog, "releaseNotes")->isVisible(), offered);
+    }
+
+    void downloadFromTheDialog_data()
+    {
+        QTest::addColumn<bool>("cutShort");
+        QTest::addColumn<QString>("headline");
+        QTest::addColumn<QString>("message"); // a part of it
+        QTest::addColumn<QString>("button");  // shown afterwards
+        QTest::newRow("verified") << false << "The update is ready." << "“Orvane.tar.gz”" << "showInFolder";
+        QTest::newRow("cut short, can be retried") << true << "Couldn’t download the update." << "deleted" << "download";
     }
 
     void downloadFromTheDialog()
     {
+        QFETCH(bool, cutShort);
+        QFETCH(QString, headline);
+        QFETCH(QString, message);
+        QFETCH(QString, button);
         serveFeed(QStringLiteral("2.0"));
+        if (cutShort)
+            m_server->setResponse(QStringLiteral("/dl/Orvane.tar.gz"), {200, "OK", m_payload.left(10)});
         auto controller = makeController();
-        QSignalSpy checked(&controller->checker(), &UpdateChecker::checkFinished);
-        controller->checkForUpdates();
-        QVERIFY(checked.wait(kWait));
-
-        QSignalSpy downloaded(&controller->checker(), &UpdateChecker::downloadFinished);
+        QVERIFY(userCheckFinishes(*controller));
         UpdateDialog* dialog = controller->dialog();
-        child<QPushButton>(dialog, "download")->click();
-        QVERIFY(downloaded.wait(kWait));
-        QCOMPARE(dialog->headline(), QStringLiteral("The update is ready."));
-        QVERIFY(dialog->message().contains(QStringLiteral("“Orvane.tar.gz”")));
-        QVERIFY(child<QPushButton>(dialog, "showInFolder")->isVisible());
-        QFile kept(QDir(m_dir->filePath(QStringLiteral("downloads"))).filePath(QStringLiteral("Orvane.tar.gz")));
-        QVERIFY(kept.open(QIODevice::ReadOnly));
-        QCOMPARE(kept.readAll(), m_payload);
-    }
-
-    void failedDownloadIsReportedAndCanBeRetried()
-    {
-        serveFeed(QStringLiteral("2.0"));
-        m_server->setResponse(QStringLiteral("/dl/Orvane.tar.gz"), {200, "OK", m_payload.left(10)});
-        auto controller = makeController();
-        QSignalSpy checked(&controller->checker(), &UpdateChecker::checkFinished);
-        controller->checkForUpdates();
-        QVERIFY(checked.wait(kWait));
-
-        QSignalSpy downloaded(&controller->checker(), &UpdateChecker::downloadFinished);
-        child<QPushButton>(controller->dialog(), "download")->click();
-        QVERIFY(downloaded.wait(kWait));
-        QCOMPARE(controller->dialog()->headline(), QStringLiteral("Couldn’t download the update."));
-        QVERIFY(controller->dialog()->message().contains(QStringLiteral("deleted")));
-        QVERIFY(child<QPushButton>(controller->dialog(), "download")->isVisible());
-        QVERIFY(QDir(m_dir->filePath(QStringLiteral("downloads")))
-                    .entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot)
-                    .isEmpty());
+        QVERIFY(finishes(*controller, &UpdateChecker::downloadFinished,
+                         [&] { child<QPushButton>(dialog, "download")->click(); }));
+        QCOMPARE(dialog->headline(), headline);
+        QVERIFY2(dialog->message().contains(message), qPrintable(dialog->message()));
+        QVERIFY(child<QPushButton>(dialog, button)->isVisible());
+        QCOMPARE(QDir(m_dir->filePath(QStringLiteral("downloads"))).entryList(QDir::Files | QDir::Hidden),
+                 cutShort ? QStringList() : QStringList{QStringLiteral("Orvane.tar.gz")});
     }
 
     void backgroundCheckSpeaksOnlyOfUpdates()
     {
         serveFeed(QStringLiteral("1.0"));
         auto quiet = makeController();
-        QSignalSpy quietSpy(&quiet->checker(), &UpdateChecker::checkFinished);
-        quiet->start();
-        QVERIFY(quietSpy.wait(kWait));
+        QVERIFY(finishes(*quiet, &UpdateChecker::checkFinished, [&] { quiet->start(); }));
         QCOMPARE(quiet->dialog(), nullptr);
 
         serveFeed(QStringLiteral("2.0"));
         auto announcing = makeController();
-        QSignalSpy spy(&announcing->checker(), &UpdateChecker::checkFinished);
-        announcing->start();
-        announcing->start(); // a second start does not check again
-        QVERIFY(spy.wait(kWait));
-        QVERIFY(announcing->dialog());
-        QVERIFY(announcing->dialog()->isVisible());
+        // A second start does not check again.
+        QVERIFY(finishes(*announcing, &UpdateChecker::checkFinished, [&] { announcing->start(), announcing->start(); }));
+        QVERIFY(announcing->dialog() && announcing->dialog()->isVisible());
         QCOMPARE(announcing->dialog()->headline(), QStringLiteral("A new version of Orvane is available."));
         QCOMPARE(m_server->requests().size(), 4); // two feeds, two signatures
     }
@@ -242,9 +214,7 @@ private Q_SLOTS:
         window.show();
         delete controller->makeCheckForUpdatesAction(&window, nullptr);
         QApplication::setActiveWindow(nullptr);
-        QSignalSpy finished(&controller->checker(), &UpdateChecker::checkFinished);
-        controller->start();
-        QVERIFY(finished.wait(kWait));
+        QVERIFY(finishes(*controller, &UpdateChecker::checkFinished, [&] { controller->start(); }));
         QVERIFY(controller->dialog() && controller->dialog()->isVisible());
         QCOMPARE(controller->dialog()->parentWidget(), &window);
 
@@ -258,35 +228,6 @@ private Q_SLOTS:
         const int status = QApplication::exec();
         QApplication::setQuitOnLastWindowClosed(quitOnClose);
         QCOMPARE(status, 0);
-    }
-
-    void checkingTwiceShowsOneDialog()
-    {
-        serveFeed(QStringLiteral("1.0"));
-        auto controller = makeController();
-        QSignalSpy finished(&controller->checker(), &UpdateChecker::checkFinished);
-        controller->checkForUpdates();
-        UpdateDialog* first = controller->dialog();
-        controller->checkForUpdates();
-        QCOMPARE(controller->dialog(), first);
-        QVERIFY(finished.wait(kWait));
-        QCOMPARE(first->headline(), QStringLiteral("You’re up to date."));
-    }
-
-    void commandAction()
-    {
-        auto controller = makeController(false);
-        QWidget window;
-        QAction* action = controller->makeCheckForUpdatesAction(&window, &window);
-        QCOMPARE(action->text(), QStringLiteral("Check for Updates…"));
-        QVERIFY(action->isEnabled());
-        QVERIFY(action->shortcut().isEmpty());
-        QVERIFY(!action->icon().isNull());
-        QVERIFY(!action->icon().availableSizes().isEmpty() || !action->icon().pixmap(16).isNull());
-        action->trigger();
-        QVERIFY(controller->dialog());
-        QCOMPARE(controller->dialog()->parentWidget(), &window);
-        QTRY_COMPARE(controller->dialog()->headline(), QStringLiteral("Updates come from your system."));
     }
 };
 

@@ -1,4 +1,4 @@
-// Feeds and signing keys made in the test, for the updater tests.
+// Feeds, signing keys and a local update server made in the test, for the updater tests.
 #pragma once
 
 #include <QByteArray>
@@ -7,7 +7,13 @@
 
 #include <sodium.h>
 
+#include "app/updatechecker.h"
+#include "localhttpserver.h"
+
 namespace orvane::test {
+
+/// Generous bound for a signal that must come; the injected timeouts are far shorter.
+constexpr int kWait = 20'000;
 
 /// A fresh Ed25519 key pair.
 struct SigningKey {
@@ -47,9 +53,9 @@ struct FeedItem {
     QString title;
 };
 
-/// bytes as a gzip file (stored, not compressed): what a server sends for a
-/// .tar.gz, and what Qt would decompress if left to itself.
-inline QByteArray gzipStored(const QByteArray& bytes)
+/// bytes as a gzip file: what a server sends for a .tar.gz, and what Qt
+/// would decompress if left to itself.
+inline QByteArray gzipped(const QByteArray& bytes)
 {
     quint32 crc = 0xffffffffu;
     for (const char c : bytes) {
@@ -57,29 +63,13 @@ inline QByteArray gzipStored(const QByteArray& bytes)
         for (int k = 0; k < 8; ++k)
             crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
     }
-    crc = ~crc;
-    auto le32 = [](quint32 v) {
-        QByteArray four(4, '\0');
+    QByteArray trailer;
+    for (const quint32 v : {~crc, quint32(bytes.size())})
         for (int i = 0; i < 4; ++i)
-            four[i] = char(v >> (8 * i));
-        return four;
-    };
-    QByteArray out("\x1f\x8b\x08\0\0\0\0\0\0\xff", 10);
-    for (qsizetype at = 0; at < bytes.size() || at == 0; at += 0xffff) {
-        const QByteArray block = bytes.mid(at, 0xffff);
-        const quint16 len = quint16(block.size());
-        out += char(at + 0xffff >= bytes.size() ? 1 : 0); // last block, stored
-        out += char(len);
-        out += char(len >> 8);
-        out += char(~len);
-        out += char(quint16(~len) >> 8);
-        out += block;
-        if (bytes.isEmpty())
-            break;
-    }
-    out += le32(crc);
-    out += le32(quint32(bytes.size()));
-    return out;
+            trailer += char(v >> (8 * i));
+    // qCompress gives a 4-byte length, a 2-byte zlib header, the raw deflate
+    // stream and a 4-byte checksum; gzip wants the stream alone.
+    return QByteArray("\x1f\x8b\x08\0\0\0\0\0\0\xff", 10) + qCompress(bytes).mid(6).chopped(4) + trailer;
 }
 
 inline QByteArray makeFeed(const QList<FeedItem>& items)
@@ -112,6 +102,31 @@ inline QByteArray makeFeed(const QList<FeedItem>& items)
     }
     xml += "</channel></rss>\n";
     return xml;
+}
+
+/// Serves feed at path with key's signature (or signature, when given) at path.sig.
+inline void serveFeed(LocalHttpServer& server, const SigningKey& key, const QByteArray& feed,
+                      const QByteArray& signature = {}, const QString& path = QStringLiteral("/feed.xml"))
+{
+    server.setResponse(path, {200, "OK", feed, "application/rss+xml"});
+    server.setResponse(path + QStringLiteral(".sig"),
+                       {200, "OK", signature.isNull() ? key.signBase64(feed) : signature, "text/plain"});
+}
+
+/// An updater at version 1.0 reading /feed.xml from server over loopback http,
+/// verifying with publicKey (base64) and keeping downloads in downloads.
+inline UpdateChecker::Config testConfig(const LocalHttpServer& server, const QByteArray& publicKey,
+                                        const QString& downloads)
+{
+    using namespace std::chrono_literals;
+    UpdateChecker::Config config;
+    config.feedUrl = server.url(QStringLiteral("/feed.xml"));
+    config.publicKey = publicKey;
+    config.currentVersion = QStringLiteral("1.0");
+    config.transferTimeout = 300ms;
+    config.downloadDirectory = downloads;
+    config.allowLoopbackHttp = true;
+    return config;
 }
 
 } // namespace orvane::test

@@ -2,8 +2,6 @@
 // JSON, and leaves camera raw files alone: the real binary on files made here.
 #include <sys/stat.h>
 
-#include <functional>
-
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -47,6 +45,17 @@ QByteArray noisyPng()
     return bytes;
 }
 
+// Each reported file as name:status:reason; a failure without a message shows as such.
+QStringList outcomes(const TrimRun& run)
+{
+    QStringList seen;
+    for (const QJsonObject& object : run.json())
+        seen << QFileInfo(object.value("path").toString()).fileName() + QLatin1Char(':') + object.value("status").toString()
+                + QLatin1Char(':') + object.value("reason").toString()
+                + (object.contains("reason") && object.value("error").toString().isEmpty() ? ", no message" : "");
+    return seen;
+}
+
 class TrimReasons : public ::testing::Test {
 protected:
     QString path(const QString& name) const { return dir.filePath(name); }
@@ -60,35 +69,18 @@ protected:
 
 TEST_F(TrimReasons, EachFileNamedDirectlyGetsItsReason)
 {
-    const struct {
-        const char* name;
-        std::function<void(const QString&)> make;
-        const char* reason;
-    } cases[] = {
-        {"DSC_0001.NEF", writeRaw, "unsupported"},
-        {"scan.dng", writeRaw, "unsupported"},
-        {"gone.png", [](const QString&) {}, "missing"},
-        {"notes.png", [](const QString& p) { ASSERT_TRUE(writeFile(p, "not an image\n")); }, "not-an-image"},
-        {"cut.png", [](const QString& p) { ASSERT_TRUE(writeFile(p, noisyPng().chopped(3000))); }, "damaged"},
-    };
-    QStringList args{QStringLiteral("-n"), QStringLiteral("--json")};
-    for (const auto& c : cases) {
-        c.make(path(QLatin1String(c.name)));
-        args << QLatin1String(c.name);
-    }
-    const TrimRun run = trim(args);
+    writeRaw(path("DSC_0001.NEF"));
+    writeRaw(path("scan.dng"));
+    ASSERT_TRUE(writeFile(path("notes.png"), "not an image\n"));
+    ASSERT_TRUE(writeFile(path("cut.png"), noisyPng().chopped(3000)));
+    const TrimRun run = trim({"-n", "--json", "DSC_0001.NEF", "scan.dng", "gone.png", "notes.png", "cut.png"});
     EXPECT_EQ(run.exitCode, 1);
-    const QList<QJsonObject> objects = run.json();
-    ASSERT_EQ(objects.size(), qsizetype(std::size(cases)));
-    for (qsizetype i = 0; i < objects.size(); ++i) {
-        EXPECT_EQ(objects[i].value("path").toString(), QLatin1String(cases[i].name));
-        EXPECT_EQ(objects[i].value("reason").toString(), QLatin1String(cases[i].reason)) << cases[i].name;
-        EXPECT_FALSE(objects[i].value("error").toString().isEmpty()) << cases[i].name;
-    }
+    EXPECT_EQ(outcomes(run), (QStringList{"DSC_0001.NEF::unsupported", "scan.dng::unsupported", "gone.png::missing",
+                                          "notes.png::not-an-image", "cut.png::damaged"}));
     // The reason follows the message, so that a line reads in order.
     EXPECT_TRUE(run.out.contains("\",\"reason\":\"unsupported\"}"));
 
-    const TrimRun plain = trim({QStringLiteral("-n"), QStringLiteral("DSC_0001.NEF")});
+    const TrimRun plain = trim({"-n", "DSC_0001.NEF"});
     EXPECT_TRUE(plain.err.startsWith("orvane-trim: DSC_0001.NEF: ")) << plain.err.toStdString();
     EXPECT_TRUE(plain.err.contains(" (unsupported)\n")) << plain.err.toStdString();
 }
@@ -104,19 +96,14 @@ TEST_F(TrimReasons, RawFilesInAFolderAreNeitherListedNorCountedAndNeverWritten)
     ASSERT_EQ(::mkfifo(QFile::encodeName(path("shots/e.png")).constData(), 0600), 0);
     const QByteArray raw = readFile(path("shots/b.NEF"));
 
-    const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--in-place"), QStringLiteral("shots")});
+    const TrimRun run = trim({"--json", "--in-place", "shots"});
     EXPECT_EQ(run.exitCode, 1);
-    QStringList seen;
-    for (const QJsonObject& object : run.json())
-        seen << QFileInfo(object.value("path").toString()).fileName() + QLatin1Char(':')
-                + object.value("status").toString() + QLatin1Char(':') + object.value("reason").toString();
     // The dangling link and the pipe are named like images: they count, and say why.
-    EXPECT_EQ(seen, (QStringList{"a.png:trimmed:", "d.png:failed:missing", "e.png:failed:unreadable"}));
+    EXPECT_EQ(outcomes(run), (QStringList{"a.png:trimmed:", "d.png:failed:missing", "e.png:failed:unreadable"}));
     EXPECT_EQ(readFile(path("shots/b.NEF")), raw);
 
     // Named directly, a raw file fails and stays as it was.
-    const TrimRun direct = trim({QStringLiteral("--in-place"), QStringLiteral("shots/b.NEF")});
-    EXPECT_EQ(direct.exitCode, 1);
+    EXPECT_EQ(trim({"--in-place", "shots/b.NEF"}).exitCode, 1);
     EXPECT_EQ(readFile(path("shots/b.NEF")), raw);
 }
 
