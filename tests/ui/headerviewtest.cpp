@@ -1,6 +1,6 @@
-// The header: the choice between its wide and narrow arrangements, the
-// middle-truncated name, the position badge, and the sizes before and after
-// trimming with their colours.
+// The header: its wide and narrow arrangements, the middle-truncated name,
+// the position badge, and the sizes before and after trimming with their
+// colours.
 
 #include <QLabel>
 #include <QTemporaryDir>
@@ -8,14 +8,11 @@
 
 #include "model/cropmodel.h"
 #include "ui/controls/elidedlabel.h"
-#include "ui/window/headerlayout.h"
 #include "ui/window/headerview.h"
 #include "ui/style/theme.h"
 #include "windowtestsupport.h"
 
 using namespace orvane;
-
-Q_DECLARE_METATYPE(orvane::HeaderArrangement)
 
 class HeaderViewTest : public QObject {
     Q_OBJECT
@@ -40,27 +37,6 @@ private:
 
 private Q_SLOTS:
     void initTestCase() { QVERIFY(m_dir.isValid()); }
-
-    void arrangementChoice_data()
-    {
-        QTest::addColumn<int>("name");
-        QTest::addColumn<int>("dims");
-        QTest::addColumn<int>("available");
-        QTest::addColumn<HeaderArrangement>("expected");
-        // Wide needs max(name, 110) + 8 + 12 + 8 + dims.
-        QTest::newRow("exactly enough") << 150 << 160 << 338 << HeaderArrangement::Wide;
-        QTest::newRow("one pixel short") << 150 << 160 << 337 << HeaderArrangement::Narrow;
-        QTest::newRow("short name still counts 110") << 40 << 160 << 297 << HeaderArrangement::Narrow;
-        QTest::newRow("no dims row: no spacing for it") << 200 << 0 << 220 << HeaderArrangement::Wide;
-    }
-    void arrangementChoice()
-    {
-        QFETCH(int, name);
-        QFETCH(int, dims);
-        QFETCH(int, available);
-        QFETCH(HeaderArrangement, expected);
-        QCOMPARE(headerArrangement(name, dims, available), expected);
-    }
 
     void sizesAndTheirColours()
     {

@@ -63,19 +63,6 @@ private Q_SLOTS:
         QCOMPARE(spring.velocity(), 0.0);
     }
 
-    void frameLengthDoesNotChangeThePath()
-    {
-        Spring a(0.0), b(0.0);
-        a.retarget(100.0, 0.55, 0.72);
-        b.retarget(100.0, 0.55, 0.72);
-        for (int i = 0; i < 12; ++i)
-            a.step(1.0 / 120.0);
-        for (int i = 0; i < 3; ++i)
-            b.step(1.0 / 30.0);
-        QVERIFY(qAbs(a.value() - b.value()) < 1e-9);
-        QVERIFY(qAbs(a.velocity() - b.velocity()) < 1e-9);
-    }
-
     void retargetKeepsPositionAndVelocity()
     {
         Spring spring(0.0);
