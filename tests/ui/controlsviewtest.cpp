@@ -226,32 +226,11 @@ private Q_SLOTS:
         QCOMPARE(shown.last(), last);
     }
 
-    void aSaveInFlightHoldsBothButtons()
-    {
-        auto source = std::make_shared<test::HeldImageSource>();
-        CropModel model(nullptr, nullptr, source);
-        ControlsView controls(&model);
-        auto* saveAsNew = part(controls, "saveAsNew");
-        auto* saveOver = part(controls, "saveOverOriginal");
-        test::openAll(model, {image(QStringLiteral("held-1.png")), image(QStringLiteral("held-2.png"))});
-        QTRY_VERIFY(saveOver->isEnabled());
-        // While the file is written, both buttons wait for it.
-        source->hold(test::HeldImageSource::Step::Save);
-        QTest::mouseClick(saveOver, Qt::LeftButton);
-        QTRY_VERIFY(!saveOver->isEnabled());
-        QVERIFY(!saveAsNew->isEnabled());
-        QVERIFY(part<QWidget>(controls, "toleranceRow")->isVisibleTo(&controls));
-        source->releaseAll();
-        QTRY_VERIFY(model.items().front().saved);
-        QTRY_VERIFY(saveOver->isEnabled() && saveAsNew->isEnabled());
-        QCOMPARE(model.active()->url.fileName(), QStringLiteral("held-2.png"));
-    }
-
     void enabledStatesAndSaveShortcut()
     {
-        CropModel model;
+        auto source = std::make_shared<test::HeldImageSource>();
         test::FakePanels panels;
-        model.setPanels(&panels);
+        CropModel model(&panels, nullptr, source);
         ControlsView controls(&model);
         controls.show();
         controls.activateWindow();
@@ -277,15 +256,27 @@ private Q_SLOTS:
 
         // An active image: everything works, and Ctrl+S saves over the original.
         const QUrl url = image(QStringLiteral("shortcut.png"));
-        test::openAll(model, {url});
+        test::openAll(model, {url, image(QStringLiteral("next.png"))});
         QTRY_VERIFY(saveOver->isEnabled() && saveAsNew->isEnabled());
         QVERIFY(!part<QWidget>(controls, "toleranceRow")->isHidden());
         QTest::keySequence(&controls, QKeySequence::Save);
         QTRY_VERIFY(model.items().front().saved);
         QCOMPARE(QImage(url.toLocalFile()).size(), QSize(160, 80));
+        QCOMPARE(model.active()->url.fileName(), QStringLiteral("next.png"));
         // "Save as New…" asks the panel for a destination.
         QTest::mouseClick(saveAsNew, Qt::LeftButton);
         QCOMPARE(panels.saveRequests, 1);
+
+        // While a file is written, both buttons wait for it.
+        source->hold(test::HeldImageSource::Step::Save);
+        QTRY_VERIFY(saveOver->isEnabled());
+        QTest::mouseClick(saveOver, Qt::LeftButton);
+        QTRY_VERIFY(!saveOver->isEnabled());
+        QVERIFY(!saveAsNew->isEnabled());
+        QVERIFY(part<QWidget>(controls, "toleranceRow")->isVisibleTo(&controls));
+        source->releaseAll();
+        QTRY_VERIFY(model.items().back().saved);
+        QTRY_VERIFY(saveOver->isEnabled() && saveAsNew->isEnabled());
     }
 
     void sliderAndToleranceStayInStep()
