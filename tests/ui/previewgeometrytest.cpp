@@ -17,10 +17,8 @@ private Q_SLOTS:
         QTest::addColumn<QRectF>("expected");
         QTest::newRow("wide image in a square view") << qint64(400) << qint64(200) << QSizeF(300, 300) << QRectF(0, 75, 300, 150);
         QTest::newRow("small image enlarged") << qint64(100) << qint64(100) << QSizeF(400, 200) << QRectF(100, 0, 200, 200);
-        QTest::newRow("tall image") << qint64(100) << qint64(400) << QSizeF(300, 200) << QRectF(125, 0, 50, 200);
         QTest::newRow("one-pixel line") << qint64(1) << qint64(1000) << QSizeF(100, 100) << QRectF(49.95, 0, 0.1, 100);
         QTest::newRow("zero-height view") << qint64(400) << qint64(200) << QSizeF(300, 0) << QRectF();
-        QTest::newRow("negative view") << qint64(400) << qint64(200) << QSizeF(-5, 300) << QRectF();
         QTest::newRow("image of width 0") << qint64(0) << qint64(200) << QSizeF(300, 300) << QRectF();
         QTest::newRow("image of negative height") << qint64(10) << qint64(-1) << QSizeF(300, 300) << QRectF();
     }
@@ -33,12 +31,11 @@ private Q_SLOTS:
         QCOMPARE(fittedRect(imageW, imageH, in), expected);
     }
 
-    void targetAndLocal()
+    void targetRectangles()
     {
         const QRectF f = fittedRect(400, 200, QSizeF(300, 300));
         const QRectF t = targetRect(f, 400, PixelRect{100, 50, 200, 100});
         QCOMPARE(t, QRectF(75, 112.5, 150, 75));
-        QCOMPARE(localRect(t, f), QRectF(75, 37.5, 150, 75));
         // The whole image as content, or none, maps onto the fitted rectangle, so
         // nothing is darkened; so does a collapsed view or an image without width.
         QCOMPARE(targetRect(f, 400, PixelRect{0, 0, 400, 200}), f);

@@ -2,18 +2,11 @@
 // set-up, images drawn in code, and panels that answer for the user.
 #pragma once
 
-#include <optional>
-
 #include <QApplication>
-#include <QColor>
 #include <QDir>
 #include <QFile>
-#include <QImage>
-#include <QList>
 #include <QPainter>
 #include <QPalette>
-#include <QRect>
-#include <QString>
 #include <QTest>
 #include <QUrl>
 #include <QWidget>
