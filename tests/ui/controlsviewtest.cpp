@@ -59,10 +59,8 @@ private Q_SLOTS:
         QTest::newRow("nothing") << none << false << none << 0 << Kind::None << QString();
         QTest::newRow("error over confirmation") << error << false << saved << 3 << Kind::Error << *error;
         QTest::newRow("error over all saved") << error << true << saved << 3 << Kind::Error << *error;
-        QTest::newRow("all saved over confirmation") << none << true << saved << 3 << Kind::Success << "All 3 images saved.";
         QTest::newRow("all saved, one image, no singular") << none << true << saved << 1 << Kind::Success << "All 1 images saved.";
         QTest::newRow("all saved, no grouping") << none << true << none << 1234 << Kind::Success << "All 1234 images saved.";
-        QTest::newRow("confirmation, two items") << none << false << saved << 2 << Kind::Success << "Saved a.png — next image ready.";
         QTest::newRow("confirmation, one item") << none << false << saved << 1 << Kind::Success << "Saved a.png";
         QTest::newRow("percent sign kept verbatim") << none << false << Text("100%1 <b>.png") << 1 << Kind::Success
                                                     << "Saved 100%1 <b>.png";
