@@ -117,10 +117,8 @@ private Q_SLOTS:
         const QString shown = name->displayedText();
         QVERIFY2(shown.startsWith(QStringLiteral("a-very")) && shown.contains(QStringLiteral("…"))
                      && shown.endsWith(QStringLiteral(".png")), qPrintable(shown));
-        // The sizes stand under the name, aligned with its start.
-        auto* dims = part<QWidget>(header, "dimsRow");
-        QTRY_VERIFY(dims->geometry().top() >= name->mapTo(&header, QPoint(0, name->height())).y());
-        QTRY_COMPARE(dims->x(), name->mapTo(&header, QPoint(0, 0)).x());
+        // The sizes stand under the name, and the header grows to hold them.
+        QTRY_VERIFY(part<QWidget>(header, "dimsRow")->y() >= name->mapTo(&header, QPoint(0, name->height())).y());
         QVERIFY(header.sizeHint().height() > wideHeight);
     }
 };

@@ -33,14 +33,14 @@ QString describe(QColor c) { return QString("rgb(%1,%2,%3)").arg(c.red()).arg(c.
 class ImagePreviewTest : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* m_dir = nullptr;
-    CropModel* m_model = nullptr;
-    ImagePreview* m_preview = nullptr;
+    QTemporaryDir m_dir;
+    std::unique_ptr<CropModel> m_model;
+    std::unique_ptr<ImagePreview> m_preview;
 
     QUrl block(const QString& name = QStringLiteral("a.png"), int width = 400, int height = 200,
                QRect content = blockContent)
     {
-        return writeBlockImage(QDir(m_dir->path()), name, width, height, content);
+        return writeBlockImage(QDir(m_dir.path()), name, width, height, content);
     }
 
     // Opens urls, shows the preview and waits until the reveal has settled.
@@ -48,7 +48,7 @@ class ImagePreviewTest : public QObject {
     {
         test::openAll(*m_model, urls);
         m_preview->show();
-        QVERIFY(QTest::qWaitForWindowExposed(m_preview));
+        QVERIFY(QTest::qWaitForWindowExposed(m_preview.get()));
         waitUntilSettled();
     }
 
@@ -62,19 +62,11 @@ class ImagePreviewTest : public QObject {
 private Q_SLOTS:
     void init()
     {
-        m_dir = new QTemporaryDir;
-        QVERIFY(m_dir->isValid());
-        m_model = new CropModel;
-        m_preview = new ImagePreview(m_model);
+        m_model = std::make_unique<CropModel>();
+        m_preview = std::make_unique<ImagePreview>(m_model.get());
         m_preview->resize(viewSize);
     }
-
-    void cleanup()
-    {
-        delete m_preview;
-        delete m_model;
-        delete m_dir;
-    }
+    void cleanup() { m_preview.reset(); }
 
     void revealPlaysForEachNewImage()
     {
@@ -83,7 +75,7 @@ private Q_SLOTS:
         // What the view shows at the moment each reveal starts.
         QList<bool> revealedAtStart;
         QList<QRectF> shownAtStart;
-        connect(m_preview, &ImagePreview::revealStarted, this, [&] {
+        connect(m_preview.get(), &ImagePreview::revealStarted, this, [&] {
             revealedAtStart << m_preview->isRevealed();
             shownAtStart << m_preview->shownImageRect();
         });
@@ -165,7 +157,7 @@ private Q_SLOTS:
 
     void noContentLeavesWholeImage()
     {
-        openAndSettle({writeImage(QDir(m_dir->path()).filePath("empty.png"), {120, 80}, QRect(), Qt::black)});
+        openAndSettle({writeImage(QDir(m_dir.path()).filePath("empty.png"), {120, 80}, QRect(), Qt::black)});
         QVERIFY(!m_model->activeContentRect());
         QCOMPARE(m_preview->shownImageRect(), QRectF(0, 0, 120, 80));
     }
@@ -196,7 +188,7 @@ private Q_SLOTS:
     void dropHighlightOnlyWithAnImage()
     {
         m_preview->show();
-        QVERIFY(QTest::qWaitForWindowExposed(m_preview));
+        QVERIFY(QTest::qWaitForWindowExposed(m_preview.get()));
         const QColor accent = Theme::accent(m_preview->palette());
         // No active item: the drop zone shows its own highlight, the preview none.
         m_preview->setTargeted(true);

@@ -22,10 +22,10 @@ using namespace orvane::test;
 class QueueDrawerTest : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* m_dir = nullptr;
-    FakePanels* m_panels = nullptr;
-    CropModel* m_model = nullptr;
-    QWidget* m_window = nullptr;
+    QTemporaryDir m_dir;
+    FakePanels m_panels;
+    std::unique_ptr<CropModel> m_model;
+    std::unique_ptr<QWidget> m_window;
     QueueDrawer* m_drawer = nullptr;
     QLineEdit* m_otherFocus = nullptr;
 
@@ -33,7 +33,7 @@ class QueueDrawerTest : public QObject {
     {
         QList<QUrl> urls;
         for (int i = 0; i < count; ++i)
-            urls << writeBlockImage(QDir(m_dir->path()), QStringLiteral("%1-%2.png").arg(prefix).arg(i, 2, 10, QLatin1Char('0')),
+            urls << writeBlockImage(QDir(m_dir.path()), QStringLiteral("%1-%2.png").arg(prefix).arg(i, 2, 10, QLatin1Char('0')),
                                     60 + i, 40, QRect(5, 5, 20 + i, 20));
         return urls;
     }
@@ -44,7 +44,7 @@ class QueueDrawerTest : public QObject {
         test::openAll(*m_model, writeImages(count));
         m_window->show();
         m_window->activateWindow();
-        QVERIFY(QTest::qWaitForWindowActive(m_window));
+        QVERIFY(QTest::qWaitForWindowActive(m_window.get()));
         QTRY_COMPARE(list()->model()->rowCount(), count);
     }
 
@@ -60,29 +60,18 @@ class QueueDrawerTest : public QObject {
 private Q_SLOTS:
     void init()
     {
-        m_dir = new QTemporaryDir;
-        QVERIFY(m_dir->isValid());
-        m_panels = new FakePanels;
-        m_model = new CropModel(m_panels);
+        m_panels = FakePanels();
+        m_model = std::make_unique<CropModel>(&m_panels);
         // A window with the drawer and something else that can take the focus.
-        m_window = new QWidget;
-        auto* layout = new QVBoxLayout(m_window);
-        m_drawer = new QueueDrawer(m_model, m_window);
+        m_window = std::make_unique<QWidget>();
+        auto* layout = new QVBoxLayout(m_window.get());
+        layout->addWidget(m_drawer = new QueueDrawer(m_model.get(), m_window.get()));
+        layout->addWidget(m_otherFocus = new QLineEdit(m_window.get()));
         // What the window does with the drawer's request.
-        connect(m_drawer, &QueueDrawer::openRequested, m_model, [this] { m_model->openPanel(); });
-        m_otherFocus = new QLineEdit(m_window);
-        layout->addWidget(m_drawer);
-        layout->addWidget(m_otherFocus);
+        connect(m_drawer, &QueueDrawer::openRequested, m_model.get(), [this] { m_model->openPanel(); });
         m_window->resize(260, 420);
     }
-
-    void cleanup()
-    {
-        delete m_window;
-        delete m_model;
-        delete m_panels;
-        delete m_dir;
-    }
+    void cleanup() { m_window.reset(); }
 
     void countAndAdd()
     {
@@ -97,9 +86,9 @@ private Q_SLOTS:
         // "Add" asks the panel: cancelled, nothing changes; answered, the images join.
         QCOMPARE(m_drawer->addButton()->text(), QStringLiteral("Add"));
         QTest::mouseClick(m_drawer->addButton(), Qt::LeftButton);
-        QCOMPARE(m_panels->openRequests, 1);
+        QCOMPARE(m_panels.openRequests, 1);
         QCOMPARE(m_model->items().size(), std::size_t(2));
-        m_panels->toOpen = writeImages(3, QStringLiteral("more"));
+        m_panels.toOpen = writeImages(3, QStringLiteral("more"));
         QTest::mouseClick(m_drawer->addButton(), Qt::LeftButton);
         QTRY_COMPARE(m_drawer->countText(), QStringLiteral("1/5"));
         QTRY_COMPARE(list()->model()->rowCount(), 5);
@@ -153,7 +142,7 @@ private Q_SLOTS:
         // Backspace removes it, even while another widget of the window has the focus.
         m_otherFocus->setFocus();
         QTRY_VERIFY(m_otherFocus->hasFocus() && remove->isEnabled());
-        QTest::keyClick(m_window, Qt::Key_Backspace);
+        QTest::keyClick(m_window.get(), Qt::Key_Backspace);
         QCOMPARE(m_model->items().size(), std::size_t(3));
         QVERIFY(!m_model->activeID() || *m_model->activeID() != next);
         // So does Delete, with the list focused.
@@ -165,8 +154,8 @@ private Q_SLOTS:
         // Nothing is removed without an active item (an unknown id leaves none),
         // nor once the window took the drawer away: its keys are gone with it.
         auto tryToRemove = [&] {
-            QTest::keyClick(m_window, Qt::Key_Backspace);
-            QTest::keyClick(m_window, Qt::Key_Delete);
+            QTest::keyClick(m_window.get(), Qt::Key_Backspace);
+            QTest::keyClick(m_window.get(), Qt::Key_Delete);
             QCOMPARE(m_model->items().size(), std::size_t(2));
         };
         m_model->select(QUuid::createUuid());
