@@ -1,3 +1,4 @@
+#include <QPainter>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -11,16 +12,11 @@ namespace {
 // A raster of width × height: left half red, right half blue, opaque.
 Raster makeBuffer(int width, int height)
 {
-    auto pixels = std::make_shared<std::vector<std::uint8_t>>(std::size_t(width) * height * 4);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            std::uint8_t* p = pixels->data() + (std::size_t(y) * width + x) * 4;
-            p[0] = x < width / 2 ? 255 : 0;
-            p[1] = 0;
-            p[2] = x < width / 2 ? 0 : 255;
-            p[3] = 255;
-        }
-    return Raster{width, height, std::move(pixels)};
+    QImage image(width, height, QImage::Format_RGBA8888_Premultiplied);
+    image.fill(Qt::red);
+    QPainter(&image).fillRect(width / 2, 0, width - width / 2, height, Qt::blue);
+    return Raster{width, height, std::make_shared<const std::vector<std::uint8_t>>(
+                                     image.constBits(), image.constBits() + image.sizeInBytes())};
 }
 
 } // namespace
