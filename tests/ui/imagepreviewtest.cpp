@@ -213,7 +213,8 @@ private Q_SLOTS:
         QTest::addColumn<double>("dpr");
         QTest::newRow("odd height") << QSize(301, 173) << 1.0;
         QTest::newRow("double density") << QSize(157, 91) << 2.0;
-        QTest::newRow("no whole tile (1.3)") << QSize(120, 77) << 1.3;
+        QTest::newRow("fractional density (1.3)") << QSize(120, 77) << 1.3;
+        QTest::newRow("no whole tile (1.33)") << QSize(120, 77) << 1.33;
     }
     void stripesFromTileMatchLines()
     {
