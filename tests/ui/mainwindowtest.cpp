@@ -1,6 +1,8 @@
 // The main window: title, sizes, and the menus the shell promises (no New
 // Window, no Ctrl+S, the Help items, an own "More Apps" menu).
 
+#include <algorithm>
+
 #include <QAction>
 #include <QApplication>
 #include <QMenu>
@@ -15,20 +17,14 @@ using namespace orvane;
 
 namespace {
 
-QList<QAction*> allActions(QMenuBar* bar)
+// Every action of a menu bar or menu, and of the menus under them.
+QList<QAction*> allActions(const QWidget* barOrMenu)
 {
     QList<QAction*> actions;
-    QList<QMenu*> pending;
-    for (QAction* action : bar->actions())
+    for (QAction* action : barOrMenu->actions()) {
+        actions << action;
         if (action->menu())
-            pending << action->menu();
-    while (!pending.isEmpty()) {
-        QMenu* menu = pending.takeFirst();
-        for (QAction* action : menu->actions()) {
-            actions << action;
-            if (action->menu())
-                pending << action->menu();
-        }
+            actions << allActions(action->menu());
     }
     return actions;
 }
@@ -46,8 +42,6 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitForWindowExposed(&window));
         QCOMPARE(window.windowTitle(), QStringLiteral("Orvane"));
         QCOMPARE(window.size(), QSize(720, 540));
-        QVERIFY(window.contentView());
-        QCOMPARE(window.contentView()->minimumSize(), QSize(480, 360));
         // Shrinking stops where the content's minimum does.
         window.resize(200, 100);
         QTRY_VERIFY(window.contentView()->width() >= 480);
@@ -57,40 +51,26 @@ private Q_SLOTS:
     void menusOfTheShell()
     {
         MainWindow window;
-        const QList<QAction*> actions = allActions(window.menuBar());
-        for (QAction* action : actions) {
+        for (QAction* action : allActions(window.menuBar())) {
             QVERIFY2(!action->text().contains(QLatin1String("New Window"), Qt::CaseInsensitive),
                      qPrintable(action->text()));
             // Ctrl+S belongs to "Save Over Original" alone.
             QVERIFY2(!action->shortcuts().contains(QKeySequence(QKeySequence::Save)), qPrintable(action->text()));
         }
 
-        QMenu* help = window.helpMenu();
-        QVERIFY(help);
-        const QList<QAction*> helpItems = help->actions();
+        const QList<QAction*> helpItems = window.helpMenu()->actions();
         QVERIFY(helpItems.size() >= 3);
         QCOMPARE(helpItems[0]->text(), QStringLiteral("Orvane Help"));
         QVERIFY(helpItems[1]->isSeparator());
         QCOMPARE(helpItems[2]->text(), QStringLiteral("About Orvane"));
-        QCOMPARE(window.aboutAction(), helpItems[2]);
 
+        // "More Apps" is a menu of its own in the menu bar.
         QMenu* moreApps = window.moreAppsMenu();
-        QVERIFY(moreApps);
         QCOMPARE(moreApps->title(), QStringLiteral("&More Apps"));
-        // A menu of its own in the menu bar.
-        bool inBar = false;
-        for (QAction* action : window.menuBar()->actions())
-            inBar = inBar || action->menu() == moreApps;
-        QVERIFY(inBar);
+        QVERIFY(std::ranges::any_of(window.menuBar()->actions(), [&](QAction* a) { return a->menu() == moreApps; }));
     }
 };
 
-int main(int argc, char* argv[])
-{
-    test::initialiseImaging(argv[0]);
-    QApplication app(argc, argv);
-    MainWindowTest test;
-    return QTest::qExec(&test, argc, argv);
-}
+ORVANE_UI_TEST_MAIN(MainWindowTest)
 
 #include "mainwindowtest.moc"

@@ -2,17 +2,11 @@
 // set-up, images drawn in code, and panels that answer for the user.
 #pragma once
 
-#include <optional>
-
-#include <QColor>
+#include <QApplication>
 #include <QDir>
 #include <QFile>
-#include <QImage>
-#include <QList>
 #include <QPainter>
 #include <QPalette>
-#include <QRect>
-#include <QString>
 #include <QTest>
 #include <QUrl>
 #include <QWidget>
@@ -87,6 +81,28 @@ inline bool showAt(QWidget& widget, QSize size)
     return QTest::qWaitForWindowExposed(&widget);
 }
 
+/// Writes an opaque white PNG of width × height with a black block over
+/// content (its content rectangle at the default tolerance) into dir.
+inline QUrl writeBlockImage(const QDir& dir, const QString& name, int width, int height, const QRect& content)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(Qt::white);
+    QPainter(&image).fillRect(content, Qt::black);
+    const QString path = dir.filePath(name);
+    if (!image.save(path, "PNG"))
+        qFatal("cannot write %s", qPrintable(path));
+    return QUrl::fromLocalFile(path);
+}
+
+/// The id of the queued item whose file has this name; null when none.
+inline QUuid idOf(const CropModel& model, const QString& fileName)
+{
+    for (const CropModel::Item& item : model.items())
+        if (item.url.fileName() == fileName)
+            return item.id;
+    return QUuid();
+}
+
 /// Writes bytes that are no image under a name that looks like one.
 inline QUrl writeNonImage(const QString& path)
 {
@@ -117,3 +133,12 @@ public:
 };
 
 } // namespace orvane::test
+
+#define ORVANE_UI_TEST_MAIN(TestClass)                                    \
+    int main(int argc, char** argv)                                       \
+    {                                                                     \
+        orvane::test::initialiseImaging(argv[0]);                         \
+        QApplication app(argc, argv);                                     \
+        TestClass tc;                                                     \
+        return QTest::qExec(&tc, argc, argv);                             \
+    }
