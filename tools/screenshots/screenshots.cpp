@@ -243,7 +243,10 @@ int main(int argc, char* argv[])
         MainWindow window;
         window.resize(720, 540);
         window.show();
-        QTest::qWaitForWindowExposed(&window);
+        if (!QTest::qWaitForWindowExposed(&window)) {
+            qCritical("the window was never shown");
+            return 1;
+        }
         settle();
         const Images images = makeImages(dir);
         window.contentView()->openUrls({images.poster});
