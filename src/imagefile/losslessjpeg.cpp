@@ -533,7 +533,7 @@ Blocks::Content Blocks::contentRect(double tolerance)
     }
     if (left < 0)
         return {true, std::nullopt};
-    for (std::int64_t to = cx1, step = 64; right < 0; to -= step, step *= 4) {
+    for (std::int64_t to = cx1, step = 64; right < 0 && to > left; to -= step, step *= 4) {
         const std::int64_t from = std::max(to - step, left);
         if (!d->decodeRegion(from, cy0, to, cy1, raster, ox, oy))
             return {};
@@ -544,7 +544,7 @@ Blocks::Content Blocks::contentRect(double tolerance)
                     break;
                 }
     }
-    for (std::int64_t from = cy0, step = 64; top < 0; from += step, step *= 4) {
+    for (std::int64_t from = cy0, step = 64; right >= 0 && top < 0 && from < cy1; from += step, step *= 4) {
         const std::int64_t to = std::min(from + step, cy1);
         if (!d->decodeRegion(left, from, right + 1, to, raster, ox, oy))
             return {};
@@ -555,7 +555,7 @@ Blocks::Content Blocks::contentRect(double tolerance)
                     break;
                 }
     }
-    for (std::int64_t to = cy1, step = 64; bottom < 0; to -= step, step *= 4) {
+    for (std::int64_t to = cy1, step = 64; top >= 0 && bottom < 0 && to > top; to -= step, step *= 4) {
         const std::int64_t from = std::max(to - step, top);
         if (!d->decodeRegion(left, from, right + 1, to, raster, ox, oy))
             return {};
@@ -566,6 +566,8 @@ Blocks::Content Blocks::contentRect(double tolerance)
                     break;
                 }
     }
+    if (bottom < 0) // the strips disagree with each other: never for a sound decoder
+        return {};
     return {true, PixelRect{left, top, right - left + 1, bottom - top + 1}};
 }
 
