@@ -47,14 +47,14 @@ public:
     void hold(Step step)
     {
         std::lock_guard lock(m_mutex);
-        held(step) = true;
+        at(step).held = true;
     }
     /// Lets the file with this name through step (now or when it gets there).
     void release(Step step, const QString& fileName)
     {
         {
             std::lock_guard lock(m_mutex);
-            released(step).insert(fileName);
+            at(step).released.insert(fileName);
         }
         m_changed.notify_all();
     }
@@ -63,7 +63,8 @@ public:
     {
         {
             std::lock_guard lock(m_mutex);
-            m_holdIndex = m_holdDecode = m_holdSave = false;
+            for (Gate& gate : m_gates)
+                gate.held = false;
         }
         m_changed.notify_all();
     }
@@ -71,10 +72,16 @@ public:
     int waiting(Step step)
     {
         std::lock_guard lock(m_mutex);
-        return waitingAt(step);
+        return at(step).waiting;
     }
 
 private:
+    struct Gate {
+        bool held = false;
+        QSet<QString> released;
+        int waiting = 0;
+    };
+
     static QThreadPool& pool()
     {
         // Lives as long as the process: a job may hold the last reference
@@ -86,40 +93,21 @@ private:
         }();
         return *threads;
     }
-    bool& held(Step step)
-    {
-        return step == Step::Index ? m_holdIndex : step == Step::Decode ? m_holdDecode : m_holdSave;
-    }
-    QSet<QString>& released(Step step)
-    {
-        return step == Step::Index ? m_releasedIndex : step == Step::Decode ? m_releasedDecode : m_releasedSave;
-    }
-    int& waitingAt(Step step)
-    {
-        return step == Step::Index ? m_waitingIndex : step == Step::Decode ? m_waitingDecode : m_waitingSave;
-    }
+    Gate& at(Step step) { return m_gates[int(step)]; }
 
     void wait(Step step, const QString& path)
     {
         const QString name = QFileInfo(path).fileName();
         std::unique_lock lock(m_mutex);
-        int& count = waitingAt(step);
-        ++count;
-        m_changed.wait(lock, [&] { return !held(step) || released(step).contains(name); });
-        --count;
+        Gate& gate = at(step);
+        ++gate.waiting;
+        m_changed.wait(lock, [&] { return !gate.held || gate.released.contains(name); });
+        --gate.waiting;
     }
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    bool m_holdIndex = false;
-    bool m_holdDecode = false;
-    bool m_holdSave = false;
-    QSet<QString> m_releasedIndex;
-    QSet<QString> m_releasedDecode;
-    QSet<QString> m_releasedSave;
-    int m_waitingIndex = 0;
-    int m_waitingDecode = 0;
-    int m_waitingSave = 0;
+    Gate m_gates[3];
 };
 
 } // namespace orvane::test
