@@ -48,34 +48,6 @@ private Q_SLOTS:
         QCOMPARE(readFile(path("clear.png")), before);
     }
 
-    void theProposedNameAndType_data()
-    {
-        // The panel is limited to the item's own type, found from the content
-        // (the naming rules themselves are the file-name tests' part).
-        QTest::addColumn<QString>("fileName");
-        QTest::addColumn<QString>("format");
-        QTest::addColumn<QString>("proposed");
-        QTest::addColumn<QString>("type");
-        QTest::newRow("photo.JPG") << "photo.JPG" << ".jpg" << "photo-cropped.JPG" << "image/jpeg";
-        QTest::newRow("PNG named jpg") << "picture.jpg" << ".png" << "picture-cropped.jpg" << "image/png";
-    }
-    void theProposedNameAndType()
-    {
-        QFETCH(QString, fileName);
-        QFETCH(QString, format);
-        QFETCH(QString, proposed);
-        QFETCH(QString, type);
-        writeBytes(path(fileName), encode(whiteImageWithBlock(30, 20, QRect(3, 4, 10, 8)), qPrintable(format)));
-        FakePanels panels;
-        CropModel model(&panels);
-        openAll(model, files({fileName}));
-        QCOMPARE(itemNames(model), QStringList{fileName});
-        saveAsNew(model); // cancelled
-        QCOMPARE(panels.saveCalls, 1);
-        QCOMPARE(panels.proposedName, proposed);
-        QCOMPARE(panels.restrictedType, ImageType(type));
-    }
-
     void aSaveAsNewThatWritesNothing_data()
     {
         QTest::addColumn<QString>("answer");
@@ -110,16 +82,20 @@ private Q_SLOTS:
 
     void saveAsNewFileWritesTheTrimmedImage()
     {
-        letterImages({"a.png", "b.png"});
-        writeImage(path("a.png"), whiteImageWithBlock(50, 40, QRect(5, 6, 20, 10)));
-        const QByteArray original = readFile(path("a.png"));
+        // A PNG named .jpg: the panel proposes the file's own name and is
+        // limited to the type found from the content.
+        letterImages({"a.jpg", "b.png"});
+        writeBytes(path("a.jpg"), encode(whiteImageWithBlock(50, 40, QRect(5, 6, 20, 10)), ".png"));
+        const QByteArray original = readFile(path("a.jpg"));
         FakePanels panels;
         panels.saveAnswer = QUrl::fromLocalFile(path("chosen name.png"));
         CropModel model(&panels);
-        openAll(model, files({"a.png", "b.png", "missing.png"}));
+        openAll(model, files({"a.jpg", "b.png", "missing.png"}));
         const CropModel::Item before = model.items().front();
         Notes notes(model);
         saveAsNew(model);
+        QCOMPARE(panels.proposedName, QStringLiteral("a-cropped.jpg"));
+        QCOMPARE(panels.restrictedType, ImageType::png());
         QCOMPARE(notes.seen, (QStringList{"Items", "SaveConfirmation", "ErrorMessage", "ActiveID", "ActiveContentRect"}));
         const vips::VImage written = readBack(path("chosen name.png"));
         QCOMPARE(QSize(written.width(), written.height()), QSize(20, 10));
@@ -130,40 +106,8 @@ private Q_SLOTS:
         const CropModel::Item& item = model.items().front();
         QVERIFY(item.saved && item.url == before.url && item.type == before.type);
         QCOMPARE(item.width(), 50);
-        QCOMPARE(readFile(path("a.png")), original);
+        QCOMPARE(readFile(path("a.jpg")), original);
         QCOMPARE(activeName(model), "b.png");
-    }
-
-    void saveOverOriginalReloadsTheTrimmedImage()
-    {
-        writeImage(path("photo.png"), whiteImageWithBlock(1000, 800, QRect(100, 200, 600, 400)));
-        CropModel model;
-        openAll(model, files({"photo.png"}));
-        const CropModel::Item before = model.items().front();
-        const QString id = before.id.toString(QUuid::WithoutBraces).toUpper();
-        QCOMPARE(model.revealKey(), id + "#1000x800");
-        QVERIFY(model.willTrim());
-        Notes notes(model);
-        saveOver(model);
-        // The buffer is replaced, then the item marked saved; no other item
-        // is unsaved, so it stays active and its rectangle is recomputed.
-        QCOMPARE(notes.seen, (QStringList{"Items", "Items", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"}));
-        const CropModel::Item& item = model.items().front();
-        QCOMPARE(QSize(item.width(), item.height()), QSize(600, 400));
-        QVERIFY(item.saved && item.type == before.type && item.url == before.url && item.id == before.id);
-        QCOMPARE(model.saveConfirmation(), QStringLiteral("photo.png"));
-        QVERIFY(!model.errorMessage());
-        QCOMPARE(model.revealKey(), id + "#600x400");
-        QCOMPARE(toQRect(model.activeContentRect()), QRect(0, 0, 600, 400));
-        QVERIFY(!model.willTrim());
-        const vips::VImage onDisk = readBack(path("photo.png"));
-        QCOMPARE(QSize(onDisk.width(), onDisk.height()), QSize(600, 400));
-
-        // A saved item can be saved again: written and confirmed the same way.
-        notes.seen.clear();
-        saveOver(model);
-        QCOMPARE(model.saveConfirmation(), QStringLiteral("photo.png"));
-        QVERIFY(notes.seen.contains("SaveConfirmation"));
     }
 
     void aTypeWithoutEncoderIsWrittenAsPng()
@@ -180,34 +124,66 @@ private Q_SLOTS:
         QCOMPARE(model.items().front().width(), 20);
     }
 
-    void aFailedReloadKeepsTheOldBuffer()
+    void saveOverOriginalReloadsTheTrimmedImage_data()
     {
-        // The write succeeds, reading the file back does not.
-        struct FailingReload : ImageSource {
+        // The buffer is replaced (when it can be), then the item marked saved;
+        // no other item is unsaved, so it stays active and its rectangle is
+        // recomputed.
+        QTest::addColumn<bool>("reloadFails");
+        QTest::addColumn<QStringList>("notes");
+        QTest::newRow("reloaded") << false << QStringList{"Items", "Items", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"};
+        QTest::newRow("written, not read back: the old image stays")
+            << true << QStringList{"Items", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"};
+    }
+    void saveOverOriginalReloadsTheTrimmedImage()
+    {
+        QFETCH(bool, reloadFails);
+        QFETCH(QStringList, notes);
+        struct Source : ImageSource {
+            explicit Source(bool failing) : failReload(failing) {}
             std::optional<ImageFile::Decoded> decode(const QString& path) override
             {
-                return written ? std::nullopt : ImageSource::decode(path);
+                return failReload && written ? std::nullopt : ImageSource::decode(path);
             }
             bool saveCropped(const ImageFile::Decoded& decoded, const PixelRect& rect, const QString& path,
                              const ImageType& type) override
             {
                 return written = ImageSource::saveCropped(decoded, rect, path, type);
             }
+            const bool failReload;
             std::atomic<bool> written{false};
         };
-        writeImage(path("tight.png"), whiteImageWithBlock(50, 40, QRect(5, 5, 10, 10)));
-        CropModel model(nullptr, nullptr, std::make_shared<FailingReload>());
-        openAll(model, files({"tight.png"}));
+        writeImage(path("photo.png"), whiteImageWithBlock(1000, 800, QRect(100, 200, 600, 400)));
+        CropModel model(nullptr, nullptr, std::make_shared<Source>(reloadFails));
+        openAll(model, files({"photo.png"}));
         QTRY_VERIFY(model.hasFullImage(model.items().front().id));
-        const QString key = model.revealKey();
+        const CropModel::Item before = model.items().front();
+        const QString id = before.id.toString(QUuid::WithoutBraces).toUpper();
+        QCOMPARE(model.revealKey(), id + "#1000x800");
+        QVERIFY(model.willTrim());
+        Notes recorded(model);
         saveOver(model);
-        QCOMPARE(readBack(path("tight.png")).width(), 10);
-        QVERIFY(model.items().front().saved);
-        QCOMPARE(model.items().front().width(), 50);
-        QCOMPARE(model.revealKey(), key);
-        QCOMPARE(model.saveConfirmation(), QStringLiteral("tight.png"));
+        QCOMPARE(recorded.seen, notes);
+        const vips::VImage onDisk = readBack(path("photo.png"));
+        QCOMPARE(QSize(onDisk.width(), onDisk.height()), QSize(600, 400));
+        const CropModel::Item& item = model.items().front();
+        QVERIFY(item.saved && item.type == before.type && item.url == before.url && item.id == before.id);
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("photo.png"));
         QVERIFY(!model.errorMessage());
-        QCOMPARE(toQRect(model.activeContentRect()), QRect(5, 5, 10, 10));
+        const QSize size = reloadFails ? QSize(1000, 800) : QSize(600, 400);
+        QCOMPARE(QSize(item.width(), item.height()), size);
+        QCOMPARE(model.revealKey(), id + QStringLiteral("#%1x%2").arg(size.width()).arg(size.height()));
+        QCOMPARE(toQRect(model.activeContentRect()), reloadFails ? QRect(100, 200, 600, 400) : QRect(0, 0, 600, 400));
+        QCOMPARE(model.willTrim(), reloadFails);
+
+        // A saved item can be saved again: written and confirmed the same way
+        // (after a failed reload the file no longer matches the old image).
+        if (reloadFails)
+            return;
+        recorded.seen.clear();
+        saveOver(model);
+        QCOMPARE(model.saveConfirmation(), QStringLiteral("photo.png"));
+        QVERIFY(recorded.seen.contains("SaveConfirmation"));
     }
 };
 
