@@ -91,6 +91,14 @@ inline QList<QUrl> urls(const QStringList& paths, const QString& folder = {})
     return result;
 }
 
+/// "A.png", "B.png", ... for the letters.
+inline QStringList pngNames(const QString& letters)
+{
+    QStringList names;
+    for (QChar letter : letters)
+        names.append(letter + QStringLiteral(".png"));
+    return names;
+}
 /// The file names of the queued items, in queue order.
 inline QStringList itemNames(const CropModel& model)
 {
@@ -131,11 +139,9 @@ inline QRect toQRect(const std::optional<PixelRect>& rect)
 inline void buildQueue(CropModel& model, const QString& folder, const QString& letters, const QString& saved,
                        const QString& active)
 {
-    QStringList files;
-    for (int i = 0; i < letters.size(); ++i) {
-        files.append(letters[i] + QStringLiteral(".png"));
-        writeLetterImage(folder + QLatin1Char('/') + files.last(), i);
-    }
+    const QStringList files = pngNames(letters);
+    for (int i = 0; i < files.size(); ++i)
+        writeLetterImage(folder + QLatin1Char('/') + files[i], i);
     openAll(model, urls(files, folder));
     for (QChar letter : saved) {
         model.select(idOf(model, letter + QStringLiteral(".png")));
