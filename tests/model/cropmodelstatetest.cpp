@@ -1,5 +1,5 @@
-// The model's state: the tolerance, the derived values from the empty model
-// on, and the notification sent before every assignment.
+// The model's state: the derived values from the empty model on, and the
+// notification sent before every assignment, the tolerance's included.
 #include "modeltest.h"
 
 class CropModelStateTest : public QObject, TempFolder {
@@ -7,20 +7,6 @@ class CropModelStateTest : public QObject, TempFolder {
 
 private Q_SLOTS:
     void init() { fresh(); }
-
-    void settingTheToleranceAlwaysRecomputes()
-    {
-        CropModel model;
-        openAll(model, letterImages({"a.png"}));
-        Notes notes(model);
-        // The same value again still stores and recomputes: two notifications.
-        model.setThreshold(25.0);
-        QCOMPARE(toQRect(model.activeContentRect()), blockFor(0));
-        model.setThreshold(0.0);
-        QCOMPARE(notes.seen, (QStringList{"Threshold", "ActiveContentRect", "Threshold", "ActiveContentRect"}));
-        QCOMPARE(toQRect(model.activeContentRect()), QRect(0, 0, 40, 30));
-        QVERIFY(!model.willTrim());
-    }
 
     void eachNotificationComesBeforeItsValueChanges()
     {
@@ -43,12 +29,19 @@ private Q_SLOTS:
         model.setThreshold(40.0);
         openAll(model, files({"missing.png"}));
         openAll(model, letterImages({"before.png"}));
+        // The same tolerance again still stores and recomputes.
+        model.setThreshold(40.0);
+        QCOMPARE(toQRect(model.activeContentRect()), blockFor(0));
+        model.setThreshold(0.0);
+        QCOMPARE(toQRect(model.activeContentRect()), QRect(0, 0, 40, 30));
+        QVERIFY(!model.willTrim());
         model.remove(model.items().front().id);
         QCOMPARE(seen, (QStringList{
                            "threshold 25", "rect absent",                           // setThreshold
                            "error absent",                                          // failed open
                            "items 0", "activeID absent", "confirmation absent",     // open
                            "error 1 file couldn’t be opened.", "rect absent",
+                           "threshold 40", "rect set", "threshold 40", "rect set",  // setThreshold twice
                            "items 1", "confirmation absent", "error absent",        // remove
                            "activeID set", "rect set",
                        }));
@@ -101,21 +94,6 @@ private Q_SLOTS:
         model.select(stranger);
         QVERIFY(!model.activePosition() && !model.willTrim());
         QCOMPARE(model.revealKey(), stranger.toString(QUuid::WithoutBraces).toUpper() + "#0x0");
-    }
-
-    void allSavedFollowsTheQueue()
-    {
-        CropModel model;
-        buildQueue(model, m_dir->path(), "AB", "", "");
-        QVERIFY(!model.allSaved());
-        saveOver(model);
-        QVERIFY(!model.allSaved()); // one saved, one not
-        saveOver(model);
-        QVERIFY(model.allSaved());
-        model.remove(model.items().front().id);
-        QVERIFY(model.allSaved());
-        model.remove(model.items().front().id);
-        QVERIFY(!model.allSaved()); // an empty queue
     }
 
     void theSameFileTwiceMakesTwoItems()

@@ -44,29 +44,16 @@ public:
 
     /// From now on, files wait at step until released by name (a save by
     /// its destination's name).
-    void hold(Step step)
-    {
-        std::lock_guard lock(m_mutex);
-        at(step).held = true;
-    }
+    void hold(Step step) { change([&] { at(step).held = true; }); }
     /// Lets the file with this name through step (now or when it gets there).
-    void release(Step step, const QString& fileName)
-    {
-        {
-            std::lock_guard lock(m_mutex);
-            at(step).released.insert(fileName);
-        }
-        m_changed.notify_all();
-    }
+    void release(Step step, const QString& fileName) { change([&] { at(step).released.insert(fileName); }); }
     /// Lets every file through and holds none any more.
     void releaseAll()
     {
-        {
-            std::lock_guard lock(m_mutex);
+        change([&] {
             for (Gate& gate : m_gates)
                 gate.held = false;
-        }
-        m_changed.notify_all();
+        });
     }
     /// How many files wait at step now.
     int waiting(Step step)
@@ -94,6 +81,14 @@ private:
         return *threads;
     }
     Gate& at(Step step) { return m_gates[int(step)]; }
+    template <typename Change> void change(Change apply)
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            apply();
+        }
+        m_changed.notify_all();
+    }
 
     void wait(Step step, const QString& path)
     {
