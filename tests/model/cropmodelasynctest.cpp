@@ -124,10 +124,8 @@ private Q_SLOTS:
         model.cancelOpen();
         QVERIFY(!model.opening());
         QCOMPARE(itemNames(model), QStringList{"a.png"});
-        QCOMPARE(activeName(model), "a.png");
         QCOMPARE(model.errorMessage(), QStringLiteral("1 file couldn’t be opened."));
-        QCOMPARE(model.openFailures().size(), 1);
-        QCOMPARE(model.openFailures().front().name, QStringLiteral("gone.png"));
+        QVERIFY(model.openFailures().size() == 1 && model.openFailures().front().name == "gone.png");
 
         // The file still being read when the open was cancelled never joins.
         m_source->releaseAll();

@@ -55,7 +55,6 @@ private Q_SLOTS:
         QTest::newRow("content fills the image") << false << QRect(0, 0, 100, 80) << false;
         QTest::newRow("one white row below") << false << QRect(0, 0, 100, 79) << true;
         QTest::newRow("one white column") << false << QRect(1, 0, 99, 80) << true;
-        QTest::newRow("all white") << false << QRect() << false;
         QTest::newRow("fully transparent") << true << QRect() << false;
     }
     void willTrim()
