@@ -223,15 +223,14 @@ private Q_SLOTS:
         CropModel model(nullptr, nullptr, m_source);
         model.setCacheBudget(budget);
         openAll(model, letterImages(pngNames("ABCD")));
-        const QUuid a = idOf(model, "A.png");
-        const QUuid b = idOf(model, "B.png");
+        const QUuid a = model.items()[0].id, b = model.items()[1].id, c = model.items()[2].id;
         QTRY_VERIFY(model.hasFullImage(a));
         // The next unsaved image is read ahead while there is room for it.
         if (lastShownKept)
             QTRY_VERIFY(model.hasFullImage(b));
 
-        model.select(idOf(model, "C.png"));
-        QTRY_VERIFY(model.hasFullImage(idOf(model, "C.png")));
+        model.select(c);
+        QTRY_VERIFY(model.hasFullImage(c));
         QCOMPARE(model.hasFullImage(a), lastShownKept);
         QVERIFY(!model.hasFullImage(b)); // neither shown last nor next
         QVERIFY(!model.activePreview().isNull());

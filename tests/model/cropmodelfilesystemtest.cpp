@@ -11,10 +11,7 @@
 
 namespace {
 
-bool makeLink(const QString& target, const QString& link)
-{
-    return ::symlink(QFile::encodeName(target).constData(), QFile::encodeName(link).constData()) == 0;
-}
+bool makeLink(const QString& target, const QString& link) { return ::symlink(QFile::encodeName(target), QFile::encodeName(link)) == 0; }
 
 // Writes by the raw bytes of the name, which Qt may not be able to spell.
 bool writeRaw(const QByteArray& name, const QByteArray& bytes)
@@ -152,8 +149,11 @@ private Q_SLOTS:
     {
         const QString dir = folder("many");
         const QByteArray tiny = encode(whiteImageWithBlock(1, 1, QRect(0, 0, 1, 1)), ".png");
-        for (int i = 0; i < 10000; ++i)
-            QVERIFY(writeRaw(QFile::encodeName(dir) + "/f" + QByteArray::number(i) + ".png", tiny));
+        QStringList names;
+        for (int i = 0; i < 10000; ++i) {
+            names.append(QStringLiteral("f%1.png").arg(i));
+            QVERIFY(writeRaw(QFile::encodeName(dir + "/" + names.last()), tiny));
+        }
         CropModel model;
         Notes notes(model);
         openAll(model, urls({dir}));
@@ -161,11 +161,7 @@ private Q_SLOTS:
         QCOMPARE(notes.seen.mid(0, 5), (QStringList{"Items", "ActiveID", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"}));
         QCOMPARE(notes.seen.mid(5).count("Items"), notes.seen.size() - 5);
         QVERIFY(!model.errorMessage());
-        const QStringList names = itemNames(model);
-        QCOMPARE(names.size(), 10000);
-        for (int i = 0; i < 10000; ++i)
-            if (names[i] != QStringLiteral("f%1.png").arg(i))
-                QFAIL(qPrintable(QStringLiteral("position %1 holds %2").arg(i).arg(names[i])));
+        QCOMPARE(itemNames(model), names);
         QCOMPARE(activeName(model), "f0.png");
     }
 

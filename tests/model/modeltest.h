@@ -71,10 +71,7 @@ inline QRect blockFor(int index) { return QRect(index + 1, index + 2, 10 + index
 inline void writeLetterImage(const QString& path, int index) { writeImage(path, whiteImageWithBlock(40, 30, blockFor(index))); }
 
 /// Decodes the file at path directly with libvips.
-inline vips::VImage readBack(const QString& path)
-{
-    return vips::VImage::new_from_file(QFile::encodeName(path).constData()).copy_memory();
-}
+inline vips::VImage readBack(const QString& path) { return vips::VImage::new_from_file(QFile::encodeName(path)).copy_memory(); }
 
 /// The URLs of these paths, relative to folder when one is given.
 inline QList<QUrl> urls(const QStringList& paths, const QString& folder = {})
@@ -110,10 +107,7 @@ inline QString letters(const CropModel& model)
     return result;
 }
 /// The file name of the active item; empty when none.
-inline QString activeName(const CropModel& model)
-{
-    return model.active() ? model.active()->url.fileName() : QString();
-}
+inline QString activeName(const CropModel& model) { return model.active() ? model.active()->url.fileName() : QString(); }
 /// The id of the first item with this file name.
 inline QUuid idOf(const CropModel& model, const QString& fileName)
 {
@@ -201,24 +195,22 @@ struct Notes {
     QStringList seen;
 };
 
-/// Answers the model's panels as a test says, and records what it was asked.
+/// Answers the model's panels as a test says, and records what it was asked
+/// (nothing while it was not asked).
 struct FakePanels : Panels {
     QList<QUrl> chooseImagesToOpen(const QList<ImageType>& types) override
     {
-        ++openCalls;
         offeredTypes = types;
         return openAnswer;
     }
     std::optional<QUrl> chooseSaveDestination(const QString& name, const ImageType& type) override
     {
-        ++saveCalls;
         proposedName = name;
         restrictedType = type;
         return saveAnswer;
     }
     QList<QUrl> openAnswer;
     std::optional<QUrl> saveAnswer;
-    int openCalls = 0, saveCalls = 0;
     QList<ImageType> offeredTypes;
     QString proposedName;
     std::optional<ImageType> restrictedType;
