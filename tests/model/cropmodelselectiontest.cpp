@@ -1,257 +1,117 @@
 // Selecting, removing and moving on to the next unsaved item: which item is
 // active afterwards, which notifications are sent in which order, and what
-// happens to the messages.
-#include <QCoreApplication>
-#include <QTemporaryDir>
-#include <QTest>
-
-#include "model/cropmodel.h"
+// happens to the messages. Letters name the files (A.png, B.png, ...), each
+// with its own content rectangle, so the published rectangle tells which item
+// it belongs to.
 #include "modeltest.h"
 
-using namespace orvane;
-using namespace orvane::test;
-
-class CropModelSelectionTest : public QObject {
+class CropModelSelectionTest : public QObject, TempFolder {
     Q_OBJECT
 
-private:
-    std::unique_ptr<QTemporaryDir> m_dir;
-
-    // Letters name the files (A.png, B.png, ...); each has its own content
-    // rectangle, so the published rectangle tells which item it belongs to.
-    void openLetters(CropModel& model, const QString& letters)
-    {
-        QStringList files;
-        for (int i = 0; i < letters.size(); ++i) {
-            files.append(m_dir->filePath(letters[i] + QStringLiteral(".png")));
-            writeLetterImage(files.last(), i);
-        }
-        openAll(model, urls(files));
-        QCOMPARE(int(model.items().size()), int(letters.size()));
-    }
-    static QUuid id(const CropModel& model, QChar letter) { return idOf(model, letter + QStringLiteral(".png")); }
-    static QString letters(const CropModel& model)
-    {
-        QString result;
-        for (const QString& name : itemNames(model))
-            result += name.front();
-        return result;
-    }
-    static QString activeLetter(const CropModel& model)
-    {
-        const CropModel::Item* item = model.active();
-        return item ? QString(item->url.fileName().front()) : QString();
-    }
-    // The rectangle must be the active item's own, recomputed for it.
+    // The rectangle must be the active item's own, recomputed for it; a save
+    // over the original leaves only the block in the file.
     static void verifyRectBelongsToActive(const CropModel& model)
     {
         const CropModel::Item* item = model.active();
-        if (!item) {
-            QVERIFY(!model.activeContentRect());
-            return;
-        }
-        // A save over the original leaves only the block in the file.
-        const QRect block = blockFor(int(QStringLiteral("ABCDE").indexOf(item->url.fileName().front())));
-        QCOMPARE(toQRect(model.activeContentRect()), item->saved ? QRect(QPoint(0, 0), block.size()) : block);
+        const QRect block = item ? blockFor(int(QStringLiteral("ABCDE").indexOf(item->url.fileName().front()))) : QRect();
+        QCOMPARE(toQRect(model.activeContentRect()), item && item->saved ? QRect(QPoint(0, 0), block.size()) : block);
     }
-    // Saves each letter over its original, one after another.
-    void markSaved(CropModel& model, const QString& saved)
+    static QUuid idFor(const CropModel& model, const QString& letter) // "?": an unknown id
     {
-        for (QChar letter : saved) {
-            model.select(id(model, letter));
-            saveOver(model);
-            QVERIFY(model.items()[std::size_t(letters(model).indexOf(letter))].saved);
-        }
-    }
-    // Puts an error message and a save confirmation on screen together.
-    void showBothMessages(CropModel& model)
-    {
-        openAll(model, urls({m_dir->filePath("missing.png")}));
-        QVERIFY(model.errorMessage());
-        QVERIFY(model.saveConfirmation());
+        return letter == "?" ? QUuid::createUuid() : idOf(model, letter + ".png");
     }
 
 private Q_SLOTS:
-    void init()
+    void init() { fresh(); }
+
+    void select_data()
     {
-        m_dir = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_dir->isValid());
+        QTest::addColumn<QString>("target");
+        QTest::newRow("the active item: everything kept") << "B";
+        QTest::newRow("another item") << "C";
+        QTest::newRow("a saved item") << "A";
+        QTest::newRow("an unknown id: none active") << "?";
     }
-
-    void selectingTheActiveItemKeepsEverything()
+    void select()
     {
+        QFETCH(QString, target);
         CropModel model;
-        openLetters(model, "ABC");
-        markSaved(model, "A"); // B becomes active, "A.png" confirmed
-        showBothMessages(model);
-        QCOMPARE(activeLetter(model), "B");
+        buildQueue(model, m_dir->path(), "ABC", "A", "B"); // "A.png" confirmed
+        openAll(model, files({"missing.png"})); // and an error message beside it
         Notes notes(model);
-
-        model.select(id(model, 'B'));
-        QVERIFY(notes.names().isEmpty());
-        QCOMPARE(model.saveConfirmation(), QStringLiteral("A.png"));
-        QCOMPARE(model.errorMessage(), QStringLiteral("1 file couldn’t be opened."));
-    }
-
-    void selectingAnotherItemClearsTheMessages()
-    {
-        CropModel model;
-        openLetters(model, "ABC");
-        markSaved(model, "A");
-        showBothMessages(model);
-        Notes notes(model);
-
-        model.select(id(model, 'C'));
-        QCOMPARE(notes.names(), (QStringList{"ActiveID", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"}));
-        QCOMPARE(activeLetter(model), "C");
-        QVERIFY(!model.saveConfirmation());
-        QVERIFY(!model.errorMessage());
+        const QUuid id = idFor(model, target);
+        model.select(id);
+        const bool same = target == "B";
+        QCOMPARE(notes.seen, same ? QStringList() : (QStringList{"ActiveID", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"}));
+        QCOMPARE(model.activeID(), id);
+        QCOMPARE(activeName(model), target == "?" ? QString() : target + ".png");
+        QCOMPARE(model.saveConfirmation().value_or(""), same ? "A.png" : "");
+        QCOMPARE(model.errorMessage().value_or(""), same ? "1 file couldn’t be opened." : "");
+        QCOMPARE(letters(model), "ABC");
         verifyRectBelongsToActive(model);
-
-        // A saved item can be selected like any other.
-        model.select(id(model, 'A'));
-        QCOMPARE(activeLetter(model), "A");
-        verifyRectBelongsToActive(model);
-    }
-
-    void selectingAnUnknownIdLeavesNoActiveItem()
-    {
-        CropModel model;
-        openLetters(model, "AB");
-        Notes notes(model);
-        const QUuid stranger = QUuid::createUuid();
-        model.select(stranger);
-        QCOMPARE(notes.names(), (QStringList{"ActiveID", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"}));
-        QCOMPARE(model.activeID(), stranger);
-        QVERIFY(!model.active());
-        QVERIFY(!model.activeContentRect());
-        QCOMPARE(letters(model), "AB");
     }
 
     void remove_data()
     {
-        QTest::addColumn<QString>("queue");
-        QTest::addColumn<QString>("saved");
-        QTest::addColumn<QString>("active");
-        QTest::addColumn<QString>("removed");
-        QTest::addColumn<QString>("queueAfter");
-        QTest::addColumn<QString>("activeAfter");
-        QTest::addColumn<QStringList>("notes");
+        QTest::addColumn<QueueCase>("c");
         const QStringList moved{"Items", "SaveConfirmation", "ErrorMessage", "ActiveID", "ActiveContentRect"};
         const QStringList stayed{"Items", "SaveConfirmation", "ErrorMessage"};
-        QTest::newRow("active in the middle") << "ABC" << "" << "B" << "B" << "AC" << "C" << moved;
-        QTest::newRow("after the active one") << "ABC" << "" << "B" << "C" << "AB" << "B" << stayed;
-        QTest::newRow("before the active one") << "ABC" << "" << "B" << "A" << "BC" << "B" << stayed;
-        QTest::newRow("active and last") << "ABC" << "" << "C" << "C" << "AB" << "B" << moved;
-        QTest::newRow("active and first") << "ABC" << "" << "A" << "A" << "BC" << "B" << moved;
-        QTest::newRow("the only item") << "A" << "" << "A" << "A" << "" << "" << moved;
-        QTest::newRow("neighbour saved") << "ABC" << "C" << "B" << "B" << "AC" << "C" << moved;
-        QTest::newRow("none active") << "ABC" << "" << "?" << "B" << "AC" << "" << stayed;
+        QTest::newRow("active in the middle") << QueueCase{"ABC", "", "B", "B", "AC", "C", moved};
+        QTest::newRow("after the active one") << QueueCase{"ABC", "", "B", "C", "AB", "B", stayed};
+        QTest::newRow("before the active one") << QueueCase{"ABC", "", "B", "A", "BC", "B", stayed};
+        QTest::newRow("active and last") << QueueCase{"ABC", "", "C", "C", "AB", "B", moved};
+        QTest::newRow("active and first") << QueueCase{"ABC", "", "A", "A", "BC", "B", moved};
+        QTest::newRow("the only item") << QueueCase{"A", "", "A", "A", "", "", moved};
+        QTest::newRow("neighbour saved") << QueueCase{"ABC", "C", "B", "B", "AC", "C", moved};
+        QTest::newRow("none active") << QueueCase{"ABC", "", "?", "B", "AC", "", stayed};
+        QTest::newRow("unknown id: nothing changes") << QueueCase{"AB", "A", "B", "?", "AB", "B", {}};
     }
     void remove()
     {
-        QFETCH(QString, queue);
-        QFETCH(QString, saved);
-        QFETCH(QString, active);
-        QFETCH(QString, removed);
-        QFETCH(QString, queueAfter);
-        QFETCH(QString, activeAfter);
-        QFETCH(QStringList, notes);
+        QFETCH(QueueCase, c);
         CropModel model;
-        buildQueue(model, m_dir->path(), queue, saved, active);
-        const QUuid removedID = id(model, removed.front());
-        openAll(model, urls({m_dir->filePath("missing.png")}));
-        QVERIFY(model.errorMessage());
-        Notes recorded(model);
-
-        model.remove(removedID);
-        QCOMPARE(letters(model), queueAfter);
-        QCOMPARE(activeLetter(model), activeAfter);
-        QCOMPARE(recorded.names(), notes);
-        QVERIFY(!model.errorMessage());
-        QVERIFY(!model.saveConfirmation());
-        if (activeAfter.isEmpty() && queueAfter.isEmpty())
-            QVERIFY(!model.activeID());
+        buildQueue(model, m_dir->path(), c.queue, c.saved, c.active);
+        openAll(model, files({"missing.png"})); // an error message beside any confirmation
+        const std::optional<QString> confirmation = model.saveConfirmation();
+        Notes notes(model);
+        model.remove(idFor(model, c.target));
+        QCOMPARE(letters(model), c.queueAfter);
+        QCOMPARE(activeName(model).left(1), c.activeAfter);
+        QCOMPARE(notes.seen, c.notes);
+        // Any change clears both messages; none keeps them.
+        QCOMPARE(bool(model.errorMessage()), c.notes.isEmpty());
+        QCOMPARE(model.saveConfirmation(), c.notes.isEmpty() ? confirmation : std::nullopt);
+        QVERIFY(!c.queueAfter.isEmpty() || !model.activeID());
         verifyRectBelongsToActive(model);
     }
 
-    void removingAnUnknownIdChangesNothing()
+    void savingMovesOnToTheNextUnsavedItem_data()
     {
-        CropModel model;
-        openLetters(model, "AB");
-        markSaved(model, "A");
-        showBothMessages(model);
-        Notes notes(model);
-        model.remove(QUuid::createUuid());
-        QVERIFY(notes.names().isEmpty());
-        QCOMPARE(letters(model), "AB");
-        QCOMPARE(activeLetter(model), "B");
-        QVERIFY(model.errorMessage());
-        QCOMPARE(model.saveConfirmation(), QStringLiteral("A.png"));
+        // The target is the active item, saved over its original: its image
+        // is replaced, it is marked saved, then the next unsaved one is active.
+        QTest::addColumn<QueueCase>("c");
+        const QStringList moved{"Items", "Items", "SaveConfirmation", "ErrorMessage", "ActiveID", "ActiveContentRect"};
+        const QStringList stayed{"Items", "Items", "SaveConfirmation", "ErrorMessage", "ActiveContentRect"};
+        QTest::newRow("forward past saved items") << QueueCase{"ABCDE", "AB", "D", "D", "ABCDE", "E", moved};
+        QTest::newRow("round past saved items") << QueueCase{"ABCDE", "ABD", "E", "E", "ABCDE", "C", moved};
+        QTest::newRow("round to the start") << QueueCase{"ABC", "", "C", "C", "ABC", "A", moved};
+        QTest::newRow("forward from the start") << QueueCase{"ABC", "C", "A", "A", "ABC", "B", moved};
+        QTest::newRow("the last unsaved stays active") << QueueCase{"ABC", "AC", "B", "B", "ABC", "B", stayed};
+        QTest::newRow("the first unsaved stays active") << QueueCase{"ABC", "BC", "A", "A", "ABC", "A", stayed};
     }
-
     void savingMovesOnToTheNextUnsavedItem()
     {
-        // A (saved), B (saved), C, D (saved), E: saving D makes E active;
-        // saving E wraps round to C.
+        QFETCH(QueueCase, c);
         CropModel model;
-        openLetters(model, "ABCDE");
-        markSaved(model, "AB");
-        model.select(id(model, 'D'));
+        buildQueue(model, m_dir->path(), c.queue, c.saved, c.active);
         Notes notes(model);
         saveOver(model);
-        QCOMPARE(activeLetter(model), "E");
-        QCOMPARE(notes.names().mid(notes.names().size() - 4),
-                 (QStringList{"SaveConfirmation", "ErrorMessage", "ActiveID", "ActiveContentRect"}));
+        QCOMPARE(letters(model), c.queueAfter);
+        QCOMPARE(activeName(model), c.activeAfter + ".png");
+        QCOMPARE(model.saveConfirmation(), c.target + ".png"); // moving on keeps the confirmation
+        QCOMPARE(model.allSaved(), c.activeAfter == c.target);
+        QCOMPARE(notes.seen, c.notes);
         verifyRectBelongsToActive(model);
-        QCOMPARE(model.saveConfirmation(), QStringLiteral("D.png")); // moving on keeps the confirmation
-
-        saveOver(model);
-        QCOMPARE(activeLetter(model), "C");
-        QCOMPARE(model.saveConfirmation(), QStringLiteral("E.png"));
-        verifyRectBelongsToActive(model);
-        QVERIFY(!model.allSaved());
-    }
-
-    void savingTheLastUnsavedItemKeepsItActive()
-    {
-        // A and C saved; saving B finds no unsaved item: B stays active.
-        CropModel model;
-        openLetters(model, "ABC");
-        markSaved(model, "AC");
-        model.select(id(model, 'B'));
-        Notes notes(model);
-        saveOver(model);
-        QCOMPARE(activeLetter(model), "B");
-        QVERIFY(model.allSaved());
-        QCOMPARE(notes.names().mid(notes.names().size() - 3),
-                 (QStringList{"SaveConfirmation", "ErrorMessage", "ActiveContentRect"}));
-        QVERIFY(!notes.names().contains("ActiveID"));
-        QCOMPARE(model.saveConfirmation(), QStringLiteral("B.png"));
-    }
-
-    void onlyTheFirstUnsavedStaysActiveAfterItsSave()
-    {
-        CropModel model;
-        openLetters(model, "ABC");
-        markSaved(model, "BC");
-        model.select(id(model, 'A'));
-        saveOver(model);
-        QCOMPARE(activeLetter(model), "A");
-        QVERIFY(model.allSaved());
-    }
-
-    void savingWrapsRoundToTheStart()
-    {
-        // Queue A (unsaved), B (unsaved), C: saving C wraps round to A.
-        CropModel model;
-        openLetters(model, "ABC");
-        model.select(id(model, 'C'));
-        saveOver(model);
-        QCOMPARE(activeLetter(model), "A");
-        // and saving A then moves forward to B, skipping nothing.
-        saveOver(model);
-        QCOMPARE(activeLetter(model), "B");
     }
 };
 

@@ -44,37 +44,31 @@ public:
 
     /// From now on, files wait at step until released by name (a save by
     /// its destination's name).
-    void hold(Step step)
-    {
-        std::lock_guard lock(m_mutex);
-        held(step) = true;
-    }
+    void hold(Step step) { change([&] { at(step).held = true; }); }
     /// Lets the file with this name through step (now or when it gets there).
-    void release(Step step, const QString& fileName)
-    {
-        {
-            std::lock_guard lock(m_mutex);
-            released(step).insert(fileName);
-        }
-        m_changed.notify_all();
-    }
+    void release(Step step, const QString& fileName) { change([&] { at(step).released.insert(fileName); }); }
     /// Lets every file through and holds none any more.
     void releaseAll()
     {
-        {
-            std::lock_guard lock(m_mutex);
-            m_holdIndex = m_holdDecode = m_holdSave = false;
-        }
-        m_changed.notify_all();
+        change([&] {
+            for (Gate& gate : m_gates)
+                gate.held = false;
+        });
     }
     /// How many files wait at step now.
     int waiting(Step step)
     {
         std::lock_guard lock(m_mutex);
-        return waitingAt(step);
+        return at(step).waiting;
     }
 
 private:
+    struct Gate {
+        bool held = false;
+        QSet<QString> released;
+        int waiting = 0;
+    };
+
     static QThreadPool& pool()
     {
         // Lives as long as the process: a job may hold the last reference
@@ -86,40 +80,29 @@ private:
         }();
         return *threads;
     }
-    bool& held(Step step)
+    Gate& at(Step step) { return m_gates[int(step)]; }
+    template <typename Change> void change(Change apply)
     {
-        return step == Step::Index ? m_holdIndex : step == Step::Decode ? m_holdDecode : m_holdSave;
-    }
-    QSet<QString>& released(Step step)
-    {
-        return step == Step::Index ? m_releasedIndex : step == Step::Decode ? m_releasedDecode : m_releasedSave;
-    }
-    int& waitingAt(Step step)
-    {
-        return step == Step::Index ? m_waitingIndex : step == Step::Decode ? m_waitingDecode : m_waitingSave;
+        {
+            std::lock_guard lock(m_mutex);
+            apply();
+        }
+        m_changed.notify_all();
     }
 
     void wait(Step step, const QString& path)
     {
         const QString name = QFileInfo(path).fileName();
         std::unique_lock lock(m_mutex);
-        int& count = waitingAt(step);
-        ++count;
-        m_changed.wait(lock, [&] { return !held(step) || released(step).contains(name); });
-        --count;
+        Gate& gate = at(step);
+        ++gate.waiting;
+        m_changed.wait(lock, [&] { return !gate.held || gate.released.contains(name); });
+        --gate.waiting;
     }
 
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    bool m_holdIndex = false;
-    bool m_holdDecode = false;
-    bool m_holdSave = false;
-    QSet<QString> m_releasedIndex;
-    QSet<QString> m_releasedDecode;
-    QSet<QString> m_releasedSave;
-    int m_waitingIndex = 0;
-    int m_waitingDecode = 0;
-    int m_waitingSave = 0;
+    Gate m_gates[3];
 };
 
 } // namespace orvane::test

@@ -2,6 +2,8 @@
 // save, then wait here until the results have been taken in.
 #pragma once
 
+#include <algorithm>
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QList>
@@ -17,12 +19,9 @@ namespace orvane::test {
 inline bool settle(CropModel& model)
 {
     auto busy = [&] {
-        if (model.opening())
-            return true;
-        for (const CropModel::Item& item : model.items())
-            if (model.isSaving(item.id))
-                return true;
-        return false;
+        return model.opening()
+            || std::any_of(model.items().begin(), model.items().end(),
+                           [&](const CropModel::Item& item) { return model.isSaving(item.id); });
     };
     // Woken by each result the workers post, not by polling.
     QDeadlineTimer deadline(30000);
