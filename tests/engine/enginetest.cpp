@@ -1,6 +1,6 @@
 #include "enginetest.h"
 
-#include <cstring>
+#include <algorithm>
 
 #include <gtest/gtest.h>
 
@@ -33,13 +33,9 @@ vips::VImage imageFromWords(const std::vector<std::uint16_t>& words, int width, 
 
 vips::VImage solidRgba(int width, int height, std::uint8_t r, std::uint8_t g, std::uint8_t b, std::uint8_t a)
 {
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(width) * height * 4);
-    for (std::size_t i = 0; i < bytes.size(); i += 4) {
-        bytes[i] = r;
-        bytes[i + 1] = g;
-        bytes[i + 2] = b;
-        bytes[i + 3] = a;
-    }
+    std::vector<std::uint8_t> bytes;
+    for (int i = 0; i < width * height; ++i)
+        bytes.insert(bytes.end(), {r, g, b, a});
     return imageFromBytes(bytes, width, height, 4, VIPS_INTERPRETATION_sRGB);
 }
 
@@ -47,14 +43,11 @@ vips::VImage withPixel(const vips::VImage& rgba, int x, int y, std::uint8_t r, s
                        std::uint8_t a)
 {
     std::size_t size = 0;
-    void* memory = rgba.write_to_memory(&size);
-    std::vector<std::uint8_t> bytes(static_cast<std::uint8_t*>(memory), static_cast<std::uint8_t*>(memory) + size);
+    auto* memory = static_cast<std::uint8_t*>(rgba.write_to_memory(&size));
+    std::vector<std::uint8_t> bytes(memory, memory + size);
     g_free(memory);
-    const std::size_t at = (static_cast<std::size_t>(y) * rgba.width() + x) * 4;
-    bytes[at] = r;
-    bytes[at + 1] = g;
-    bytes[at + 2] = b;
-    bytes[at + 3] = a;
+    const std::uint8_t pixel[] = {r, g, b, a};
+    std::copy_n(pixel, 4, bytes.begin() + (static_cast<std::ptrdiff_t>(y) * rgba.width() + x) * 4);
     return imageFromBytes(bytes, rgba.width(), rgba.height(), 4, VIPS_INTERPRETATION_sRGB);
 }
 
