@@ -8,6 +8,7 @@
 //       Opens path in a CropModel and runs saveOverOriginal(), after limiting
 //       the size of files this process may write (RLIMIT_FSIZE) when asked.
 //       Prints uid=, items=, saved=, error= and confirmation= lines.
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 
@@ -38,11 +39,7 @@ void say(const QString& line)
 int saveOnce(const QString& path, double tolerance)
 {
     const auto loaded = ImageFile::load(path);
-    if (!loaded) {
-        say(QStringLiteral("unloadable"));
-        return 3;
-    }
-    const auto buffer = CropEngine::Buffer::make(loaded->image);
+    const auto buffer = loaded ? CropEngine::Buffer::make(loaded->image) : std::nullopt;
     const auto rect = buffer ? CropEngine::contentRect(*buffer, tolerance) : std::nullopt;
     const auto cropped = rect ? CropEngine::crop(*buffer, *rect) : std::nullopt;
     if (!cropped) {
@@ -58,13 +55,9 @@ int saveOnce(const QString& path, double tolerance)
 // Waits until the model's open and save have been taken in.
 void settle(CropModel& model)
 {
-    auto busy = [&] {
-        if (model.opening())
-            return true;
-        for (const CropModel::Item& item : model.items())
-            if (model.isSaving(item.id))
-                return true;
-        return false;
+    const auto busy = [&] {
+        return model.opening()
+            || std::any_of(model.items().begin(), model.items().end(), [&](const CropModel::Item& item) { return model.isSaving(item.id); });
     };
     while (busy())
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
@@ -86,11 +79,11 @@ int saveThroughModel(const QString& path, long long fileSizeLimit)
     }
     model.saveOverOriginal();
     settle(model);
-    say(QStringLiteral("uid=%1").arg(::geteuid()));
-    say(QStringLiteral("items=%1").arg(model.items().size()));
-    say(QStringLiteral("saved=%1").arg(!model.items().empty() && model.items().front().saved ? 1 : 0));
-    say(QStringLiteral("error=%1").arg(model.errorMessage().value_or(QString())));
-    say(QStringLiteral("confirmation=%1").arg(model.saveConfirmation().value_or(QString())));
+    say(QStringLiteral("uid=%1\nitems=%2\nsaved=%3\nerror=%4\nconfirmation=%5")
+            .arg(::geteuid())
+            .arg(model.items().size())
+            .arg(!model.items().empty() && model.items().front().saved ? 1 : 0)
+            .arg(model.errorMessage().value_or(QString()), model.saveConfirmation().value_or(QString())));
     return 0;
 }
 
