@@ -15,54 +15,43 @@ using namespace orvane;
 
 namespace {
 
-// Records which jobs run together; a job can be held until released.
-class Recorder {
-public:
+// Records which jobs run together; a job can be held until released. The
+// records are read once the pool is done.
+struct Recorder {
     std::function<void()> job(int id, std::uint64_t bytes, bool hold = false)
     {
         return [this, id, bytes, hold] {
-            std::unique_lock lock(m_mutex);
-            m_started.push_back(id);
-            m_bytes += bytes;
-            m_peakBytes = std::max(m_peakBytes, m_bytes);
-            m_peakJobs = std::max(m_peakJobs, ++m_jobs);
-            m_changed.notify_all();
+            std::unique_lock lock(mutex);
+            started.push_back(id);
+            peakBytes = std::max(peakBytes, inFlight += bytes);
+            peakJobs = std::max(peakJobs, ++jobs);
+            changed.notify_all();
             if (hold)
-                m_changed.wait(lock, [&] { return m_released; });
+                changed.wait(lock, [&] { return released; });
             else // give others the chance to overlap, if the budget allows it
-                m_changed.wait_for(lock, std::chrono::milliseconds(5));
-            m_bytes -= bytes;
-            --m_jobs;
+                changed.wait_for(lock, std::chrono::milliseconds(5));
+            inFlight -= bytes;
+            --jobs;
         };
     }
     void waitForStarts(std::size_t count)
     {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_started.size() >= count; });
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return started.size() >= count; });
     }
     void release()
     {
-        std::lock_guard lock(m_mutex);
-        m_released = true;
-        m_changed.notify_all();
+        std::lock_guard lock(mutex);
+        released = true;
+        changed.notify_all();
     }
-    std::vector<int> started()
-    {
-        std::lock_guard lock(m_mutex);
-        return m_started;
-    }
-    std::uint64_t peakBytes() const { return m_peakBytes; }
-    int peakJobs() const { return m_peakJobs; }
 
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<int> m_started;
-    std::uint64_t m_bytes = 0;
-    std::uint64_t m_peakBytes = 0;
-    int m_jobs = 0;
-    int m_peakJobs = 0;
-    bool m_released = false;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<int> started;
+    std::uint64_t inFlight = 0, peakBytes = 0;
+    int jobs = 0, peakJobs = 0;
+    bool released = false;
 };
 
 } // namespace
@@ -77,22 +66,18 @@ TEST(WorkerPool, JobsThatFitTheBudgetRunSideBySide)
     recorder.waitForStarts(2);
     recorder.release();
     pool.waitForDone();
-    EXPECT_EQ(recorder.peakJobs(), 2);
+    EXPECT_EQ(recorder.peakJobs, 2);
 }
 
 TEST(WorkerPool, BytesInFlightNeverExceedTheBudgetAndOrderIsKept)
 {
-    struct Case {
-        const char* name;
-        std::vector<std::uint64_t> bytes;
-        std::uint64_t peak; ///< at most
-    };
-    const Case cases[] = {
+    // The peak bytes in flight, at most.
+    const struct { const char* name; std::vector<std::uint64_t> bytes; std::uint64_t peak; } cases[] = {
         {"one at a time", {60, 60, 60, 60, 60, 60}, 100},
         {"an oversized job runs alone", {10, 10, 500, 10, 10, 10}, 500},
         {"mixed", {30, 70, 20, 90, 10, 50, 50, 40}, 100},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         WorkerPool pool(4, 100);
         Recorder recorder;
         std::vector<int> order;
@@ -102,10 +87,10 @@ TEST(WorkerPool, BytesInFlightNeverExceedTheBudgetAndOrderIsKept)
         }
         pool.waitForDone();
         if (c.peak == 100 && c.bytes.front() > 50) // each runs alone, so they start in order
-            EXPECT_EQ(recorder.started(), order) << c.name;
+            EXPECT_EQ(recorder.started, order) << c.name;
         else
-            EXPECT_EQ(recorder.started().size(), order.size()) << c.name;
-        EXPECT_LE(recorder.peakBytes(), c.peak) << c.name;
+            EXPECT_EQ(recorder.started.size(), order.size()) << c.name;
+        EXPECT_LE(recorder.peakBytes, c.peak) << c.name;
     }
 }
 
@@ -122,7 +107,7 @@ TEST(WorkerPool, AQueuedJobCanBeCancelledARunningOneCannot)
     EXPECT_FALSE(pool.cancel(running));
     recorder.release();
     pool.waitForDone();
-    EXPECT_EQ(recorder.started(), (std::vector<int>{1, 3}));
+    EXPECT_EQ(recorder.started, (std::vector<int>{1, 3}));
 }
 
 int main(int argc, char** argv)
