@@ -82,12 +82,10 @@ TEST(ImageTypeFromContent, SignaturesOfTheAcceptedTypes)
     std::vector<std::pair<QByteArray, ImageType>> cases = {
         {QByteArray("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16), ImageType::png()},
         {QByteArray("\xff\xd8\xff\xe0\0\x10JFIF", 10), ImageType::jpeg()},
-        {QByteArray("II*\0\x08\0\0\0", 8), ImageType::tiff()},
-        {QByteArray("MM\0*\0\0\0\x08", 8), ImageType::tiff()},
+        {QByteArray("II*\0\x08\0\0\0", 8), ImageType::tiff()}, {QByteArray("MM\0*\0\0\0\x08", 8), ImageType::tiff()},
         {QByteArray("II+\0\x08\0\0\0", 8), ImageType::tiff()},
         {QByteArray("BM\x3a\0\0\0\0\0\0\0\x36\0\0\0\x28\0", 16), ImageType::bmp()},
-        {QByteArray("GIF87a\1\0\1\0"), ImageType::gif()},
-        {QByteArray("GIF89a\1\0\1\0"), ImageType::gif()},
+        {QByteArray("GIF87a\1\0\1\0"), ImageType::gif()}, {QByteArray("GIF89a\1\0\1\0"), ImageType::gif()},
         {QByteArray("RIFF\x24\0\0\0WEBPVP8 ", 16), ImageType::webP()},
     };
     for (const char* brand : {"heic", "heix", "hevc", "hevx"})
@@ -113,8 +111,7 @@ TEST(ImageTypeFromContent, OtherContentFromTheMimeDatabaseOrAbsent)
     const std::pair<QByteArray, std::optional<ImageType>> cases[] = {
         {svg, ImageType(QStringLiteral("image/svg+xml"))},
         {"%PDF-1.4\n%\xe2\xe3\xcf\xd3\n", ImageType(QStringLiteral("application/pdf"))},
-        {"just some words\n", ImageType(QStringLiteral("text/plain"))},
-        {QByteArray(), std::nullopt},
+        {"just some words\n", ImageType(QStringLiteral("text/plain"))}, {QByteArray(), std::nullopt},
         {QByteArray("\x00\x01\x02\x03\xfe\xff\x00\x9c", 8), std::nullopt},
     };
     for (const auto& [head, type] : cases)
@@ -141,8 +138,7 @@ TEST(NameOrder, DigitsByValueAndCaseIgnoredOnEveryThread)
 {
     ASSERT_EQ(QLocale::system().language(), QLocale::C) << "the test runs with LC_ALL=C";
     const struct { QStringList names, sorted; } cases[] = {
-        {{"10.png", "2.png"}, {"2.png", "10.png"}},
-        {{"B.png", "a.jpg"}, {"a.jpg", "B.png"}},
+        {{"10.png", "2.png"}, {"2.png", "10.png"}}, {{"B.png", "a.jpg"}, {"a.jpg", "B.png"}},
         {{"Page 10.png", "page 9.png"}, {"page 9.png", "Page 10.png"}},
         {{"b.png", "B.png"}, {"b.png", "B.png"}}, // equal: the stable sort keeps them as they came
         {{"B.png", "b.png"}, {"B.png", "b.png"}},
@@ -182,8 +178,7 @@ TEST_F(Folders, AFolderBecomesItsImagesInNameOrder)
         {{"empty", "nested", "top/sub"}, {"top/sub/inside.png"}},
         {{"single.txt", "top/sub", "missing.png", "top/sub"}, {"single.txt", "top/sub/inside.png", "missing.png", "top/sub/inside.png"}},
         {{"view/linked-folder"}, {"view/linked-folder/inside.png"}},
-        {{"view"}, {"view/dangling.png", "view/linked.gif"}},
-        {{}, {}},
+        {{"view"}, {"view/dangling.png", "view/linked.gif"}}, {{}, {}},
     };
     const auto inDir = [&](const QStringList& names) {
         QStringList paths;
@@ -201,13 +196,11 @@ TEST_F(Folders, AFolderBecomesItsImagesInNameOrder)
 TEST(ProposedName, KeepsTheExtensionAsWrittenElseTheTypeDecides)
 {
     const struct { const char* name; ImageType type; const char* proposed; } cases[] = {
-        {"photo.JPG", ImageType::jpeg(), "photo-cropped.JPG"},
-        {"photo.png", ImageType::png(), "photo-cropped.png"},
+        {"photo.JPG", ImageType::jpeg(), "photo-cropped.JPG"}, {"photo.png", ImageType::png(), "photo-cropped.png"},
         {"archive.tar.png", ImageType::png(), "archive.tar-cropped.png"},
         {"picture.jpg", ImageType::png(), "picture-cropped.jpg"},
         {"/home/someone/Pictures/photo.gif", ImageType::gif(), "photo-cropped.gif"},
-        {"scan", ImageType::tiff(), "scan-cropped.tiff"},
-        {"scan", ImageType::jpeg(), "scan-cropped.jpeg"},
+        {"scan", ImageType::tiff(), "scan-cropped.tiff"}, {"scan", ImageType::jpeg(), "scan-cropped.jpeg"},
         {"name", ImageType::data(), "name-cropped.png"},
         {"name", ImageType(QStringLiteral("application/x-no-such-type")), "name-cropped.png"},
     };

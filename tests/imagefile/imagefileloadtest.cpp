@@ -72,8 +72,7 @@ TEST_F(Load, EveryAcceptedTypeLoadsWithTheTypeOfItsContent)
         {"odd.xyz", encoded(image, ".tif"), ImageType::tiff(), true},
         {"noextension", encoded(image, ".gif"), ImageType::gif()},
         {"a.webp", encoded(image, ".webp[lossless]"), ImageType::webP(), true},
-        {"picture.jpg", encoded(image, ".png"), ImageType::png(), true},
-        {"a.bmp", bmp, ImageType::bmp(), true},
+        {"picture.jpg", encoded(image, ".png"), ImageType::png(), true}, {"a.bmp", bmp, ImageType::bmp(), true},
         {"a.heic", heic, ImageType::heic()},
         {"a.heif", heic.isEmpty() ? heic : QByteArray(heic).replace(8, 4, "mif1"), ImageType::heif()}, // the generic brand
         // The same bytes without "BM" in front never reach ImageMagick.

@@ -17,7 +17,16 @@ namespace {
 class Save : public ::testing::Test {
 protected:
     QString path(const QString& name) const { return dir.filePath(name); }
-    void TearDown() override { ImageFile::setSaverProbeForTesting({}); }
+    // Saves the image under the name and loads it back; absent when either fails.
+    std::optional<ImageFile::LoadResult> roundTrip(const vips::VImage& image, const QString& name, const ImageType& type) const
+    {
+        return ImageFile::save(image, path(name), type) ? ImageFile::load(path(name)) : std::nullopt;
+    }
+    void TearDown() override
+    {
+        ImageFile::setSaverProbeForTesting({});
+        ImageFile::setAvailableMemoryForTesting(std::nullopt);
+    }
 
     QTemporaryDir dir;
 };
@@ -70,9 +79,7 @@ TEST_F(Save, WrittenTypeIsTheTypeItselfElseJpegOrPng)
 TEST_F(Save, ATypeWithoutEncoderIsWrittenAsPngUnderTheGivenName)
 {
     ImageFile::setSaverProbeForTesting([](const ImageType& type) { return type != ImageType::webP(); });
-    const QString file = path("photo.webp");
-    ASSERT_TRUE(ImageFile::save(pattern(20, 10, 4), file, ImageType::webP()));
-    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+    const std::optional<ImageFile::LoadResult> loaded = roundTrip(pattern(20, 10, 4), "photo.webp", ImageType::webP());
     ASSERT_TRUE(loaded);
     EXPECT_EQ(loaded->type, ImageType::png());
     EXPECT_EQ(samples(loaded->image), samples(pattern(20, 10, 4)));
@@ -87,9 +94,7 @@ TEST_F(Save, EveryEncodableTypeRoundTrips)
         if (ImageFile::writableType(type) != type)
             continue;
         SCOPED_TRACE(type.mimeName().toStdString());
-        const QString file = path(QStringLiteral("round.") + type.preferredExtension());
-        ASSERT_TRUE(ImageFile::save(image, file, type));
-        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+        const std::optional<ImageFile::LoadResult> loaded = roundTrip(image, "round." + type.preferredExtension(), type);
         ASSERT_TRUE(loaded);
         // libheif writes every HEIF image with the HEVC brand.
         EXPECT_EQ(loaded->type, type == ImageType::heif() ? ImageType::heic() : type);
@@ -109,9 +114,7 @@ TEST_F(Save, SixteenBitsStaySixteenBitsWhereTheFormatHoldsThem)
         const vips::VImage image = pattern(40, 30, bands, VIPS_FORMAT_USHORT);
         for (const ImageType& type : {ImageType::png(), ImageType::tiff()}) {
             SCOPED_TRACE(type.mimeName().toStdString() + " with " + std::to_string(bands) + " bands");
-            const QString file = path(QStringLiteral("deep%1.").arg(bands) + type.preferredExtension());
-            ASSERT_TRUE(ImageFile::save(image, file, type));
-            const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+            const std::optional<ImageFile::LoadResult> loaded = roundTrip(image, "deep." + type.preferredExtension(), type);
             ASSERT_TRUE(loaded);
             EXPECT_EQ(std::pair(loaded->image.format(), loaded->image.bands()), std::pair(VIPS_FORMAT_USHORT, bands));
             EXPECT_EQ(samples(loaded->image), samples(image));
@@ -130,25 +133,21 @@ TEST_F(Save, NoMetadataOfTheSourceButTheProfile)
     source.set(VIPS_META_XMP_NAME, nullptr, const_cast<char*>(xmp.constData()), size_t(xmp.size()));
 
     // The way a user's file arrives: loaded, with everything parsed.
-    const QString original = path("source.jpg");
-    ASSERT_TRUE(writeFile(original, encoded(source, ".jpg")));
-    std::optional<ImageFile::LoadResult> loaded = ImageFile::load(original);
+    ASSERT_TRUE(writeFile(path("source.jpg"), encoded(source, ".jpg")));
+    std::optional<ImageFile::LoadResult> loaded = ImageFile::load(path("source.jpg"));
     ASSERT_TRUE(loaded && blobField(loaded->image, VIPS_META_EXIF_NAME).contains("a description of the source")
                 && loaded->image.get_int("orientation") == 6 && !blobField(loaded->image, VIPS_META_XMP_NAME).isEmpty());
     vips::VImage withComment = loaded->image.copy();
     withComment.set("png-comment-0-Comment", "a comment of the source");
 
-    for (const ImageType& type :
-         {ImageType::jpeg(), ImageType::png(), ImageType::tiff(), ImageType::webP(), ImageType::heic()}) {
+    for (const ImageType& type : {ImageType::jpeg(), ImageType::png(), ImageType::tiff(), ImageType::webP(), ImageType::heic()}) {
         if (ImageFile::writableType(type) != type)
             continue;
         SCOPED_TRACE(type.mimeName().toStdString());
-        const QString file = path(QStringLiteral("clean.") + type.preferredExtension());
-        ASSERT_TRUE(ImageFile::save(withComment, file, type));
-        for (const char* secret : {"xmpmeta", "a comment of the source", "a description of the source"})
-            EXPECT_FALSE(readFile(file).contains(secret)) << secret;
-        loaded = ImageFile::load(file);
+        loaded = roundTrip(withComment, "clean." + type.preferredExtension(), type);
         ASSERT_TRUE(loaded);
+        for (const char* secret : {"xmpmeta", "a comment of the source", "a description of the source"})
+            EXPECT_FALSE(readFile(path("clean." + type.preferredExtension())).contains(secret)) << secret;
         // libvips writes JPEG and WebP with a fresh EXIF block of its own that
         // holds the image's size and resolution and says upright: nothing of
         // the source's, and not its rotation.
@@ -186,18 +185,14 @@ TEST_F(Save, AWebpStoredLosslesslyStaysLosslessAndALossyOneLossy)
     const vips::VImage image = pattern(60, 40, 4);
     for (const bool lossless : {true, false}) {
         SCOPED_TRACE(lossless ? "lossless source" : "lossy source");
-        const QString source = path(QStringLiteral("source%1.webp").arg(lossless));
-        ASSERT_TRUE(writeFile(source, encoded(image, lossless ? ".webp[lossless=true]" : ".webp")));
-        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(source);
+        ASSERT_TRUE(writeFile(path("source.webp"), encoded(image, lossless ? ".webp[lossless=true]" : ".webp")));
+        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(path("source.webp"));
         ASSERT_TRUE(loaded);
         // Trimmed as the window and orvane-trim trim: a window onto the loaded image.
-        const vips::VImage trimmed = loaded->image.extract_area(5, 4, 40, 30);
-        const QString file = path(QStringLiteral("trimmed%1.webp").arg(lossless));
-        ASSERT_TRUE(ImageFile::save(trimmed, file, ImageType::webP()));
-        EXPECT_EQ(readFile(file).contains("VP8L"), lossless);
-        EXPECT_FALSE(readFile(file).contains("orvane")) << "a private field was written";
-        const std::optional<ImageFile::LoadResult> back = ImageFile::load(file);
+        const std::optional<ImageFile::LoadResult> back = roundTrip(loaded->image.extract_area(5, 4, 40, 30), "trimmed.webp", ImageType::webP());
         ASSERT_TRUE(back);
+        EXPECT_EQ(readFile(path("trimmed.webp")).contains("VP8L"), lossless);
+        EXPECT_FALSE(readFile(path("trimmed.webp")).contains("orvane")) << "a private field was written";
         EXPECT_TRUE(!lossless || samples(back->image) == samples(image.extract_area(5, 4, 40, 30)));
     }
 }
@@ -205,23 +200,18 @@ TEST_F(Save, AWebpStoredLosslesslyStaysLosslessAndALossyOneLossy)
 TEST_F(Save, PngsOurWriterDoesNotTakeAreWrittenByLibvips)
 {
     // Too large to hold a second time in memory: libvips streams it out.
-    const vips::VImage image = pattern(300, 200, 4);
-    ImageFile::setAvailableMemoryForTesting(600 * 1024);
-    const QString tight = path("tight.png");
-    const bool saved = ImageFile::save(image, tight, ImageType::png());
-    ImageFile::setAvailableMemoryForTesting(std::nullopt);
-    ASSERT_TRUE(saved);
-    std::optional<ImageFile::LoadResult> loaded = ImageFile::load(tight);
-    ASSERT_TRUE(loaded && samples(loaded->image) == samples(image));
-
     // Samples that PNG doesn't hold: libvips converts them to 8 bits.
-    const QString floating = path("float.png");
-    ASSERT_TRUE(ImageFile::save((pattern(30, 20, 3).cast(VIPS_FORMAT_FLOAT) / 255.0).copy(
-                                    vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_scRGB)),
-                                floating, ImageType::png()));
-    loaded = ImageFile::load(floating);
+    const vips::VImage floating = (pattern(30, 20, 3).cast(VIPS_FORMAT_FLOAT) / 255.0).copy(
+        vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_scRGB));
+    std::optional<ImageFile::LoadResult> loaded = roundTrip(floating, "float.png", ImageType::png());
     ASSERT_TRUE(loaded);
     EXPECT_EQ(std::pair(loaded->image.format(), loaded->image.bands()), std::pair(VIPS_FORMAT_UCHAR, 3));
+
+    // Too large to hold a second time in memory: libvips streams it out.
+    const vips::VImage image = pattern(300, 200, 4);
+    ImageFile::setAvailableMemoryForTesting(600 * 1024);
+    loaded = roundTrip(image, "tight.png", ImageType::png());
+    ASSERT_TRUE(loaded && samples(loaded->image) == samples(image));
 }
 
 // ---------------------------------------------------------------- replacing files

@@ -214,8 +214,7 @@ TEST(PngEncoder, CompressesAboutAsWellAsZlibAtImageMagicksDefault)
         artwork.draw_rect({double(i * 50), 90, 200, 255}, i * 60, i * 40, 120, 80, VImage::option()->set("fill", true));
     // Each may come out at most "most" times zlib's size.
     const struct { const char* what; VImage image; double most; } cases[] = {
-        {"artwork", artwork, 1.0},
-        {"8-bit photograph", noise(400, 300, 3, VIPS_FORMAT_UCHAR, 0.02), 1.01},
+        {"artwork", artwork, 1.0}, {"8-bit photograph", noise(400, 300, 3, VIPS_FORMAT_UCHAR, 0.02), 1.01},
         {"16-bit photograph", noise(200, 150, 4, VIPS_FORMAT_USHORT, 0.002), 1.03},
     };
     for (const auto& c : cases) {
