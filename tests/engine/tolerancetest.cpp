@@ -142,32 +142,24 @@ TEST(RectangleGeometry, HoldsTheOutermostContentPixels)
 namespace {
 
 // Random pixels that sit near the cut-offs often enough to matter: mostly
-// background, some near-white, some faint, a few solid.
+// background (transparent, or opaque white), some near-white, some faint, a
+// few of any colour and opacity; grey takes the smallest colour byte.
 std::vector<std::uint8_t> randomPixels(std::mt19937& rng, int width, int height, int bands)
 {
     std::uniform_int_distribution<int> kind(0, 9), any(0, 255), light(130, 255);
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(width) * height * bands);
     const int density = std::uniform_int_distribution<int>(1, 9)(rng);
-    for (std::size_t i = 0; i < bytes.size(); i += bands) {
+    std::vector<std::uint8_t> bytes;
+    for (int i = 0; i < width * height; ++i) {
         const int k = kind(rng);
-        int r = 255, g = 255, b = 255, a = 0;
-        if (k < density) {
-            r = light(rng);
-            g = k % 2 ? r : light(rng);
-            b = k % 3 ? r : light(rng);
-            a = k % 4 == 0 ? any(rng) : 255;
-            if (k == 1)
-                r = any(rng), a = any(rng);
-        } else if (k == 9) {
-            a = 255; // opaque white: background
-        }
-        std::uint8_t px[4] = {std::uint8_t(r), std::uint8_t(g), std::uint8_t(b), std::uint8_t(a)};
-        if (bands == 1 || bands == 2)
-            px[0] = std::uint8_t(std::min({r, g, b})), px[1] = std::uint8_t(a);
-        if (bands == 3 && a == 0)
-            px[0] = px[1] = px[2] = 255;
-        for (int c = 0; c < bands; ++c)
-            bytes[i + c] = px[c];
+        int r = light(rng), g = k % 2 ? r : light(rng), b = k % 3 ? r : light(rng), a = k % 4 == 0 ? any(rng) : 255;
+        if (k == 1)
+            r = any(rng), a = any(rng);
+        if (k >= density || (bands == 3 && a == 0))
+            r = g = b = 255, a = k == 9 ? 255 : bands == 3 ? a : 0;
+        const int grey = std::min({r, g, b});
+        const std::vector<int> pixel = bands == 1 ? std::vector{grey} : bands == 2 ? std::vector{grey, a}
+                                     : bands == 3 ? std::vector{r, g, b} : std::vector{r, g, b, a};
+        bytes.insert(bytes.end(), pixel.begin(), pixel.end());
     }
     return bytes;
 }
