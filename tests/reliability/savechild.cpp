@@ -31,8 +31,7 @@ using namespace orvane;
 
 void say(const QString& line)
 {
-    std::fputs(line.toUtf8().constData(), stdout);
-    std::fputc('\n', stdout);
+    std::puts(line.toUtf8().constData());
     std::fflush(stdout);
 }
 
@@ -68,15 +67,10 @@ int saveThroughModel(const QString& path, long long fileSizeLimit)
     CropModel model;
     model.open({QUrl::fromLocalFile(path)});
     settle(model);
-    if (fileSizeLimit > 0) {
-        // Past the limit, write() fails with EFBIG instead of the signal killing us.
-        std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{rlim_t(fileSizeLimit), rlim_t(fileSizeLimit)};
-        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) {
-            say(QStringLiteral("setrlimit failed"));
-            return 3;
-        }
-    }
+    // Past the limit, write() fails with EFBIG instead of the signal killing us.
+    const rlimit limit{rlim_t(fileSizeLimit), rlim_t(fileSizeLimit)};
+    if (fileSizeLimit > 0 && (std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR || ::setrlimit(RLIMIT_FSIZE, &limit) != 0))
+        return 3;
     model.saveOverOriginal();
     settle(model);
     say(QStringLiteral("uid=%1\nitems=%2\nsaved=%3\nerror=%4\nconfirmation=%5")
