@@ -7,6 +7,8 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 
+#include <tuple>
+
 #include "imagefiletestsupport.h"
 
 using namespace orvane;
@@ -87,37 +89,30 @@ TEST_F(Save, ATypeWithoutEncoderIsWrittenAsPngUnderTheGivenName)
 
 // ---------------------------------------------------------------- what is written
 
+// Every type with an encoder here, 8-bit RGB; and 16 bits of every band
+// count stay 16 bits where the format holds them.
 TEST_F(Save, EveryEncodableTypeRoundTrips)
 {
-    const vips::VImage image = pattern(48, 32, 3);
-    for (const ImageType& type : ImageFile::acceptedTypes()) {
-        if (ImageFile::writableType(type) != type)
-            continue;
-        SCOPED_TRACE(type.mimeName().toStdString());
+    std::vector<std::pair<ImageType, vips::VImage>> cases;
+    for (const ImageType& type : ImageFile::acceptedTypes())
+        if (ImageFile::writableType(type) == type)
+            cases.emplace_back(type, pattern(48, 32, 3));
+    for (const int bands : {1, 2, 3, 4})
+        for (const ImageType& type : {ImageType::png(), ImageType::tiff()})
+            cases.emplace_back(type, pattern(40, 30, bands, VIPS_FORMAT_USHORT));
+    for (const auto& [type, image] : cases) {
+        SCOPED_TRACE(type.mimeName().toStdString() + ", " + std::to_string(image.bands()) + " bands");
         const std::optional<ImageFile::LoadResult> loaded = roundTrip(image, "round." + type.preferredExtension(), type);
         ASSERT_TRUE(loaded);
         // libheif writes every HEIF image with the HEVC brand.
         EXPECT_EQ(loaded->type, type == ImageType::heif() ? ImageType::heic() : type);
-        const vips::VImage rgb = loaded->image.extract_band(0, vips::VImage::option()->set("n", 3));
-        ASSERT_EQ(std::pair(rgb.width(), rgb.height()), std::pair(48, 32));
+        const vips::VImage kept = loaded->image.extract_band(0, vips::VImage::option()->set("n", image.bands()));
+        ASSERT_EQ(std::tuple(kept.width(), kept.height(), kept.format()), std::tuple(image.width(), image.height(), image.format()));
+        EXPECT_TRUE(image.format() == VIPS_FORMAT_UCHAR || loaded->image.bands() == image.bands()) << "16 bits gained bands";
         if (type == ImageType::png() || type == ImageType::tiff() || type == ImageType::bmp()) {
-            EXPECT_EQ(samples(rgb), samples(image));
+            EXPECT_EQ(samples(kept), samples(image));
         } else { // lossy or palette formats: close to the original on average
-            EXPECT_LT((rgb.cast(VIPS_FORMAT_FLOAT) - image.cast(VIPS_FORMAT_FLOAT)).abs().avg(), 8.0);
-        }
-    }
-}
-
-TEST_F(Save, SixteenBitsStaySixteenBitsWhereTheFormatHoldsThem)
-{
-    for (const int bands : {1, 2, 3, 4}) {
-        const vips::VImage image = pattern(40, 30, bands, VIPS_FORMAT_USHORT);
-        for (const ImageType& type : {ImageType::png(), ImageType::tiff()}) {
-            SCOPED_TRACE(type.mimeName().toStdString() + " with " + std::to_string(bands) + " bands");
-            const std::optional<ImageFile::LoadResult> loaded = roundTrip(image, "deep." + type.preferredExtension(), type);
-            ASSERT_TRUE(loaded);
-            EXPECT_EQ(std::pair(loaded->image.format(), loaded->image.bands()), std::pair(VIPS_FORMAT_USHORT, bands));
-            EXPECT_EQ(samples(loaded->image), samples(image));
+            EXPECT_LT((kept.cast(VIPS_FORMAT_FLOAT) - image.cast(VIPS_FORMAT_FLOAT)).abs().avg(), 8.0);
         }
     }
 }

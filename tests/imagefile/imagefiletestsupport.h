@@ -63,15 +63,8 @@ inline vips::VImage pattern(int width, int height, int bands, VipsBandFormat for
 inline std::vector<std::uint32_t> samples(const vips::VImage& image)
 {
     size_t size = 0;
-    void* data = image.write_to_memory(&size);
-    std::vector<std::uint32_t> out;
-    if (image.format() == VIPS_FORMAT_USHORT) {
-        const auto* p = static_cast<const std::uint16_t*>(data);
-        out.assign(p, p + size / 2);
-    } else {
-        const auto* p = static_cast<const std::uint8_t*>(data);
-        out.assign(p, p + size);
-    }
+    auto* data = static_cast<std::uint32_t*>(image.cast(VIPS_FORMAT_UINT).write_to_memory(&size));
+    std::vector<std::uint32_t> out(data, data + size / 4);
     g_free(data);
     return out;
 }
