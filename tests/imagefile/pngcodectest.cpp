@@ -190,19 +190,6 @@ TEST(PngEncoder, APaletteCostsAtMostTheMarginOverTheOtherLayout)
     }
 }
 
-TEST(PngEncoder, TheProfileAndTheResolutionAreWritten)
-{
-    PngEncoder::Metadata metadata;
-    metadata.iccProfile = iccProfile();
-    metadata.xPixelsPerMetre = 11811; // 300 per inch
-    metadata.yPixelsPerMetre = 5906;
-    const std::optional<VImage> back = loadedByLibvips(PngEncoder::encode(pixelsOf(pattern(20, 10, 3).copy_memory()), metadata));
-    ASSERT_TRUE(back);
-    EXPECT_EQ(blobField(*back, VIPS_META_ICC_NAME), metadata.iccProfile);
-    EXPECT_DOUBLE_EQ(back->xres(), 11.811);
-    EXPECT_DOUBLE_EQ(back->yres(), 5.906);
-}
-
 TEST(PngEncoder, CompressesAboutAsWellAsZlibAtImageMagicksDefault)
 {
     // The filters chosen are libpng's, row for row; what differs is the
