@@ -21,14 +21,8 @@ namespace orvane::test {
 /// The encoder's view of an image that is in memory.
 inline PngEncoder::Pixels pixelsOf(const vips::VImage& memory)
 {
-    PngEncoder::Pixels px;
-    px.data = static_cast<const std::uint8_t*>(memory.data());
-    px.width = memory.width();
-    px.height = memory.height();
-    px.bands = memory.bands();
-    px.depth = memory.format() == VIPS_FORMAT_USHORT ? 16 : 8;
-    px.stride = std::size_t(VIPS_IMAGE_SIZEOF_LINE(memory.get_image()));
-    return px;
+    return {static_cast<const std::uint8_t*>(memory.data()), std::size_t(VIPS_IMAGE_SIZEOF_LINE(memory.get_image())), memory.width(),
+            memory.height(), memory.bands(), memory.format() == VIPS_FORMAT_USHORT ? 16 : 8};
 }
 
 /// Byte offset of a PNG's IHDR data (8 bit depth, 9 colour type …); −1 past the end.
