@@ -61,14 +61,9 @@ inline vips::VImage withProfile(const vips::VImage& image, const char* name)
     VipsBlob* blob = vips::VImage::profile_load(name);
     std::size_t length = 0;
     const void* profile = vips_blob_get(blob, &length);
-    void* copy = g_memdup2(profile, length);
-    vips_area_unref(VIPS_AREA(blob));
     vips::VImage tagged = image.copy();
-    const VipsCallbackFn release = [](void* data, void*) {
-        g_free(data);
-        return 0;
-    };
-    tagged.set(VIPS_META_ICC_NAME, release, copy, length);
+    vips_image_set_blob_copy(tagged.get_image(), VIPS_META_ICC_NAME, profile, length);
+    vips_area_unref(VIPS_AREA(blob));
     return tagged.copy_memory();
 }
 

@@ -9,7 +9,6 @@
 #include <QScopeGuard>
 #include <QSize>
 #include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 #include <vips/vips8>
@@ -100,11 +99,8 @@ QByteArray bigJpeg(quint16 width, quint16 height)
     QByteArray b = TestImages::encode(TestImages::framedNoise(64, 48, 8), ".jpg");
     for (qsizetype i = 2; i + 9 < b.size(); i += 2 + (uchar(b[i + 2]) << 8 | uchar(b[i + 3]))) {
         const auto marker = uchar(b[i + 1]);
-        if (marker >= 0xc0 && marker <= 0xcf && marker != 0xc4 && marker != 0xc8 && marker != 0xcc) {
-            qToBigEndian<quint16>(height, b.data() + i + 5);
-            qToBigEndian<quint16>(width, b.data() + i + 7);
-            return b;
-        }
+        if (marker >= 0xc0 && marker <= 0xcf && marker != 0xc4 && marker != 0xc8 && marker != 0xcc)
+            return b.replace(i + 5, 4, le(height, 2, true) + le(width, 2, true));
     }
     return {};
 }
@@ -121,10 +117,8 @@ QByteArray bigHeif(quint32 width, quint32 height, const char* brand)
         vips_error_clear();
         return {};
     }
-    for (qsizetype at = b.indexOf("ispe"); at >= 0; at = b.indexOf("ispe", at + 4)) {
-        qToBigEndian<quint32>(width, b.data() + at + 8);
-        qToBigEndian<quint32>(height, b.data() + at + 12);
-    }
+    for (qsizetype at = b.indexOf("ispe"); at >= 0; at = b.indexOf("ispe", at + 4))
+        b.replace(at + 8, 8, le(width, 4, true) + le(height, 4, true));
     return brand ? b.replace(8, 4, QByteArray(brand, 4)) : b;
 }
 
