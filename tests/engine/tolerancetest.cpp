@@ -55,8 +55,7 @@ TEST(CutOffs, MatchTheTableForTellingTolerances)
     };
     for (const auto& row : table) {
         const CropEngine::CutOffs c = CropEngine::cutOffs(row.tolerance);
-        EXPECT_EQ(c.alpha, row.alpha) << "tolerance " << row.tolerance;
-        EXPECT_EQ(c.whiteness, row.whiteness) << "tolerance " << row.tolerance;
+        EXPECT_EQ(std::pair(c.alpha, c.whiteness), std::pair(row.alpha, row.whiteness)) << "tolerance " << row.tolerance;
     }
 }
 
@@ -124,8 +123,7 @@ TEST(RectangleGeometry, PixelsAtTheCutOffs)
 
 TEST(RectangleGeometry, HoldsTheOutermostContentPixels)
 {
-    auto image = solidRgba(10, 10, 0, 0, 0, 0);
-    image = withPixel(withPixel(image, 1, 1, 20, 30, 40, 255), 8, 6, 0, 0, 0, 200);
+    const auto image = withPixel(withPixel(solidRgba(10, 10, 0, 0, 0, 0), 1, 1, 20, 30, 40, 255), 8, 6, 0, 0, 0, 200);
     EXPECT_EQ(bothWays(image, 25), (PixelRect{1, 1, 8, 6}));
     EXPECT_EQ(bothWays(withPixel(solidRgba(10, 10, 0, 0, 0, 0), 3, 5, 0, 0, 0, 255), 25), (PixelRect{3, 5, 1, 1}));
     // Content on each edge of a white image.

@@ -24,9 +24,8 @@ protected:
     QString path(const QString& name) const { return dir.filePath(name); }
     QString write(const QString& name, const QByteArray& bytes) const
     {
-        const QString p = path(name);
-        EXPECT_TRUE(writeFile(p, bytes));
-        return p;
+        EXPECT_TRUE(writeFile(path(name), bytes));
+        return path(name);
     }
     void TearDown() override { ImageFile::setAvailableMemoryForTesting(std::nullopt); }
 

@@ -24,11 +24,7 @@ protected:
     {
         return ImageFile::save(image, path(name), type) ? ImageFile::load(path(name)) : std::nullopt;
     }
-    void TearDown() override
-    {
-        ImageFile::setSaverProbeForTesting({});
-        ImageFile::setAvailableMemoryForTesting(std::nullopt);
-    }
+    void TearDown() override { ImageFile::setSaverProbeForTesting({}); ImageFile::setAvailableMemoryForTesting(std::nullopt); }
 
     QTemporaryDir dir;
 };

@@ -18,9 +18,8 @@ protected:
     QString path(const QString& name) const { return dir.filePath(name); }
     QString save(const vips::VImage& image, const QString& name, const char* options = "")
     {
-        const QString p = path(name);
-        image.write_to_file((p + QString::fromLatin1(options)).toLocal8Bit().constData());
-        return p;
+        image.write_to_file((path(name) + QString::fromLatin1(options)).toLocal8Bit().constData());
+        return path(name);
     }
     void TearDown() override { ImageFile::setAvailableMemoryForTesting(std::nullopt); }
 

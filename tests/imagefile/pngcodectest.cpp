@@ -103,13 +103,8 @@ TEST(PngEncoder, EachReductionOfColourTypeAndDepthRoundTripsExactly)
     const VImage x = VImage::xyz(256, 64)[0];
     QByteArray greyProfile = iccProfile();
     greyProfile.replace(16, 4, "GRAY"); // the header's colour space is all the writer reads
-    const struct {
-        const char* what;
-        VImage image;
-        VipsBandFormat format;
-        int colourType, depth; // expected
-        QByteArray profile = {};
-    } cases[] = {
+    // The colour type and bit depth expected of each.
+    const struct { const char* what; VImage image; VipsBandFormat format; int colourType, depth; QByteArray profile = {}; } cases[] = {
         {"grey as RGB", grey3, VIPS_FORMAT_UCHAR, 0, 8},
         {"grey as opaque RGBA", grey3.bandjoin_const({255}), VIPS_FORMAT_UCHAR, 0, 8},
         {"grey with alpha as RGBA", grey3.bandjoin(ramp), VIPS_FORMAT_UCHAR, 4, 8},
@@ -120,8 +115,7 @@ TEST(PngEncoder, EachReductionOfColourTypeAndDepthRoundTripsExactly)
         {"16-bit grey", deepGrey, VIPS_FORMAT_USHORT, 0, 16},
         {"16-bit grey as RGB", deepGrey.bandjoin(deepGrey).bandjoin(deepGrey), VIPS_FORMAT_USHORT, 0, 16},
         {"16-bit opaque RGBA of 8-bit values", (colour * 257).bandjoin_const({65535}), VIPS_FORMAT_USHORT, 2, 8},
-        {"16-bit RGBA, one low byte apart", (colour * 257).bandjoin((ramp * 257).cast(VIPS_FORMAT_USHORT) ^ 1),
-         VIPS_FORMAT_USHORT, 6, 16},
+        {"16-bit RGBA, one low byte apart", (colour * 257).bandjoin((ramp * 257).cast(VIPS_FORMAT_USHORT) ^ 1), VIPS_FORMAT_USHORT, 6, 16},
         {"black and white as RGB", (k5 % 2 * 255).bandjoin(k5 % 2 * 255).bandjoin(k5 % 2 * 255), VIPS_FORMAT_UCHAR, 0, 1},
         {"four greys of 2 bits", k5 % 4 * 85, VIPS_FORMAT_UCHAR, 0, 2},
         {"sixteen greys of 4 bits as 16-bit", k16 * 17 * 257, VIPS_FORMAT_USHORT, 0, 4},
@@ -135,9 +129,7 @@ TEST(PngEncoder, EachReductionOfColourTypeAndDepthRoundTripsExactly)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        PngEncoder::Metadata metadata;
-        metadata.iccProfile = c.profile;
-        expectPng(inMemory(c.image, c.format), c.depth, c.colourType, metadata);
+        expectPng(inMemory(c.image, c.format), c.depth, c.colourType, PngEncoder::Metadata{c.profile});
     }
     // Colours scattered over a 37-wide image: a palette of the fewest bits up
     // to 256 colours, opaque or some translucent; past that RGB or RGBA.
@@ -162,13 +154,10 @@ TEST(PngEncoder, APaletteCostsAtMostTheMarginOverTheOtherLayout)
     // Images of at most 256 colours, where a palette may win or lose, tall
     // enough that the choice is made from a sample of rows.
     constexpr int w = 320, h = 400;
-    const VImage xy = VImage::xyz(w, h);
-    const VImage x = xy[0], y = xy[1];
-    const VImage k8 = scattered(w, h, 8);
+    const VImage xy = VImage::xyz(w, h), x = xy[0], y = xy[1], k8 = scattered(w, h, 8);
     VImage flat = (x * 0 + 240).bandjoin(x * 0 + 235).bandjoin(x * 0 + 220).cast(VIPS_FORMAT_UCHAR).copy_memory();
     for (int i = 0; i < 7; ++i)
-        flat.draw_rect({double(i * 35), double(200 - i * 25), double(i * 30)}, i * 40, i * 50, 90, 60,
-                       VImage::option()->set("fill", true));
+        flat.draw_rect({double(i * 35), double(200 - i * 25), double(i * 30)}, i * 40, i * 50, 90, 60, VImage::option()->set("fill", true));
     const VImage band = (y / 8).cast(VIPS_FORMAT_INT) % 2; // stripes of 8 rows: half scattered, half smooth
     // Each image already in its fewest bands.
     const struct { const char* what; VImage image; } cases[] = {

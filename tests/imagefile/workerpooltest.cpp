@@ -6,11 +6,8 @@
 #include <mutex>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include <vips/vips8>
-
 #include "imagefile/workerpool.h"
+#include "imagefiletestsupport.h"
 
 using namespace orvane;
 
@@ -99,11 +96,5 @@ TEST(WorkerPool, JobsThatFitRunSideBySideAndQueuedOnesCanBeCancelled)
     EXPECT_EQ(recorder.started, (std::vector<int>{1, 2, 4}));
 }
 
-int main(int argc, char** argv)
-{
-    // The pool gives libvips' per-thread buffers back after each job.
-    if (VIPS_INIT(argv[0]))
-        return 2;
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}
+// The pool gives libvips' per-thread buffers back after each job: libvips is started first.
+ORVANE_IMAGEFILE_TEST_MAIN((void)0)

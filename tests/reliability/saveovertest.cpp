@@ -40,8 +40,7 @@ const QString kRefused = QStringLiteral("Couldn’t write to “photo.png”.");
 QMap<QString, QString> runChild(const QStringList& prefix, const QStringList& arguments, QString* errors = nullptr)
 {
     QProcess child;
-    QStringList all = prefix;
-    all << QStringLiteral(ORVANE_SAVECHILD) << arguments;
+    QStringList all = prefix + QStringList{QStringLiteral(ORVANE_SAVECHILD)} + arguments;
     child.start(all.takeFirst(), all);
     QMap<QString, QString> fields;
     if (!child.waitForStarted(10000) || !child.waitForFinished(60000))
@@ -59,10 +58,7 @@ QMap<QString, QString> runChild(const QStringList& prefix, const QStringList& ar
 // The outcome the child reports: items, saved, error, confirmation.
 QStringList outcome(const QMap<QString, QString>& fields)
 {
-    QStringList values;
-    for (const char* key : {"items", "saved", "error", "confirmation"})
-        values << fields.value(QLatin1String(key));
-    return values;
+    return {fields.value("items"), fields.value("saved"), fields.value("error"), fields.value("confirmation")};
 }
 
 } // namespace
