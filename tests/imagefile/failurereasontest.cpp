@@ -31,6 +31,8 @@ struct FailureCase {
     const char* mentions = ""; ///< a part of the message
 };
 
+void PrintTo(const FailureCase& c, std::ostream* out) { *out << c.fileName; }
+
 std::function<void(const QString&)> writing(const QByteArray& bytes)
 {
     return [bytes](const QString& p) { ASSERT_TRUE(writeFile(p, bytes)); };
