@@ -38,8 +38,8 @@ TEST(Cropping, ClipsToTheImageAndKeepsTheSourcePixels)
         ASSERT_EQ(cropped.has_value(), c.kept.has_value());
         if (!cropped)
             continue;
-        if (c.kept->width == 10 && c.kept->height == 10)
-            EXPECT_EQ(cropped->get_image(), buffer.image().get_image());
+        // A full-size rectangle gives back the very same image.
+        EXPECT_TRUE(c.kept->width != 10 || c.kept->height != 10 || cropped->get_image() == buffer.image().get_image());
         ASSERT_EQ(cropped->width(), c.kept->width);
         ASSERT_EQ(cropped->height(), c.kept->height);
         for (int y = 0; y < cropped->height(); ++y)
