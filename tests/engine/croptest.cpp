@@ -1,6 +1,7 @@
 // Cutting a buffer's decoded image to a rectangle.
-#include <cstring>
+#include <string>
 #include <limits>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -11,24 +12,6 @@ using namespace orvane;
 using namespace orvane::enginetest;
 using CropEngine::Buffer;
 
-namespace {
-
-std::vector<std::uint8_t> numberedPixels(int width, int height)
-{
-    std::vector<std::uint8_t> bytes;
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x)
-            bytes.insert(bytes.end(), {std::uint8_t(x), std::uint8_t(y), std::uint8_t(x * y), 255});
-    return bytes;
-}
-
-Buffer numberedBuffer(int width, int height)
-{
-    return *Buffer::make(imageFromBytes(numberedPixels(width, height), width, height, 4, VIPS_INTERPRETATION_sRGB));
-}
-
-} // namespace
-
 // Rectangles are clipped to the image. One of full size, wherever it starts,
 // stands for the whole image and gives back the very same one; one with
 // nothing inside the image gives nothing.
@@ -36,11 +19,12 @@ TEST(Cropping, ClipsToTheImageAndKeepsTheSourcePixels)
 {
     constexpr std::int64_t max = std::numeric_limits<std::int64_t>::max();
     constexpr std::int64_t min = std::numeric_limits<std::int64_t>::min();
-    const Buffer buffer = numberedBuffer(10, 10);
-    const struct {
-        PixelRect rect;
-        std::optional<PixelRect> kept;
-    } cases[] = {
+    std::vector<std::uint8_t> numbered; // red is x, green is y
+    for (int y = 0; y < 10; ++y)
+        for (int x = 0; x < 10; ++x)
+            numbered.insert(numbered.end(), {std::uint8_t(x), std::uint8_t(y), std::uint8_t(x * y), 255});
+    const Buffer buffer = *Buffer::make(imageFromBytes(numbered, 10, 10, 4, VIPS_INTERPRETATION_sRGB));
+    const struct { PixelRect rect; std::optional<PixelRect> kept; } cases[] = {
         {{0, 0, 10, 10}, PixelRect{0, 0, 10, 10}},  {{3, 4, 10, 10}, PixelRect{0, 0, 10, 10}},
         {{-2, 50, 10, 10}, PixelRect{0, 0, 10, 10}}, {{1, 1, 8, 6}, PixelRect{1, 1, 8, 6}},
         {{0, 2, 10, 3}, PixelRect{0, 2, 10, 3}},    {{-2, -3, 5, 5}, PixelRect{0, 0, 3, 2}},
@@ -54,8 +38,8 @@ TEST(Cropping, ClipsToTheImageAndKeepsTheSourcePixels)
         ASSERT_EQ(cropped.has_value(), c.kept.has_value());
         if (!cropped)
             continue;
-        if (c.kept->width == 10 && c.kept->height == 10)
-            EXPECT_EQ(cropped->get_image(), buffer.image().get_image());
+        // A full-size rectangle gives back the very same image.
+        EXPECT_TRUE(c.kept->width != 10 || c.kept->height != 10 || cropped->get_image() == buffer.image().get_image());
         ASSERT_EQ(cropped->width(), c.kept->width);
         ASSERT_EQ(cropped->height(), c.kept->height);
         for (int y = 0; y < cropped->height(); ++y)
@@ -77,23 +61,20 @@ TEST(Cropping, KeepsBitDepthBandsAndProfile)
     const Buffer buffer = *Buffer::make(image);
     const auto cropped = CropEngine::crop(buffer, PixelRect{2, 1, 3, 2});
     ASSERT_TRUE(cropped);
-    EXPECT_EQ(cropped->format(), VIPS_FORMAT_USHORT);
-    EXPECT_EQ(cropped->bands(), 4);
-    EXPECT_EQ(cropped->interpretation(), VIPS_INTERPRETATION_RGB16);
+    EXPECT_EQ(std::tuple(cropped->format(), cropped->bands(), cropped->interpretation()),
+              std::tuple(VIPS_FORMAT_USHORT, 4, VIPS_INTERPRETATION_RGB16));
     EXPECT_EQ(cropped->getpoint(0, 0)[0], 1000 * (1 * 6 + 2));
     EXPECT_EQ(cropped->getpoint(0, 0)[3], 30000 + 8);
 
     std::size_t sourceLength = 0, croppedLength = 0;
-    const void* sourceProfile = image.get_blob(VIPS_META_ICC_NAME, &sourceLength);
     ASSERT_NE(cropped->get_typeof(VIPS_META_ICC_NAME), 0u);
-    const void* croppedProfile = cropped->get_blob(VIPS_META_ICC_NAME, &croppedLength);
-    ASSERT_EQ(croppedLength, sourceLength);
-    EXPECT_EQ(std::memcmp(sourceProfile, croppedProfile, sourceLength), 0);
+    const auto* sourceProfile = static_cast<const char*>(image.get_blob(VIPS_META_ICC_NAME, &sourceLength));
+    const auto* croppedProfile = static_cast<const char*>(cropped->get_blob(VIPS_META_ICC_NAME, &croppedLength));
+    EXPECT_EQ(std::string(croppedProfile, croppedLength), std::string(sourceProfile, sourceLength));
 
     // CMYK stays CMYK.
     const auto cmyk = imageFromBytes(std::vector<std::uint8_t>(7 * 7 * 4, 60), 7, 7, 4, VIPS_INTERPRETATION_CMYK);
     const auto cmykCrop = CropEngine::crop(*Buffer::make(cmyk), PixelRect{1, 1, 2, 2});
     ASSERT_TRUE(cmykCrop);
-    EXPECT_EQ(cmykCrop->bands(), 4);
-    EXPECT_EQ(cmykCrop->interpretation(), VIPS_INTERPRETATION_CMYK);
+    EXPECT_EQ(std::pair(cmykCrop->bands(), cmykCrop->interpretation()), std::pair(4, VIPS_INTERPRETATION_CMYK));
 }

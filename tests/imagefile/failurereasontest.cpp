@@ -9,12 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <zlib.h>
-
 #include <QDir>
 #include <QTemporaryDir>
 
 #include "imagefiletestsupport.h"
+#include "support/pngbytes.h"
 
 using namespace orvane;
 using orvane::test::encoded;
@@ -29,41 +28,32 @@ struct FailureCase {
     const char* fileName;
     std::function<void(const QString& path)> make;
     FailureReason reason;
+    const char* mentions = ""; ///< a part of the message
 };
 
 void PrintTo(const FailureCase& c, std::ostream* out) { *out << c.fileName; }
 
-QByteArray noisyPng()
+std::function<void(const QString&)> writing(const QByteArray& bytes)
+{
+    return [bytes](const QString& p) { ASSERT_TRUE(writeFile(p, bytes)); };
+}
+
+// Grey noise as RGB, encoded for the suffix: every pixel costs bytes.
+QByteArray noisy(const char* suffix)
 {
     const vips::VImage noise = vips::VImage::gaussnoise(64, 64, vips::VImage::option()->set("sigma", 50.0));
-    return encoded(noise.bandjoin({noise, noise}).cast(VIPS_FORMAT_UCHAR).copy(
-                       vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB)),
-                   ".png");
+    return encoded(orvane::test::tagged(noise.bandjoin({noise, noise}), VIPS_FORMAT_UCHAR), suffix);
 }
 
-// A PNG whose header claims a size, with a checksum that holds.
+// A PNG whose header claims a size, with a checksum that holds, and a few rows.
 QByteArray pngClaiming(std::uint32_t width, std::uint32_t height)
 {
-    QByteArray png = noisyPng();
-    for (int i = 0; i < 4; ++i) {
-        png[16 + i] = char(width >> (24 - 8 * i));
-        png[20 + i] = char(height >> (24 - 8 * i));
-    }
-    const std::uint32_t crc = std::uint32_t(::crc32(0, reinterpret_cast<const Bytef*>(png.constData() + 12), 17));
-    for (int i = 0; i < 4; ++i)
-        png[29 + i] = char(crc >> (24 - 8 * i));
-    return png;
-}
-
-vips::VImage multiPageTiff()
-{
-    vips::VImage pages = pattern(40, 90, 3);
-    pages.set("page-height", 30);
-    return pages;
+    return orvane::test::png(width, height, 2, orvane::test::zerosZlib(64 * (1 + 64 * 3)));
 }
 
 class WhyNotOpened : public ::testing::TestWithParam<FailureCase> {
 protected:
+    void TearDown() override { ImageFile::setAvailableMemoryForTesting(std::nullopt); }
     QTemporaryDir dir;
 };
 
@@ -82,64 +72,38 @@ TEST_P(WhyNotOpened, NamesTheReasonInASentenceWithoutTheName)
     EXPECT_TRUE(failure.message.endsWith(QLatin1Char('.'))) << failure.message.toStdString();
     EXPECT_FALSE(failure.message.contains(QFileInfo(path).fileName())) << failure.message.toStdString();
     EXPECT_FALSE(failure.message.contains(QLatin1Char('\''))) << "typographic apostrophes only";
+    EXPECT_TRUE(failure.message.contains(QString::fromUtf8(c.mentions))) << failure.message.toStdString();
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Files, WhyNotOpened,
     ::testing::Values(
         FailureCase{"missing", "gone.png", [](const QString&) {}, FailureReason::Missing},
-        FailureCase{"dangling_link", "dangling.png",
-                    [](const QString& p) { ASSERT_TRUE(QFile::link(p + ".target", p)); }, FailureReason::Missing},
-        FailureCase{"folder", "folder.png", [](const QString& p) { ASSERT_TRUE(QDir().mkpath(p)); },
+        FailureCase{"dangling_link", "dangling.png", [](const QString& p) { ASSERT_TRUE(QFile::link(p + ".target", p)); },
+                    FailureReason::Missing},
+        FailureCase{"folder", "folder.png", [](const QString& p) { ASSERT_TRUE(QDir().mkpath(p)); }, FailureReason::Unreadable},
+        FailureCase{"pipe", "pipe.png", [](const QString& p) { ASSERT_EQ(::mkfifo(QFile::encodeName(p).constData(), 0600), 0); },
                     FailureReason::Unreadable},
-        FailureCase{"pipe", "pipe.png",
-                    [](const QString& p) { ASSERT_EQ(::mkfifo(QFile::encodeName(p).constData(), 0600), 0); },
-                    FailureReason::Unreadable},
-        FailureCase{"empty", "empty.png", [](const QString& p) { ASSERT_TRUE(writeFile(p, {})); },
-                    FailureReason::NotAnImage},
-        FailureCase{"text_named_png", "notes.png",
-                    [](const QString& p) { ASSERT_TRUE(writeFile(p, "Shopping list:\nbread\nmilk\n")); },
-                    FailureReason::NotAnImage},
-        FailureCase{"text", "notes.txt", [](const QString& p) { ASSERT_TRUE(writeFile(p, "just words\n")); },
-                    FailureReason::NotAnImage},
+        FailureCase{"empty", "empty.png", writing({}), FailureReason::NotAnImage},
+        FailureCase{"text_named_png", "notes.png", writing("Shopping list:\nbread\nmilk\n"), FailureReason::NotAnImage},
+        FailureCase{"text", "notes.txt", writing("just words\n"), FailureReason::NotAnImage},
         FailureCase{"svg_named_png", "drawing.png",
-                    [](const QString& p) {
-                        ASSERT_TRUE(writeFile(p, "<?xml version=\"1.0\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\" "
-                                                 "width=\"10\" height=\"10\"><rect width=\"5\" height=\"5\"/></svg>\n"));
-                    },
+                    writing("<?xml version=\"1.0\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"10\" height=\"10\">"
+                            "<rect width=\"5\" height=\"5\"/></svg>\n"),
                     FailureReason::Unsupported},
-        FailureCase{"raw_nef", "DSC_0001.NEF",
-                    [](const QString& p) { multiPageTiff().tiffsave(QFile::encodeName(p).constData()); },
-                    FailureReason::Unsupported},
-        FailureCase{"png_without_an_image_name", "picture.data",
-                    [](const QString& p) { ASSERT_TRUE(writeFile(p, noisyPng())); }, FailureReason::Unsupported},
-        FailureCase{"truncated_png", "cut.png",
-                    [](const QString& p) { ASSERT_TRUE(writeFile(p, noisyPng().chopped(2000))); },
-                    FailureReason::Damaged},
-        FailureCase{"corrupt_jpeg", "broken.jpg",
+        // A camera raw file holds a TIFF and is refused by its name.
+        FailureCase{"raw_nef", "DSC_0001.NEF", writing(encoded(pattern(40, 30, 3), ".tif")), FailureReason::Unsupported},
+        FailureCase{"png_without_an_image_name", "picture.data", writing(noisy(".png")), FailureReason::Unsupported},
+        FailureCase{"truncated_png", "cut.png", writing(noisy(".png").chopped(2000)), FailureReason::Damaged},
+        FailureCase{"truncated_jpeg", "broken.jpg", writing(noisy(".jpg").chopped(2000)), FailureReason::Damaged},
+        FailureCase{"absurd_size", "huge.png", writing(pngClaiming(200000, 200000)), FailureReason::TooLarge},
+        FailureCase{"beyond_the_free_memory", "big.png",
                     [](const QString& p) {
-                        QByteArray jpeg = encoded(pattern(64, 64, 3), ".jpg");
-                        jpeg.truncate(jpeg.size() / 2);
-                        ASSERT_TRUE(writeFile(p, jpeg));
+                        ASSERT_TRUE(writeFile(p, pngClaiming(4000, 3000)));
+                        ImageFile::setAvailableMemoryForTesting(std::uint64_t(20) << 20);
                     },
-                    FailureReason::Damaged},
-        FailureCase{"absurd_size", "huge.png",
-                    [](const QString& p) { ASSERT_TRUE(writeFile(p, pngClaiming(200000, 200000))); },
-                    FailureReason::TooLarge}),
+                    FailureReason::TooLarge, "4000 × 3000"}),
     [](const ::testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });
-
-TEST(WhyNotOpenedMemory, AnImageBeyondTheFreeMemoryIsTooLarge)
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath("big.png");
-    ASSERT_TRUE(writeFile(path, pngClaiming(4000, 3000)));
-    ImageFile::setAvailableMemoryForTesting(std::uint64_t(20) << 20);
-    EXPECT_FALSE(ImageFile::index(path));
-    const ImageFile::Failure failure = ImageFile::whyNotOpened(path);
-    ImageFile::setAvailableMemoryForTesting(std::nullopt);
-    EXPECT_EQ(failure.reason, FailureReason::TooLarge);
-    EXPECT_TRUE(failure.message.contains(QStringLiteral("4000 × 3000"))) << failure.message.toStdString();
-}
 
 // Root reads every file; a child that has given up root's rights cannot.
 TEST(WhyNotOpenedPermissions, AFileThatMayNotBeReadIsUnreadable)
@@ -147,11 +111,9 @@ TEST(WhyNotOpenedPermissions, AFileThatMayNotBeReadIsUnreadable)
     if (::geteuid() != 0)
         GTEST_SKIP() << "needs root to become another user";
     QTemporaryDir dir;
-    QFile::setPermissions(dir.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner
-                                          | QFileDevice::ExeOther);
     const QString path = dir.filePath("private.png");
-    ASSERT_TRUE(writeFile(path, noisyPng()));
-    ASSERT_TRUE(QFile::setPermissions(path, QFileDevice::ReadOwner | QFileDevice::WriteOwner));
+    ASSERT_TRUE(writeFile(path, noisy(".png")));
+    ASSERT_TRUE(::chmod(QFile::encodeName(dir.path()).constData(), 0701) == 0 && ::chmod(QFile::encodeName(path).constData(), 0600) == 0);
 
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);

@@ -1,14 +1,17 @@
-// ImageFile::load: every accepted type decodes, the decoder follows the
-// content, only the first frame, no rotation, and everything broken, foreign
-// or too big yields absent.
+// ImageFile::load: every accepted type decodes (the PNG suite too), the
+// decoder follows the content, only the first frame, no rotation, and
+// everything broken, foreign or too big yields absent.
 #include "imagefile/imagefile.h"
 
 #include <thread>
 
 #include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QTemporaryDir>
 
 #include "imagefiletestsupport.h"
+#include "support/libvipspng.h"
 #include "support/pngbytes.h"
 
 using namespace orvane;
@@ -21,112 +24,91 @@ protected:
     QString path(const QString& name) const { return dir.filePath(name); }
     QString write(const QString& name, const QByteArray& bytes) const
     {
-        const QString p = path(name);
-        EXPECT_TRUE(writeFile(p, bytes));
-        return p;
+        EXPECT_TRUE(writeFile(path(name), bytes));
+        return path(name);
     }
     void TearDown() override { ImageFile::setAvailableMemoryForTesting(std::nullopt); }
 
     QTemporaryDir dir;
 };
 
+const QString kSuite = QStringLiteral(ORVANE_TEST_DATA_DIR "/pngsuite");
+
+QStringList suiteFiles(bool corrupt)
+{
+    QStringList picked;
+    for (const QString& name : QDir(kSuite + QStringLiteral("/png")).entryList({QStringLiteral("*.png")}, QDir::Files, QDir::Name))
+        if (name.startsWith(QLatin1Char('x')) == corrupt)
+            picked << name;
+    return picked;
+}
+
+std::vector<std::uint32_t> reference(const QString& base)
+{
+    QFile file(kSuite + QStringLiteral("/json/") + base + QStringLiteral(".json"));
+    std::vector<std::uint32_t> values;
+    if (file.open(QIODevice::ReadOnly))
+        for (const QJsonValue& value : QJsonDocument::fromJson(file.readAll()).array())
+            values.push_back(std::uint32_t(value.toInt()));
+    return values;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------- every type
 
-// The type follows the content, never the name.
+// The type follows the content, never the name: HEIC and HEIF by their
+// brands, BMP only with "BM" in front, and foreign content is refused.
 TEST_F(Load, EveryAcceptedTypeLoadsWithTheTypeOfItsContent)
 {
     const vips::VImage image = pattern(64, 48, 3);
-    struct Case {
-        const char* name;
-        ImageType type;
-        const char* suffix;
+    const QByteArray heic = hasSaver(".heic") ? encoded(image, ".heic[Q=90]") : QByteArray();
+    const QByteArray bmp = bmpBytes(image);
+    // A type of absent: refused.
+    const struct { const char* name; QByteArray bytes; std::optional<ImageType> type; bool exact = false; } cases[] = {
+        {"a.png", encoded(image, ".png"), ImageType::png(), true},
+        {"photo.png", encoded(image, ".jpg[Q=95]"), ImageType::jpeg()},
+        {"odd.xyz", encoded(image, ".tif"), ImageType::tiff(), true},
+        {"noextension", encoded(image, ".gif"), ImageType::gif()},
+        {"a.webp", encoded(image, ".webp[lossless]"), ImageType::webP(), true},
+        {"picture.jpg", encoded(image, ".png"), ImageType::png(), true}, {"a.bmp", bmp, ImageType::bmp(), true},
+        {"a.heic", heic, ImageType::heic()},
+        {"a.heif", heic.isEmpty() ? heic : QByteArray(heic).replace(8, 4, "mif1"), ImageType::heif()}, // the generic brand
+        // The same bytes without "BM" in front never reach ImageMagick.
+        {"b.bmp", QByteArray(bmp).replace(0, 1, "X"), std::nullopt},
+        {"drawing.png", "<?xml version=\"1.0\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"8\" height=\"8\">"
+                        "<rect width=\"8\" height=\"8\" fill=\"red\"/></svg>\n", std::nullopt},
+        {"document.png", "%PDF-1.4\n1 0 obj<</Type/Catalog/Pages 2 0 R>>endobj\n2 0 obj<</Type/Pages/Kids[3 0 R]/Count 1>>endobj\n"
+                         "3 0 obj<</Type/Page/Parent 2 0 R/MediaBox[0 0 8 8]>>endobj\ntrailer<</Root 1 0 R>>\n%%EOF\n", std::nullopt},
+        {"pixmap.png", "P6\n2 2\n255\n" + QByteArray(12, '\x7f'), std::nullopt},
+        {"notes.png", "just some words\n", std::nullopt},
+        {"noise.png", QByteArray("\x01\x02\x03\x04\x05\x06\x07\x08", 8), std::nullopt},
     };
-    const Case cases[] = {
-        {"a.png", ImageType::png(), ".png"},      {"photo.png", ImageType::jpeg(), ".jpg[Q=95]"},
-        {"odd.xyz", ImageType::tiff(), ".tif"},   {"noextension", ImageType::gif(), ".gif"},
-        {"a.webp", ImageType::webP(), ".webp[lossless]"}, {"picture.jpg", ImageType::png(), ".png"},
-    };
-    for (const Case& c : cases) {
-        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write(c.name, encoded(image, c.suffix)));
-        ASSERT_TRUE(loaded) << c.name;
-        EXPECT_EQ(loaded->type, c.type) << c.name;
-        EXPECT_EQ(loaded->image.width(), 64) << c.name;
-        EXPECT_EQ(loaded->image.height(), 48) << c.name;
+    for (const auto& c : cases) {
+        if (c.bytes.isEmpty())
+            continue; // no HEIC encoder in this libvips
+        SCOPED_TRACE(c.name);
+        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write(c.name, c.bytes));
+        ASSERT_EQ(loaded.has_value(), c.type.has_value());
+        if (!loaded)
+            continue;
+        EXPECT_EQ(loaded->type, *c.type);
+        EXPECT_EQ(std::pair(loaded->image.width(), loaded->image.height()), std::pair(64, 48));
+        EXPECT_TRUE(!c.exact || samples(loaded->image.extract_band(0, vips::VImage::option()->set("n", 3))) == samples(image));
     }
-}
-
-TEST_F(Load, BmpLoadsThroughItsOwnGate)
-{
-    const QByteArray bmp = bmpBytes(pattern(40, 30, 3));
-    ASSERT_TRUE(bmp.startsWith("BM"));
-
-    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("a.bmp", bmp));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->type, ImageType::bmp());
-    EXPECT_EQ(loaded->image.width(), 40);
-    EXPECT_EQ(loaded->image.height(), 30);
-    EXPECT_EQ(samples(loaded->image.extract_band(0, vips::VImage::option()->set("n", 3))),
-              samples(pattern(40, 30, 3)));
-
-    // The same bytes without "BM" in front never reach ImageMagick.
-    QByteArray renamed = bmp;
-    renamed[0] = 'X';
-    EXPECT_FALSE(ImageFile::load(write("b.bmp", renamed)));
-}
-
-TEST_F(Load, HeicAndHeifByTheirBrands)
-{
-    if (!hasSaver(".heic"))
-        GTEST_SKIP() << "this libvips cannot write HEIC, so there is nothing to load";
-    QByteArray heic = encoded(pattern(64, 48, 3), ".heic[Q=90]");
-    ASSERT_EQ(heic.mid(4, 8), "ftypheic");
-    std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("a.heic", heic));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->type, ImageType::heic());
-    EXPECT_EQ(loaded->image.width(), 64);
-
-    // The same file with the generic major brand is HEIF.
-    QByteArray heif = heic;
-    heif.replace(8, 4, "mif1");
-    loaded = ImageFile::load(write("a.heif", heif));
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->type, ImageType::heif());
-    EXPECT_EQ(loaded->image.height(), 48);
-}
-
-// ---------------------------------------------------------------- foreign content
-
-TEST_F(Load, ForeignContentNamedLikeAnImageIsRefused)
-{
-    const QByteArray svg = "<?xml version=\"1.0\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"8\" height=\"8\">"
-                           "<rect width=\"8\" height=\"8\" fill=\"red\"/></svg>\n";
-    const QByteArray pdf = "%PDF-1.4\n1 0 obj<</Type/Catalog/Pages 2 0 R>>endobj\n"
-                           "2 0 obj<</Type/Pages/Kids[3 0 R]/Count 1>>endobj\n"
-                           "3 0 obj<</Type/Page/Parent 2 0 R/MediaBox[0 0 8 8]>>endobj\n"
-                           "trailer<</Root 1 0 R>>\n%%EOF\n";
-    const QByteArray ppm = "P6\n2 2\n255\n" + QByteArray(12, '\x7f');
-    EXPECT_FALSE(ImageFile::load(write("drawing.png", svg)));
-    EXPECT_FALSE(ImageFile::load(write("document.png", pdf)));
-    EXPECT_FALSE(ImageFile::load(write("pixmap.png", ppm)));
-    EXPECT_FALSE(ImageFile::load(write("notes.png", "just some words\n")));
-    EXPECT_FALSE(ImageFile::load(write("noise.png", QByteArray("\x01\x02\x03\x04\x05\x06\x07\x08", 8))));
 }
 
 TEST_F(Load, OnlyOrvanesDecodersCanRunAtAll)
 {
     // Even libvips' own file-type detection finds no other decoder: the
     // SVG, PDF and PPM loaders and ImageMagick are blocked.
-    const QByteArray svg = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"8\" height=\"8\"/>\n";
-    const QByteArray ppm = "P6\n2 2\n255\n" + QByteArray(12, '\x7f');
-    for (const QString& file : {write("drawing.svg", svg), write("pixmap.ppm", ppm)}) {
-        EXPECT_THROW(vips::VImage::new_from_file(QFile::encodeName(file).constData()).avg(), vips::VError)
-            << file.toStdString();
+    const QString svg = write("drawing.svg", "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"8\" height=\"8\"/>\n");
+    const QString ppm = write("pixmap.ppm", "P6\n2 2\n255\n" + QByteArray(12, '\x7f'));
+    for (const QString& file : {svg, ppm}) {
+        EXPECT_THROW(vips::VImage::new_from_file(QFile::encodeName(file).constData()).avg(), vips::VError) << file.toStdString();
         vips_error_clear();
     }
-    const QByteArray name = QFile::encodeName(write("pixmap2.ppm", ppm));
-    EXPECT_THROW(vips::VImage::magickload(name.constData()).avg(), vips::VError);
+    EXPECT_THROW(vips::VImage::magickload(QFile::encodeName(ppm).constData()).avg(), vips::VError);
     vips_error_clear();
 }
 
@@ -136,16 +118,14 @@ TEST_F(Load, OnlyTheFirstFrameOrPageIsLoaded)
 {
     // Two pages, black above light grey: an animation, and a multi-page TIFF.
     const vips::VImage black = vips::VImage::black(16, 12, vips::VImage::option()->set("bands", 3));
-    vips::VImage pages = black.join(black + 200, VIPS_DIRECTION_VERTICAL).cast(VIPS_FORMAT_UCHAR)
-                             .copy(vips::VImage::option()->set("interpretation", VIPS_INTERPRETATION_sRGB));
+    vips::VImage pages = tagged(black.join(black + 200, VIPS_DIRECTION_VERTICAL), VIPS_FORMAT_UCHAR);
     pages.set("page-height", 12);
     pages.set("delay", std::vector<int>{100, 100});
     for (const char* suffix : {".gif", ".tif"}) {
         const std::optional<ImageFile::LoadResult> loaded =
             ImageFile::load(write(QStringLiteral("pages") + QLatin1String(suffix), encoded(pages, suffix)));
         ASSERT_TRUE(loaded) << suffix;
-        EXPECT_EQ(loaded->image.width(), 16) << suffix;
-        EXPECT_EQ(loaded->image.height(), 12) << suffix;
+        EXPECT_EQ(std::pair(loaded->image.width(), loaded->image.height()), std::pair(16, 12)) << suffix;
         EXPECT_EQ(loaded->image.extract_band(0).max(), 0) << suffix; // GIF comes with an alpha band
     }
 }
@@ -154,12 +134,10 @@ TEST_F(Load, OrientationIsNotApplied)
 {
     vips::VImage tall = pattern(30, 50, 3).copy();
     tall.set("orientation", 6);
-    const QByteArray jpeg = encoded(tall, ".jpg[Q=95]");
-    ASSERT_TRUE(jpeg.contains("Exif"));
-    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("rotated.jpg", jpeg));
+    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("rotated.jpg", encoded(tall, ".jpg[Q=95]")));
     ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->image.width(), 30);
-    EXPECT_EQ(loaded->image.height(), 50);
+    EXPECT_EQ(loaded->image.get_int("orientation"), 6);
+    EXPECT_EQ(std::pair(loaded->image.width(), loaded->image.height()), std::pair(30, 50));
     // Red grows along the stored x axis, as stored.
     EXPECT_LT(loaded->image.getpoint(0, 25)[0], 30);
     EXPECT_GT(loaded->image.getpoint(29, 25)[0], 220);
@@ -169,12 +147,9 @@ TEST_F(Load, OrientationIsNotApplied)
 
 TEST_F(Load, MissingEmptyAndNonFilesAreAbsent)
 {
-    EXPECT_FALSE(ImageFile::load(path("missing.png")));
-    EXPECT_FALSE(ImageFile::load(write("empty.png", {})));
-    EXPECT_FALSE(ImageFile::load(dir.path()));
-    EXPECT_FALSE(ImageFile::load(QString()));
     ASSERT_TRUE(QDir(dir.path()).mkdir("folder.png"));
-    EXPECT_FALSE(ImageFile::load(path("folder.png")));
+    for (const QString& file : {path("missing.png"), write("empty.png", {}), dir.path(), QString(), path("folder.png")})
+        EXPECT_FALSE(ImageFile::load(file)) << file.toStdString();
 }
 
 TEST_F(Load, TruncatedFilesAreAbsentInEveryFormat)
@@ -213,16 +188,15 @@ TEST_F(Load, CorruptDataIsAbsentEveryTime)
 // ---------------------------------------------------------------- sizes
 // Headers claiming enormous sizes and decompression bombs: tests/reliability.
 
-TEST_F(Load, TwentyFourMegapixelsLoad)
+TEST_F(Load, ImagesLoadOnlyWhenTheyFitInHalfTheFreeMemory)
 {
+    const std::uint64_t available = ImageFile::availableMemory();
+    EXPECT_GT(available, 0u);
+    EXPECT_LE(available, std::uint64_t(sysconf(_SC_PHYS_PAGES)) * std::uint64_t(sysconf(_SC_PAGESIZE)));
     const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(write("24mp.png", zerosPng(6000, 4000, 0)));
     ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->image.width(), 6000);
-    EXPECT_EQ(loaded->image.height(), 4000);
-}
+    EXPECT_EQ(std::pair(loaded->image.width(), loaded->image.height()), std::pair(6000, 4000));
 
-TEST_F(Load, ImagesThatWouldNotFitInMemoryAreRefused)
-{
     // 2000 × 1500 one-band pixels need 3 MB decoded.
     const QString file = write("small.png", zerosPng(2000, 1500, 0));
     ImageFile::setAvailableMemoryForTesting(std::uint64_t(4) << 20);
@@ -231,63 +205,74 @@ TEST_F(Load, ImagesThatWouldNotFitInMemoryAreRefused)
     EXPECT_TRUE(ImageFile::load(file)) << "3 MB is less than half of 8 MiB";
 }
 
-TEST(AvailableMemory, IsPositiveAndNoMoreThanTheMachineHas)
-{
-    const std::uint64_t available = ImageFile::availableMemory();
-    EXPECT_GT(available, 0u);
-    const std::uint64_t physical = std::uint64_t(sysconf(_SC_PHYS_PAGES)) * std::uint64_t(sysconf(_SC_PAGESIZE));
-    EXPECT_LE(available, physical);
-}
-
 // ---------------------------------------------------------------- memory and threads
 
 TEST_F(Load, TheFileCanBeReplacedAndAReloadSeesTheNewImage)
 {
-    const QString file = path("changing.png");
-    ASSERT_TRUE(writeFile(file, encoded(pattern(30, 20, 3), ".png")));
+    const QString file = write("changing.png", encoded(pattern(30, 20, 3), ".png"));
     const std::optional<ImageFile::LoadResult> first = ImageFile::load(file);
-    ASSERT_TRUE(first);
-
-    ASSERT_TRUE(writeFile(file, encoded(pattern(12, 7, 1), ".png")));
-    // The first image was fully in memory: it still reads as before.
-    EXPECT_EQ(samples(first->image), samples(pattern(30, 20, 3)));
+    ASSERT_TRUE(first && writeFile(file, encoded(pattern(12, 7, 1), ".png")));
     const std::optional<ImageFile::LoadResult> second = ImageFile::load(file);
-    ASSERT_TRUE(second);
-    EXPECT_EQ(second->image.width(), 12);
-    EXPECT_EQ(samples(second->image), samples(pattern(12, 7, 1)));
-
+    ASSERT_TRUE(second && samples(second->image) == samples(pattern(12, 7, 1)));
+    // The first image was fully in memory: replaced and removed, it still reads as before.
     ASSERT_TRUE(QFile::remove(file));
-    EXPECT_EQ(first->image.avg(), pattern(30, 20, 3).avg());
+    EXPECT_EQ(samples(first->image), samples(pattern(30, 20, 3)));
     EXPECT_FALSE(ImageFile::load(file));
 }
 
 TEST_F(Load, LoadsOnSeveralThreadsAtOnce)
 {
-    QStringList files;
-    const char* suffixes[] = {".png", ".jpg", ".tif", ".gif", ".webp"};
-    for (int i = 0; i < 5; ++i)
-        files << write(QStringLiteral("t%1").arg(i) + QLatin1String(suffixes[i]), encoded(pattern(120 + i, 90, 3), suffixes[i]));
-    files << write("t5.bmp", bmpBytes(pattern(125, 90, 3)));
-    files << write("broken.png", "not an image");
+    QStringList files{write("t5.bmp", bmpBytes(pattern(125, 90, 3))), write("broken.png", "not an image")};
+    for (const char* suffix : {".png", ".jpg", ".tif", ".gif", ".webp"})
+        files << write(QStringLiteral("t") + QLatin1String(suffix), encoded(pattern(120 + int(files.size()), 90, 3), suffix));
 
     std::atomic<int> failures = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
-            for (int round = 0; round < 6; ++round) {
-                for (int i = 0; i < files.size(); ++i) {
-                    const QString& file = files[(i + t) % files.size()];
-                    const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
-                    const bool expected = !file.endsWith("broken.png");
-                    if (bool(loaded) != expected || (loaded && loaded->image.height() != 90))
-                        ++failures;
-                }
+            for (int i = 0; i < 6 * files.size(); ++i) {
+                const QString& file = files[(i + t) % files.size()];
+                const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(file);
+                failures += bool(loaded) == file.endsWith("broken.png") || (loaded && loaded->image.height() != 90);
             }
         });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    threads.clear(); // joins
     EXPECT_EQ(failures, 0);
+}
+
+// ---------------------------------------------------------------- the PNG suite
+// Every valid file loads with the right pixels, every deliberately corrupt
+// one (x*.png) yields absent.
+
+// One test per group rather than per file: each test is a process of its own
+// under CTest, and starting one costs more than decoding the whole suite.
+TEST(PngSuite, EveryValidFileLoadsWithTheReferencePixels)
+{
+    ASSERT_EQ(suiteFiles(false).size(), 161);
+    for (const QString& name : suiteFiles(false)) {
+        SCOPED_TRACE(name.toStdString());
+        const std::optional<ImageFile::LoadResult> loaded = ImageFile::load(kSuite + QStringLiteral("/png/") + name);
+        ASSERT_TRUE(loaded);
+        EXPECT_EQ(loaded->type, ImageType::png());
+
+        // The references are un-premultiplied RGBA samples of the decoded depth.
+        // Like libvips, they take the stored samples as they are: no gAMA,
+        // cHRM, sRGB or iCCP chunk is applied, so the gamma files (g*.png)
+        // match exactly too, and so does the scaling of 1, 2 and 4-bit samples.
+        const std::vector<std::uint32_t> expected = reference(name.chopped(4));
+        const std::vector<std::uint32_t> actual = samples(widened(loaded->image, loaded->image.format()));
+        ASSERT_FALSE(expected.empty()) << "no reference";
+        ASSERT_EQ(actual.size(), expected.size());
+        const auto [got, wanted] = std::mismatch(actual.begin(), actual.end(), expected.begin());
+        EXPECT_TRUE(got == actual.end()) << "first at sample " << (got - actual.begin()) << ": " << *got << " instead of " << *wanted;
+    }
+}
+
+TEST(PngSuite, EveryCorruptFileIsAbsent)
+{
+    ASSERT_EQ(suiteFiles(true).size(), 14);
+    for (const QString& name : suiteFiles(true))
+        EXPECT_FALSE(ImageFile::load(kSuite + QStringLiteral("/png/") + name)) << name.toStdString();
 }
 
 ORVANE_IMAGEFILE_TEST_MAIN((void)0)

@@ -21,14 +21,8 @@ namespace orvane::test {
 /// The encoder's view of an image that is in memory.
 inline PngEncoder::Pixels pixelsOf(const vips::VImage& memory)
 {
-    PngEncoder::Pixels px;
-    px.data = static_cast<const std::uint8_t*>(memory.data());
-    px.width = memory.width();
-    px.height = memory.height();
-    px.bands = memory.bands();
-    px.depth = memory.format() == VIPS_FORMAT_USHORT ? 16 : 8;
-    px.stride = std::size_t(VIPS_IMAGE_SIZEOF_LINE(memory.get_image()));
-    return px;
+    return {static_cast<const std::uint8_t*>(memory.data()), std::size_t(VIPS_IMAGE_SIZEOF_LINE(memory.get_image())), memory.width(),
+            memory.height(), memory.bands(), memory.format() == VIPS_FORMAT_USHORT ? 16 : 8};
 }
 
 /// Byte offset of a PNG's IHDR data (8 bit depth, 9 colour type …); −1 past the end.
@@ -37,46 +31,34 @@ inline int ihdrByte(const QByteArray& png, int offset)
     return png.size() > 16 + offset ? uchar(png.at(16 + offset)) : -1;
 }
 
+/// The image cast to the format and tagged as grey or colour by its bands.
+inline vips::VImage tagged(const vips::VImage& image, VipsBandFormat format)
+{
+    const bool wide = format == VIPS_FORMAT_USHORT;
+    return image.cast(format).copy(vips::VImage::option()->set(
+        "interpretation", image.bands() <= 2 ? (wide ? VIPS_INTERPRETATION_GREY16 : VIPS_INTERPRETATION_B_W)
+                                             : (wide ? VIPS_INTERPRETATION_RGB16 : VIPS_INTERPRETATION_sRGB)));
+}
+
 /// An image whose every pixel differs from its neighbours: red runs along x,
 /// green along y, blue with both; alpha (when asked for) falls along x.
 /// Values span the whole range of the format (uchar or ushort).
 inline vips::VImage pattern(int width, int height, int bands, VipsBandFormat format = VIPS_FORMAT_UCHAR)
 {
     const double max = format == VIPS_FORMAT_USHORT ? 65535.0 : 255.0;
-    const vips::VImage xy = vips::VImage::xyz(width, height);
-    const vips::VImage x = xy[0];
-    const vips::VImage y = xy[1];
-    const vips::VImage r = x * (max / std::max(1, width - 1));
+    const vips::VImage xy = vips::VImage::xyz(width, height), x = xy[0], y = xy[1];
     const vips::VImage g = y * (max / std::max(1, height - 1));
-    const vips::VImage b = (x + y) * (max / std::max(1, width + height - 2));
     const vips::VImage a = (width - 1 - x) * (max / std::max(1, width - 1)) * 0.5 + max / 2;
-    vips::VImage out;
-    switch (bands) {
-    case 1: out = g; break;
-    case 2: out = g.bandjoin(a); break;
-    case 3: out = r.bandjoin(g).bandjoin(b); break;
-    default: out = r.bandjoin(g).bandjoin(b).bandjoin(a); break;
-    }
-    out = out.cast(format);
-    const bool wide = format == VIPS_FORMAT_USHORT;
-    const VipsInterpretation interpretation = bands <= 2 ? (wide ? VIPS_INTERPRETATION_GREY16 : VIPS_INTERPRETATION_B_W)
-                                                         : (wide ? VIPS_INTERPRETATION_RGB16 : VIPS_INTERPRETATION_sRGB);
-    return out.copy(vips::VImage::option()->set("interpretation", interpretation));
+    const vips::VImage rgb = (x * (max / std::max(1, width - 1))).bandjoin(g).bandjoin((x + y) * (max / std::max(1, width + height - 2)));
+    return tagged(bands == 1 ? g : bands == 2 ? g.bandjoin(a) : bands == 3 ? rgb : rgb.bandjoin(a), format);
 }
 
 /// The image's pixels as one value per sample, row after row.
 inline std::vector<std::uint32_t> samples(const vips::VImage& image)
 {
     size_t size = 0;
-    void* data = image.write_to_memory(&size);
-    std::vector<std::uint32_t> out;
-    if (image.format() == VIPS_FORMAT_USHORT) {
-        const auto* p = static_cast<const std::uint16_t*>(data);
-        out.assign(p, p + size / 2);
-    } else {
-        const auto* p = static_cast<const std::uint8_t*>(data);
-        out.assign(p, p + size);
-    }
+    auto* data = static_cast<std::uint32_t*>(image.cast(VIPS_FORMAT_UINT).write_to_memory(&size));
+    std::vector<std::uint32_t> out(data, data + size / 4);
     g_free(data);
     return out;
 }
@@ -92,15 +74,20 @@ inline QByteArray encoded(const vips::VImage& image, const char* suffix)
     return bytes;
 }
 
-/// The image as a BMP file, written by ImageMagick.
-inline QByteArray bmpBytes(const vips::VImage& image)
+/// The blob's bytes; the blob is released.
+inline QByteArray takeBlob(VipsBlob* blob)
 {
-    VipsBlob* blob = image.magicksave_buffer(vips::VImage::option()->set("format", "bmp"));
     size_t length = 0;
     const void* data = vips_blob_get(blob, &length);
     QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
     vips_area_unref(VIPS_AREA(blob));
     return bytes;
+}
+
+/// The image as a BMP file, written by ImageMagick.
+inline QByteArray bmpBytes(const vips::VImage& image)
+{
+    return takeBlob(image.magicksave_buffer(vips::VImage::option()->set("format", "bmp")));
 }
 
 inline bool hasSaver(const char* suffix)
@@ -111,26 +98,14 @@ inline bool hasSaver(const char* suffix)
 }
 
 /// libvips' own sRGB profile.
-inline QByteArray iccProfile()
-{
-    VipsBlob* blob = nullptr;
-    if (vips_profile_load("srgb", &blob, nullptr) != 0)
-        return {};
-    size_t length = 0;
-    const void* data = vips_blob_get(blob, &length);
-    QByteArray bytes(static_cast<const char*>(data), qsizetype(length));
-    vips_area_unref(VIPS_AREA(blob));
-    return bytes;
-}
+inline QByteArray iccProfile() { return takeBlob(vips::VImage::profile_load("srgb")); }
 
 /// A blob field's bytes; empty when the image has none.
 inline QByteArray blobField(const vips::VImage& image, const char* name)
 {
-    if (image.get_typeof(name) == 0)
-        return {};
     const void* data = nullptr;
     size_t length = 0;
-    if (vips_image_get_blob(image.get_image(), name, &data, &length) != 0)
+    if (image.get_typeof(name) == 0 || vips_image_get_blob(image.get_image(), name, &data, &length) != 0)
         return {};
     return QByteArray(static_cast<const char*>(data), qsizetype(length));
 }

@@ -8,6 +8,7 @@
 //       Opens path in a CropModel and runs saveOverOriginal(), after limiting
 //       the size of files this process may write (RLIMIT_FSIZE) when asked.
 //       Prints uid=, items=, saved=, error= and confirmation= lines.
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 
@@ -30,19 +31,14 @@ using namespace orvane;
 
 void say(const QString& line)
 {
-    std::fputs(line.toUtf8().constData(), stdout);
-    std::fputc('\n', stdout);
+    std::puts(line.toUtf8().constData());
     std::fflush(stdout);
 }
 
 int saveOnce(const QString& path, double tolerance)
 {
     const auto loaded = ImageFile::load(path);
-    if (!loaded) {
-        say(QStringLiteral("unloadable"));
-        return 3;
-    }
-    const auto buffer = CropEngine::Buffer::make(loaded->image);
+    const auto buffer = loaded ? CropEngine::Buffer::make(loaded->image) : std::nullopt;
     const auto rect = buffer ? CropEngine::contentRect(*buffer, tolerance) : std::nullopt;
     const auto cropped = rect ? CropEngine::crop(*buffer, *rect) : std::nullopt;
     if (!cropped) {
@@ -58,13 +54,9 @@ int saveOnce(const QString& path, double tolerance)
 // Waits until the model's open and save have been taken in.
 void settle(CropModel& model)
 {
-    auto busy = [&] {
-        if (model.opening())
-            return true;
-        for (const CropModel::Item& item : model.items())
-            if (model.isSaving(item.id))
-                return true;
-        return false;
+    const auto busy = [&] {
+        return model.opening()
+            || std::any_of(model.items().begin(), model.items().end(), [&](const CropModel::Item& item) { return model.isSaving(item.id); });
     };
     while (busy())
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
@@ -75,22 +67,17 @@ int saveThroughModel(const QString& path, long long fileSizeLimit)
     CropModel model;
     model.open({QUrl::fromLocalFile(path)});
     settle(model);
-    if (fileSizeLimit > 0) {
-        // Past the limit, write() fails with EFBIG instead of the signal killing us.
-        std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{rlim_t(fileSizeLimit), rlim_t(fileSizeLimit)};
-        if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) {
-            say(QStringLiteral("setrlimit failed"));
-            return 3;
-        }
-    }
+    // Past the limit, write() fails with EFBIG instead of the signal killing us.
+    const rlimit limit{rlim_t(fileSizeLimit), rlim_t(fileSizeLimit)};
+    if (fileSizeLimit > 0 && (std::signal(SIGXFSZ, SIG_IGN) == SIG_ERR || ::setrlimit(RLIMIT_FSIZE, &limit) != 0))
+        return 3;
     model.saveOverOriginal();
     settle(model);
-    say(QStringLiteral("uid=%1").arg(::geteuid()));
-    say(QStringLiteral("items=%1").arg(model.items().size()));
-    say(QStringLiteral("saved=%1").arg(!model.items().empty() && model.items().front().saved ? 1 : 0));
-    say(QStringLiteral("error=%1").arg(model.errorMessage().value_or(QString())));
-    say(QStringLiteral("confirmation=%1").arg(model.saveConfirmation().value_or(QString())));
+    say(QStringLiteral("uid=%1\nitems=%2\nsaved=%3\nerror=%4\nconfirmation=%5")
+            .arg(::geteuid())
+            .arg(model.items().size())
+            .arg(!model.items().empty() && model.items().front().saved ? 1 : 0)
+            .arg(model.errorMessage().value_or(QString()), model.saveConfirmation().value_or(QString())));
     return 0;
 }
 
