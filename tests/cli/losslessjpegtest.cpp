@@ -16,6 +16,7 @@
 #include <vips/vips8>
 
 #include "clitestsupport.h"
+#include "support/libvipspng.h"
 
 namespace {
 
@@ -45,15 +46,6 @@ Rect rectOf(const QJsonValue& value)
 {
     const QJsonArray a = value.toArray();
     return a.size() == 4 ? Rect{a[0].toInt(), a[1].toInt(), a[2].toInt(), a[3].toInt()} : Rect{};
-}
-
-QByteArray pixels(const VImage& image)
-{
-    size_t size = 0;
-    void* data = image.write_to_memory(&size);
-    QByteArray bytes(static_cast<const char*>(data), qsizetype(size));
-    g_free(data);
-    return bytes;
 }
 
 VImage decoded(const QString& path)
@@ -136,8 +128,8 @@ TEST(LosslessJpeg, EveryContentPixelIsKeptExactlyInARectangleOnTheGrid)
         const VImage result = decoded(QDir(out).filePath(QLatin1String(c.name)));
         ASSERT_EQ(result.width(), written.w);
         ASSERT_EQ(result.height(), written.h);
-        EXPECT_TRUE(pixels(result.extract_area(exact.x - written.x, exact.y - written.y, exact.w, exact.h))
-                    == pixels(source.extract_area(exact.x, exact.y, exact.w, exact.h)))
+        EXPECT_TRUE(pixelBytes(result.extract_area(exact.x - written.x, exact.y - written.y, exact.w, exact.h))
+                    == pixelBytes(source.extract_area(exact.x, exact.y, exact.w, exact.h)))
             << "content pixels differ from the decoded source";
         EXPECT_EQ(result.get_typeof("interlaced") != 0, c.progressive);
     }

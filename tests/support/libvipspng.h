@@ -41,26 +41,6 @@ inline QByteArray pixelBytes(const vips::VImage& image)
     return bytes;
 }
 
-/// The ICC profile's bytes; empty when the image has none.
-inline QByteArray iccProfileOf(const vips::VImage& image)
-{
-    const void* data = nullptr;
-    size_t length = 0;
-    if (image.get_typeof(VIPS_META_ICC_NAME) == 0
-        || vips_image_get_blob(image.get_image(), VIPS_META_ICC_NAME, &data, &length) != 0)
-        return {};
-    return QByteArray(static_cast<const char*>(data), qsizetype(length));
-}
-
-/// Whether two decoded images agree in everything the rest of Orvane reads:
-/// size, bands, format, interpretation, resolution, profile and pixels.
-inline bool sameImage(const vips::VImage& a, const vips::VImage& b)
-{
-    return a.width() == b.width() && a.height() == b.height() && a.bands() == b.bands() && a.format() == b.format()
-        && a.interpretation() == b.interpretation() && a.xres() == b.xres() && a.yres() == b.yres()
-        && iccProfileOf(a) == iccProfileOf(b) && pixelBytes(a) == pixelBytes(b);
-}
-
 /// The image as four bands of the given sample format: grey spread over red,
 /// green and blue, a missing alpha at its maximum, 8-bit samples scaled to 16
 /// bits as PNG's decoders scale them. Orvane's writer leaves out the bands
