@@ -31,6 +31,9 @@ constexpr int compressionLevel = 6;
 constexpr int strongLevel = 8;
 constexpr double wellCompressedRatio = 8.0; // grainy photographs compress about 2 : 1
 constexpr double strongLevelGain = 0.9;
+// Samples that shrink more than this are smooth artwork (60 : 1 and more;
+// screenshots mostly 20 to 45 : 1) and get level 8 without the second look.
+constexpr double smoothRatio = 50.0;
 // Grey images are a third of the bytes of colour ones per pixel, so a
 // stronger level costs little time there, and grainy scans need it to come
 // out no larger than zlib's best.
@@ -710,7 +713,9 @@ QByteArray encode(const Pixels& source, const Metadata& metadata, Palette choice
             return {};
     }
     int level = px.bands == 1 ? greyCompressionLevel : compressionLevel;
-    if (px.bands > 1 && sample.ratio() > wellCompressedRatio) {
+    if (px.bands > 1 && sample.ratio() > smoothRatio) {
+        level = strongLevel;
+    } else if (px.bands > 1 && sample.ratio() > wellCompressedRatio) {
         const Compressor strong(libdeflate_alloc_compressor(strongLevel));
         if (!strong)
             return {};
