@@ -38,8 +38,10 @@
 #include "imagefile/imagesource.h"
 #include "model/cropmodel.h"
 #include "model/imagesource.h"
+#include "benchsupport.h"
 
 using namespace orvane;
+using bench::statusKiB;
 
 namespace {
 
@@ -99,17 +101,6 @@ QStringList ensureCard(const QString& dir, int count, int distinct)
     return paths;
 }
 
-long statusKiB(const char* key)
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith(key))
-            return line.mid(qsizetype(std::strlen(key))).trimmed().split(' ').value(0).toLong();
-    return 0;
-}
-
 // The model's jobs on a plain pool of one thread per core instead of the
 // shared WorkerPool: tells the pool's share of the time from the model's.
 class PlainPoolSource : public ImageSource {
@@ -152,10 +143,7 @@ int openChild(const QString& folder, bool plainPool)
         if (all >= 0 && full >= 0)
             break;
     }
-    struct rusage usage {};
-    ::getrusage(RUSAGE_SELF, &usage);
-    const double cpu = double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
-                       + double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    const double cpu = bench::cpuMilliseconds() / 1e3;
     std::printf("%zu %d %.3f %.3f %.3f %.3f %ld %.3f\n", model.items().size(),
                 model.errorMessage() ? 1 : 0, joined, preview, full, all, statusKiB("VmHWM:"), cpu);
     return 0;

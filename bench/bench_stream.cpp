@@ -28,8 +28,11 @@
 
 #include "imagefile/imagefile.h"
 #include "imagefile/imagesource.h"
+#include "benchsupport.h"
 
 using namespace orvane;
+using bench::cpuMilliseconds;
+using bench::statusKiB;
 
 namespace {
 
@@ -61,25 +64,6 @@ QString ensure(const QString& dir, const QString& name, int width, int height, c
         QFile::rename(partial, path);
     }
     return path;
-}
-
-long statusKiB(const char* key)
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith(key))
-            return line.mid(qsizetype(std::strlen(key))).trimmed().split(' ').value(0).toLong();
-    return 0;
-}
-
-// CPU time of this process so far, every thread, user and system.
-double cpuMilliseconds()
-{
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e3 + (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e3;
 }
 
 // One operation on one file (or folder), as a child: prints its best time in

@@ -379,6 +379,22 @@ bool rasterInMemory(const std::uint8_t* source, std::size_t sourceStride, int ba
 
 } // namespace
 
+namespace {
+
+// The image with packed Lab (an 8-bit CIELab TIFF) unpacked to float Lab,
+// which is what the raster is made from.
+vips::VImage unpacked(const vips::VImage& image)
+{
+    if (image.coding() == VIPS_CODING_NONE)
+        return image;
+    VipsImage* decoded = nullptr;
+    if (vips_image_decode(image.get_image(), &decoded) != 0)
+        throw vips::VError();
+    return vips::VImage(decoded);
+}
+
+} // namespace
+
 namespace detail {
 
 std::optional<int> bytesToExpand(const vips::VImage& image)
@@ -395,14 +411,7 @@ void expandRow(const std::uint8_t* in, int bands, std::uint8_t* out, std::size_t
 
 vips::VImage rasterPipeline(const vips::VImage& image)
 {
-    // Packed Lab is read as float Lab, as Buffer::make() reads it.
-    vips::VImage colours = image;
-    if (image.coding() != VIPS_CODING_NONE) {
-        VipsImage* decoded = nullptr;
-        if (vips_image_decode(image.get_image(), &decoded) != 0)
-            throw vips::VError();
-        colours = vips::VImage(decoded);
-    }
+    const vips::VImage colours = unpacked(image);
     return lazyRaster(colours, layoutOf(colours));
 }
 
@@ -429,15 +438,8 @@ std::optional<Buffer> Buffer::make(vips::VImage image)
         data->height = height;
         const auto w = static_cast<std::size_t>(width);
         const auto h = static_cast<std::size_t>(height);
-        // Packed Lab (an 8-bit CIELab TIFF) is read as float Lab for the
-        // raster; the buffer keeps the packed image, so it is written back as Lab.
-        vips::VImage colours = image;
-        if (image.coding() != VIPS_CODING_NONE) {
-            VipsImage* decoded = nullptr;
-            if (vips_image_decode(image.get_image(), &decoded) != 0)
-                throw vips::VError();
-            colours = vips::VImage(decoded);
-        }
+        // The buffer keeps the packed image, so that it is written back as Lab.
+        const vips::VImage colours = unpacked(image);
         const Layout layout = layoutOf(colours);
 
         const bool direct = expandsByBytes(image, layout) && pixelsInMemory(image);
