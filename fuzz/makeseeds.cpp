@@ -172,6 +172,8 @@ int main(int argc, char** argv)
     attempt("progressive.jpeg", [&] { return save(rgb, ".jpg", VImage::option()->set("interlace", true)); });
     attempt("odd.jpeg", [&] { return save(odd, ".jpg", VImage::option()->set("subsample_mode", VIPS_FOREIGN_SUBSAMPLE_ON)); });
     attempt("cmyk.jpeg", [&] { return save(cmyk, ".jpg"); });
+    attempt("restarts.jpeg", [&] { return save(rgb, ".jpg", VImage::option()->set("subsample_mode", VIPS_FOREIGN_SUBSAMPLE_ON)->set("restart_interval", 1)); });
+    attempt("optimised.jpeg", [&] { return save(rgb, ".jpg", VImage::option()->set("optimize_coding", true)); });
 
     attempt("rgb.tiff", [&] { return save(rgb, ".tif"); });
     attempt("rgba-deflate.tiff", [&] { return save(rgba, ".tif", VImage::option()->set("compression", VIPS_FOREIGN_TIFF_COMPRESSION_DEFLATE)); });

@@ -1,5 +1,7 @@
 #include "imagefile/losslessjpeg.h"
 
+#include "imagefile/jpegscan.h"
+
 #include <algorithm>
 #include <csetjmp>
 #include <cstdio>
@@ -56,11 +58,6 @@ std::int64_t ceilDiv(std::int64_t a, std::int64_t b)
     return (a + b - 1) / b;
 }
 
-int floorDiv(int a, int b)
-{
-    return a >= 0 ? a / b : -((-a + b - 1) / b);
-}
-
 // libjpeg's YCbCr to RGB arithmetic (16-bit fixed point, rounded), for
 // bounding the colours a block can decode to. Each term is monotonic in its
 // sample, so bounds of the samples give bounds of the colours.
@@ -76,32 +73,16 @@ int chromaToGreen(int cb, int cr)
 
 int clampSample(int v) { return std::clamp(v, 0, 255); }
 
-// The values the samples of one block can take after libjpeg's integer
-// inverse DCT. A block of its DC alone decodes to a single value, computed
-// as that IDCT does; otherwise each AC coefficient moves a sample by at most
-// a quarter of its dequantised value, and the IDCT's rounding by less than 2.
-struct Range {
-    int lo = 0;
-    int hi = 255;
-};
-
+// The range of one block held by libjpeg.
 Range rangeOf(const JCOEF* coef, const UINT16* quant)
 {
     int any = 0; // any AC coefficient set
     for (int k = 1; k < DCTSIZE2; ++k)
         any |= coef[k];
-    const std::int64_t dc64 = std::int64_t(coef[0]) * quant[0];
-    std::int64_t spread64 = 0;
+    std::int64_t spread = 0;
     for (int k = 1; any != 0 && k < DCTSIZE2; ++k)
-        spread64 += std::abs(std::int64_t(coef[k]) * quant[k]);
-    if (std::abs(dc64) + 2 * spread64 > 8 * 380)
-        return {}; // beyond what libjpeg's range limiting clamps (far out it wraps)
-    const int dc = int(dc64), spread = int(spread64);
-    if (any == 0) {
-        const int value = clampSample(128 + floorDiv(dc + 4, 8));
-        return {value, value};
-    }
-    return {clampSample(128 + floorDiv(dc - 2 * spread, 8) - 2), clampSample(128 - floorDiv(-(dc + 2 * spread), 8) + 2)};
+        spread += std::abs(std::int64_t(coef[k]) * quant[k]);
+    return blockRange(std::int64_t(coef[0]) * quant[0], spread);
 }
 
 // A libjpeg destination that writes into a QByteArray, which the caller
@@ -220,6 +201,10 @@ PixelRect writtenRect(const PixelRect& rect, const Grid& grid)
 
 struct Blocks::Impl {
     QByteArray file;
+    // Plain sequential files are read by our own decoder, which keeps no
+    // coefficients and cuts by copying bits; libjpeg holds the blocks of
+    // every other file.
+    std::unique_ptr<Scan> scan;
     ErrorManager errors;
     jpeg_decompress_struct source{};
     jvirt_barray_ptr* coefficients = nullptr;
@@ -232,21 +217,26 @@ struct Blocks::Impl {
     // Per 8 × 8 block of the image (the luma grid), the lowest value the
     // smallest of red, green and blue can decode to anywhere in the block;
     // -1 until needed.
+    int components = 1, lumaH = 1, lumaV = 1;
     std::int64_t blocksWide = 0, blocksHigh = 0;
     std::vector<std::int16_t> lowest;
     // Per block of each colour component: its sample range, and that range
     // widened by the neighbouring blocks that smooth upsampling blends in;
     // lo = -1 until needed.
+    std::int64_t chromaWide = 0, chromaHigh = 0;
     std::vector<Range> chroma[2], chromaAround[2];
 
     ~Impl() { jpeg_destroy_decompress(&source); }
 
     bool read();
+    bool readCoefficients();
     // Every row of blocks of each component, held in memory by libjpeg.
     std::vector<JBLOCKROW> rows[MAX_COMPONENTS];
     JBLOCKROW blockRow(int component, JDIMENSION row) const { return rows[component][row]; }
-    Range blockRange(int component, std::int64_t bx, std::int64_t by)
+    Range rangeAt(int component, std::int64_t bx, std::int64_t by)
     {
+        if (scan)
+            return scan->range(component, bx, by);
         const jpeg_component_info& c = source.comp_info[component];
         return rangeOf(blockRow(component, JDIMENSION(by))[bx], c.quant_table->quantval);
     }
@@ -258,6 +248,55 @@ struct Blocks::Impl {
 };
 
 bool Blocks::Impl::read()
+{
+    bool ycc = false;
+    if ((scan = Scan::read(file))) {
+        components = scan->components();
+        ycc = components == 3;
+        lumaH = scan->lumaH();
+        lumaV = scan->lumaV();
+        grid = {scan->width(), scan->height(), 8 * lumaH, 8 * lumaV};
+        findsContent = true;
+        if (ycc) {
+            chromaWide = scan->blocksWide(1);
+            chromaHigh = scan->blocksHigh(1);
+        }
+    } else {
+        if (!readCoefficients())
+            return false;
+        const bool grey = source.num_components == 1;
+        grid = {source.image_width, source.image_height, grey ? 8 : source.max_h_samp_factor * DCTSIZE,
+                grey ? 8 : source.max_v_samp_factor * DCTSIZE};
+
+        // Content is found from the blocks where the decoded pixels follow
+        // from them as sketched above: 8-bit grey, or YCbCr with
+        // full-resolution luma and one sample of each colour per iMCU.
+        const jpeg_component_info* c = source.comp_info;
+        ycc = source.num_components == 3 && source.jpeg_color_space == JCS_YCbCr
+              && c[0].h_samp_factor == source.max_h_samp_factor && c[0].v_samp_factor == source.max_v_samp_factor
+              && c[0].h_samp_factor <= 2 && c[0].v_samp_factor <= 2 && c[1].h_samp_factor == 1
+              && c[1].v_samp_factor == 1 && c[2].h_samp_factor == 1 && c[2].v_samp_factor == 1;
+        findsContent = source.data_precision == 8 && (grey || ycc);
+        components = source.num_components;
+        lumaH = c[0].h_samp_factor;
+        lumaV = c[0].v_samp_factor;
+        if (ycc) {
+            chromaWide = c[1].width_in_blocks;
+            chromaHigh = c[1].height_in_blocks;
+        }
+    }
+    blocksWide = ceilDiv(grid.width, 8);
+    blocksHigh = ceilDiv(grid.height, 8);
+    if (findsContent) {
+        lowest.assign(std::size_t(blocksWide * blocksHigh), -1);
+        if (ycc)
+            for (int which = 0; which < 2; ++which)
+                chroma[which] = chromaAround[which] = std::vector<Range>(std::size_t(chromaWide * chromaHigh), Range{-1, -1});
+    }
+    return true;
+}
+
+bool Blocks::Impl::readCoefficients()
 {
     std::jmp_buf jump;
     errors.jump = &jump;
@@ -290,35 +329,12 @@ bool Blocks::Impl::read()
         profile.assign(icc, icc + iccLength);
         std::free(icc);
     }
-    const bool grey = source.num_components == 1;
-    grid = {source.image_width, source.image_height, grey ? 8 : source.max_h_samp_factor * DCTSIZE,
-            grey ? 8 : source.max_v_samp_factor * DCTSIZE};
-
-    // Content is found from the blocks where the decoded pixels follow from
-    // them as sketched above: 8-bit grey, or YCbCr with full-resolution luma
-    // and one sample of each colour per iMCU.
-    const jpeg_component_info* c = source.comp_info;
-    const bool ycc = source.num_components == 3 && source.jpeg_color_space == JCS_YCbCr
-                     && c[0].h_samp_factor == source.max_h_samp_factor && c[0].v_samp_factor == source.max_v_samp_factor
-                     && c[0].h_samp_factor <= 2 && c[0].v_samp_factor <= 2 && c[1].h_samp_factor == 1
-                     && c[1].v_samp_factor == 1 && c[2].h_samp_factor == 1 && c[2].v_samp_factor == 1;
-    findsContent = source.data_precision == 8 && (grey || ycc);
-    blocksWide = ceilDiv(grid.width, 8);
-    blocksHigh = ceilDiv(grid.height, 8);
-    if (findsContent) {
-        lowest.assign(std::size_t(blocksWide * blocksHigh), -1);
-        if (ycc)
-            for (int which = 0; which < 2; ++which)
-                chroma[which] = chromaAround[which] = std::vector<Range>(
-                    std::size_t(c[1 + which].width_in_blocks * c[1 + which].height_in_blocks), Range{-1, -1});
-    }
     return true;
 }
 
 Range Blocks::Impl::chromaRange(int which, std::int64_t bx, std::int64_t by)
 {
-    const jpeg_component_info& c = source.comp_info[1 + which];
-    const std::int64_t wide = c.width_in_blocks, high = c.height_in_blocks;
+    const std::int64_t wide = chromaWide, high = chromaHigh;
     Range& cached = chromaAround[which][std::size_t(by * wide + bx)];
     if (cached.lo >= 0)
         return cached;
@@ -327,7 +343,7 @@ Range Blocks::Impl::chromaRange(int which, std::int64_t bx, std::int64_t by)
         for (std::int64_t x = std::max<std::int64_t>(bx - 1, 0); x <= std::min(bx + 1, wide - 1); ++x) {
             Range& r = chroma[which][std::size_t(y * wide + x)];
             if (r.lo < 0)
-                r = blockRange(1 + which, x, y);
+                r = rangeAt(1 + which, x, y);
             range = {std::min(range.lo, r.lo), std::max(range.hi, r.hi)};
         }
     }
@@ -339,10 +355,10 @@ int Blocks::Impl::lowestAt(std::int64_t bx, std::int64_t by)
     std::int16_t& cached = lowest[std::size_t(by * blocksWide + bx)];
     if (cached >= 0)
         return cached;
-    const int luma = blockRange(0, bx, by).lo;
-    if (source.num_components == 1)
+    const int luma = rangeAt(0, bx, by).lo;
+    if (components == 1)
         return cached = std::int16_t(luma);
-    const int cx = int(bx / source.comp_info[0].h_samp_factor), cy = int(by / source.comp_info[0].v_samp_factor);
+    const auto cx = bx / lumaH, cy = by / lumaV;
     const Range cb = chromaRange(0, cx, cy), cr = chromaRange(1, cx, cy);
     const int red = clampSample(luma + crToRed(cr.lo));
     const int green = clampSample(luma + chromaToGreen(cb.hi, cr.hi));
@@ -356,6 +372,15 @@ int Blocks::Impl::lowestAt(std::int64_t bx, std::int64_t by)
 bool Blocks::Impl::write(const PixelRect& rect, bool progressiveOut, bool withProfile, bool inPlace,
                          QByteArray& out)
 {
+    if (scan) {
+        if (scan->cut(rect, withProfile, out))
+            return true;
+        // The cut needs a DC code the file's own table lacks (it was made
+        // for this image's differences alone): libjpeg codes it afresh.
+        scan.reset();
+        if (!readCoefficients())
+            return false;
+    }
     ErrorManager destinationErrors;
     std::jmp_buf jump;
     errors.jump = &jump;

@@ -75,6 +75,8 @@ TEST(LosslessJpeg, EveryContentPixelIsKeptExactlyInARectangleOnTheGrid)
         bool subsampled; // 4:2:0, an iMCU of 16 × 16; else 8 × 8
         bool progressive;
         int x, y, w, h; // the content
+        int restarts = 0; // a restart marker every so many MCUs
+        bool steps = false; // flat rows of 100 and 101 instead of grain, with optimised Huffman tables
     } cases[] = {
         {"on-grid-420.jpg", 3, true, false, 32, 48, 101, 70},   // edges on the grid, an even end
         {"off-grid-420.jpg", 3, true, false, 37, 21, 90, 57},   // between grid lines
@@ -83,6 +85,12 @@ TEST(LosslessJpeg, EveryContentPixelIsKeptExactlyInARectangleOnTheGrid)
         {"on-grid-444.jpg", 3, false, false, 40, 16, 64, 50},
         {"off-grid-444.jpg", 3, false, true, 13, 27, 77, 31},
         {"grey.jpg", 1, false, false, 9, 70, 120, 33},
+        // Rows of the cut start inside restart intervals that span rows.
+        {"restarts-420.jpg", 3, true, false, 37, 21, 90, 57, 3},
+        {"restarts-grey.jpg", 1, false, false, 9, 70, 120, 33, 7},
+        // The cut's rows start with a DC difference the file's tables
+        // never needed, so they have no code for it.
+        {"uncodable-difference.jpg", 1, false, false, 16, 24, 64, 48, 0, true},
     };
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
@@ -91,12 +99,19 @@ TEST(LosslessJpeg, EveryContentPixelIsKeptExactlyInARectangleOnTheGrid)
     QDir().mkpath(out);
     int seed = 1;
     for (const auto& c : cases) {
-        const VImage image = sample(200, 160, c.x, c.y, c.w, c.h, c.bands, seed += 7);
+        VImage image = sample(200, 160, c.x, c.y, c.w, c.h, c.bands, seed += 7);
+        if (c.steps)
+            image = ((VImage::xyz(c.w, c.h)[1] / 8).cast(VIPS_FORMAT_UCHAR) % 2 + 100)
+                        .cast(VIPS_FORMAT_UCHAR)
+                        .embed(c.x, c.y, 200, 160, VImage::option()->set("extend", VIPS_EXTEND_WHITE))
+                        .copy(VImage::option()->set("interpretation", VIPS_INTERPRETATION_B_W));
         image.jpegsave(QFile::encodeName(QDir(in).filePath(QLatin1String(c.name))).constData(),
                        VImage::option()
                            ->set("Q", 90)
                            ->set("subsample_mode", c.subsampled ? VIPS_FOREIGN_SUBSAMPLE_ON : VIPS_FOREIGN_SUBSAMPLE_OFF)
-                           ->set("interlace", c.progressive));
+                           ->set("interlace", c.progressive)
+                           ->set("restart_interval", c.restarts)
+                           ->set("optimize_coding", c.steps));
     }
 
     const TrimRun run = trim({QStringLiteral("--json"), QStringLiteral("--lossless"), QStringLiteral("-o"), out, in});
