@@ -100,6 +100,8 @@ bool HuffmanTable::build(bool ac)
     for (int l = 1; l <= 16; ++l) {
         offset[std::size_t(l)] = std::int32_t(index) - next;
         for (int k = 0; k < counts[std::size_t(l - 1)]; ++k, ++index, ++next) {
+            if (next >= (1 << l))
+                return false;
             const std::uint8_t symbol = symbols[index];
             code[symbol] = std::uint16_t(next);
             codeLength[symbol] = std::uint8_t(l);
