@@ -8,6 +8,9 @@
 // of a plain border is made of blocks whose coefficients alone prove every
 // pixel in them background; only narrow strips at the edges of what is left
 // are decoded to pixels, by libjpeg itself, to pin the rectangle exactly.
+// A plain sequential file is read by our own decoder (jpegscan.h), which
+// keeps a few bytes per block and cuts by copying coded bits; any other is
+// held by libjpeg as arrays of coefficients.
 #pragma once
 
 #include <memory>
