@@ -7,8 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include <QList>
-
 namespace orvane::LosslessJpeg {
 
 namespace {
@@ -217,6 +215,37 @@ private:
     int m_count = 0;
 };
 
+// An ICC profile split over APP2 segments, taken as libjpeg takes it: the
+// chunks numbered 1 to their count, each exactly once, or no profile at all.
+struct IccChunks {
+    int count = -1;
+    bool sound = true;
+    std::vector<QByteArray> chunks;
+    std::vector<bool> seen;
+
+    void add(int sequence, int total, const QByteArray& chunk)
+    {
+        sound = sound && total != 0 && (count < 0 || count == total) && sequence >= 1 && sequence <= total;
+        if (!sound)
+            return;
+        count = total;
+        chunks.resize(std::size_t(total));
+        seen.resize(std::size_t(total));
+        sound = !seen[std::size_t(sequence - 1)];
+        seen[std::size_t(sequence - 1)] = true;
+        chunks[std::size_t(sequence - 1)] = chunk;
+    }
+    QByteArray profile() const
+    {
+        QByteArray whole;
+        if (!sound || std::find(seen.begin(), seen.end(), false) != seen.end())
+            return whole;
+        for (const QByteArray& chunk : chunks)
+            whole.append(chunk);
+        return whole;
+    }
+};
+
 void appendMarker(QByteArray& out, int marker, const QByteArray& payload)
 {
     const qsizetype length = payload.size() + 2;
@@ -285,9 +314,7 @@ bool Scan::Impl::parse(const std::uint8_t* p, std::size_t n)
     if (n < 4 || p[0] != 0xff || p[1] != 0xd8)
         return false;
     std::size_t at = 2;
-    QList<QByteArray> iccChunks;
-    int iccCount = -1;
-    bool iccSound = true;
+    IccChunks icc;
     while (at + 4 <= n) {
         if (p[at] != 0xff)
             return false; // stray bytes between markers: libjpeg would warn
@@ -308,18 +335,7 @@ bool Scan::Impl::parse(const std::uint8_t* p, std::size_t n)
             break;
         }
         if (marker == 0xe2 && size >= 14 && std::memcmp(s, "ICC_PROFILE\0", 12) == 0) {
-            // Chunks numbered 1 to their count, each once, as libjpeg reads them.
-            const int sequence = s[12], total = s[13];
-            iccSound = iccSound && total != 0 && (iccCount < 0 || iccCount == total) && sequence >= 1 && sequence <= total;
-            iccCount = total;
-            if (iccSound) {
-                if (iccChunks.size() < total)
-                    iccChunks.resize(total);
-                iccSound = iccChunks[sequence - 1].isNull();
-                iccChunks[sequence - 1] = QByteArray(reinterpret_cast<const char*>(s + 14), qsizetype(size - 14));
-                if (iccChunks[sequence - 1].isNull())
-                    iccChunks[sequence - 1] = QByteArray("", 0);
-            }
+            icc.add(s[12], s[13], QByteArray(reinterpret_cast<const char*>(s + 14), qsizetype(size - 14)));
             continue;
         }
         if (!parseSegment(marker, s, size))
@@ -327,15 +343,7 @@ bool Scan::Impl::parse(const std::uint8_t* p, std::size_t n)
     }
     if (data.empty())
         return false;
-    if (iccSound && iccCount > 0) {
-        for (const QByteArray& chunk : iccChunks) {
-            if (chunk.isNull()) {
-                profile.clear();
-                break;
-            }
-            profile.append(chunk);
-        }
-    }
+    profile = icc.profile();
     return true;
 }
 
