@@ -84,9 +84,11 @@ std::uint64_t TrimJob::bytes(const TrimTask& task, const TrimOptions& options)
     if (!cost)
         return 0; // refused at once, without the memory
     // Writing holds the encoded file beside the decoded image, and the
-    // encoder's own buffers: counted as much again. A lossless cut holds the
-    // compressed blocks (16 bits a sample) and, for colour models it cannot
-    // find content in, the decoded image too.
+    // encoder's own buffers: counted as much again. A lossless cut of a
+    // sequential JPEG holds about three times the file; one that libjpeg
+    // reads (progressive files, and cuts our reader cannot code) holds the
+    // coefficients (16 bits a sample) and, for colour models it cannot find
+    // content in, the decoded image too. The figure is for the worst of these.
     return options.dryRun ? cost->index : (options.lossless ? 3 : 2) * cost->decode;
 }
 
